@@ -1,0 +1,33 @@
+#ifndef QUORVIA_STORAGE_DIRECTORY_H
+#define QUORVIA_STORAGE_DIRECTORY_H
+
+#include <string>
+
+#include "storage/ErrorCode.h"
+
+namespace talvern {
+
+// Static directory helpers; no file-system exception leaves them. Any thread.
+class Directory {
+public:
+    // Mode of a directory made by sCreateDirectory (its last component only).
+    static const int kCreatedDirectoryMode = 0777;
+
+    virtual ~Directory() {}
+
+    // True if the path exists as anything at all, a regular file included; a
+    // path that can't be examined counts as missing (logged).
+    static bool sExists(const std::string& path);
+    // Makes the directory and its missing parents; the system error says how.
+    static ErrorCode sCreateDirectory(const std::string& path);
+    // Removes a whole tree (recursive) or one empty entry. A missing path is
+    // no error.
+    static ErrorCode sDelete(const std::string& path, bool recursive);
+    // True if ancestor is path or one of its parent directories, compared on
+    // bytes after cutting one trailing "/" from each; false if either is empty.
+    static bool sIsAncestorPath(const std::string& ancestor, const std::string& path);
+};
+
+}  // namespace talvern
+
+#endif

@@ -1,0 +1,149 @@
+#include "storage/File.h"
+
+#include <sys/stat.h>
+
+#include <boost/lexical_cast.hpp>
+#include <boost/thread/thread.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "system/Log.h"
+
+namespace fs = boost::filesystem;
+
+namespace talvern {
+
+bool File::sExists(const std::string& path) {
+    try {
+        return fs::exists(path);
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "File::sExists catch exception: " << e.what();
+    }
+    return false;
+}
+
+uint64_t File::sGetFileSize(const std::string& path) {
+    try {
+        if (fs::is_regular_file(path)) {
+            return fs::file_size(path);
+        }
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "File::sGetFileSize catch exception: " << e.what();
+    }
+    return 0;
+}
+
+fs::space_info File::sGetDiskSpaceInfo(const std::string& path) {
+    try {
+        return fs::space(path);
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "boost::filesystem::space(" << path << "), exception : " << e.what();
+    }
+    fs::space_info none;
+    none.capacity = none.free = none.available = 0;
+    return none;
+}
+
+ErrorCode File::sDelete(const std::string& path) {
+    ErrorCode result;
+    try {
+        if (!fs::exists(path)) {
+            return result;
+        }
+        if (fs::is_directory(path)) {
+            QLOG(ERROR) << "File delete with folder type. ignore it.";
+            return result;
+        }
+        boost::system::error_code ec;
+        fs::remove(path, ec);
+        result.setSystemError(ec);
+    } catch (const fs::filesystem_error& e) {
+        QLOG(ERROR) << "File::sDelete catch exception: " << e.what();
+        result.setSystemError(e.code());
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "File::sDelete catch exception: " << e.what();
+    }
+    return result;
+}
+
+namespace {
+
+void logOpenFailure(const std::string& path) {
+    const int error = errno;
+    QLOG(ERROR) << "open file " << path << " failed";
+    QLOG(ERROR) << std::strerror(error);
+}
+
+// Copies block by block; returns 0 or -1 (short write, logged).
+int copyBlocks(FILE* in, FILE* out) {
+    char block[File::kCopyBlockSize];
+    for (;;) {
+        const size_t bytesIn = std::fread(block, 1, sizeof block, in);
+        if (bytesIn == 0) {
+            return 0;
+        }
+        const size_t bytesOut = std::fwrite(block, 1, bytesIn, out);
+        if (bytesOut < bytesIn) {
+            const int error = errno;
+            QLOG(ERROR) << "copy file bytes_in=" << bytesIn << " bytes_out=" << bytesOut;
+            QLOG(ERROR) << std::strerror(error);
+            return -1;
+        }
+        boost::this_thread::interruption_point();
+    }
+}
+
+}  // namespace
+
+int File::sRawCopyFile(const std::string& from, const std::string& to) {
+    const std::string parent = fs::path(to).parent_path().string();
+    const uint64_t size = sGetFileSize(from);
+    if (sGetDiskSpaceInfo(parent).available < size + kCopyFreeSpaceMargin) {
+        QLOG(ERROR) << "copy error: No space left on device , from " << from << " to " << to
+                    << ", available space is " << sGetDiskSpaceInfo(parent).available << " byte";
+        return -2;
+    }
+    FILE* in = std::fopen(from.c_str(), "rb");
+    if (in == NULL) {
+        logOpenFailure(from);
+        return -1;
+    }
+    FILE* out = std::fopen(to.c_str(), "wb");
+    if (out == NULL) {
+        logOpenFailure(to);
+        std::fclose(in);
+        return -1;
+    }
+    int result = 0;
+    try {
+        result = copyBlocks(in, out);
+    } catch (const boost::thread_interrupted&) {
+        QLOG(ERROR) << "copy thread interrupted";
+        std::fclose(in);
+        std::fclose(out);
+        fs::remove(to);
+        return 1;
+    }
+    std::fclose(in);
+    std::fclose(out);
+    if (result == 0) {
+        chmod(to.c_str(), 0777);
+    }
+    return result;
+}
+
+ErrorCode File::sCopy(const std::string& from, const std::string& to) {
+    switch (sRawCopyFile(from, to)) {
+        case 0:
+            return ErrorCode();
+        case -2:
+            return ErrorCode(NO_SPACE_LEFT_ON_DEVICE);
+        case 1:
+            return ErrorCode(COPY_CANCELLED);
+        default:
+            return ErrorCode(FILE_COPY_FAILED);
+    }
+}
+
+}  // namespace talvern

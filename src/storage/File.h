@@ -1,0 +1,41 @@
+#ifndef QUORVIA_STORAGE_FILE_H
+#define QUORVIA_STORAGE_FILE_H
+
+#include <stdint.h>
+
+#include <boost/filesystem.hpp>
+#include <string>
+
+#include "storage/ErrorCode.h"
+
+namespace talvern {
+
+// Static file helpers. No file-system exception leaves them, except the one
+// from removing a cancelled copy's destination (sRawCopyFile). Any thread.
+class File {
+public:
+    // Free space a copy needs beyond the source's size.
+    static const uint64_t kCopyFreeSpaceMargin = 10485760;
+    // Bytes moved per step of the copy loop; the cancellation latency.
+    static const size_t kCopyBlockSize = 1024;
+
+    virtual ~File() {}
+
+    // True if the path exists as anything at all, a directory included.
+    static bool sExists(const std::string& path);
+    // Size of a regular file; 0 if missing or not regular.
+    static uint64_t sGetFileSize(const std::string& path);
+    // The file system's space figures for path; all zero on failure.
+    static boost::filesystem::space_info sGetDiskSpaceInfo(const std::string& path);
+    // Removes a file; a directory is left in place and reported as success.
+    static ErrorCode sDelete(const std::string& path);
+    // Copies in blocks: 0 copied, -1 open or write failed, -2 not enough free
+    // space, 1 the calling boost::thread was interrupted (no destination left).
+    static int sRawCopyFile(const std::string& from, const std::string& to);
+    // sRawCopyFile with its result as API code: 0, 1005, 1040 or 1061.
+    static ErrorCode sCopy(const std::string& from, const std::string& to);
+};
+
+}  // namespace talvern
+
+#endif

@@ -1,0 +1,90 @@
+#include "support/DeviceRootTest.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <boost/filesystem.hpp>
+#include <fstream>
+#include <sstream>
+
+namespace fs = boost::filesystem;
+
+namespace quorvia_test {
+
+namespace {
+
+void initLoggingOnce() {
+    if (!google::IsGoogleLoggingInitialized()) {
+        google::InitGoogleLogging("quorvia-test");
+    }
+    FLAGS_logtostderr = true;
+}
+
+std::string toolFileName(const std::string& key) {
+    std::string name(key);
+    for (size_t i = 0; i < name.size(); ++i) {
+        if (name[i] == '/') {
+            name[i] = '_';
+        }
+    }
+    return name;
+}
+
+}  // namespace
+
+std::string deviceToolsDir() { return std::string(QUORVIA_SOURCE_DIR) + "/tools/device"; }
+
+std::string sampleLocalizationDir() {
+    return std::string(QUORVIA_SOURCE_DIR) + "/data/localization";
+}
+
+void DeviceRootTest::SetUp() {
+    initLoggingOnce();
+    char pattern[] = "/tmp/quorvia-test-XXXXXX";
+    ASSERT_TRUE(mkdtemp(pattern) != NULL);
+    root_ = pattern;
+    setenv("QUORVIA_ROOT", root_.c_str(), 1);
+    const std::string searchPath = deviceToolsDir() + ":" + getenv("PATH");
+    setenv("PATH", searchPath.c_str(), 1);
+
+    fs::create_directories(path("/etc/talvernconfig"));
+    fs::create_directories(path("/sbin"));
+    fs::create_directories(path("/usr/sbin"));
+    fs::create_directories(path("/tmp"));
+    ASSERT_EQ(0, shell("cp -r '" + sampleLocalizationDir() + "' '" +
+                       path("/etc/talvernconfig/localization") + "'"));
+    fs::create_symlink(deviceToolsDir() + "/uci", path("/sbin/uci"));
+    fs::create_symlink(deviceToolsDir() + "/sysapi", path("/usr/sbin/sysapi"));
+}
+
+void DeviceRootTest::TearDown() {
+    if (!root_.empty()) {
+        shell("chmod -R u+rwx '" + root_ + "' 2>/dev/null; rm -rf '" + root_ + "'");
+    }
+}
+
+void DeviceRootTest::writeFile(const std::string& fixedPath, const std::string& content) const {
+    const fs::path target(path(fixedPath));
+    fs::create_directories(target.parent_path());
+    std::ofstream out(target.string().c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string DeviceRootTest::readFile(const std::string& fixedPath) const {
+    std::ifstream in(path(fixedPath).c_str(), std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void DeviceRootTest::setToolValue(const std::string& tool, const std::string& key,
+                                  const std::string& value) const {
+    writeFile("/device/" + tool + "/" + toolFileName(key), value);
+}
+
+int DeviceRootTest::shell(const std::string& command) {
+    const int status = system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace quorvia_test

@@ -1,0 +1,47 @@
+#ifndef QUORVIA_TESTS_SUPPORT_DEVICEROOTTEST_H
+#define QUORVIA_TESTS_SUPPORT_DEVICEROOTTEST_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/LogCapture.h"
+
+namespace quorvia_test {
+
+// Fixture for tests that touch the device: a private QUORVIA_ROOT under /tmp
+// holding the sample localisation folder and the stand-in tools (first on
+// PATH, and at /sbin/uci and /usr/sbin/sysapi under the root). Each ctest case
+// runs in a process of its own, so singletons built inside a test see this
+// root. Log lines are captured in log_.
+class DeviceRootTest : public ::testing::Test {
+protected:
+    virtual void SetUp();
+    virtual void TearDown();
+
+    const std::string& root() const { return root_; }
+    // A fixed device path ("/userdisk/data") under the test's root.
+    std::string path(const std::string& fixedPath) const { return root_ + fixedPath; }
+    // Writes content to a fixed device path under the root, making parents.
+    void writeFile(const std::string& fixedPath, const std::string& content) const;
+    std::string readFile(const std::string& fixedPath) const;
+    // What a stand-in tool ("uci", "nvram", "getdisk", "sysapi") prints for key.
+    void setToolValue(const std::string& tool, const std::string& key,
+                      const std::string& value) const;
+    // Runs a shell command (test set-up only) and returns its exit status.
+    static int shell(const std::string& command);
+
+    LogCapture log_;
+
+private:
+    std::string root_;
+};
+
+// Directory of the stand-in tools in the source tree.
+std::string deviceToolsDir();
+// The sample localisation folder in the source tree.
+std::string sampleLocalizationDir();
+
+}  // namespace quorvia_test
+
+#endif
