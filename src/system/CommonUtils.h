@@ -40,6 +40,32 @@ public:
 
     // ---- System commands and device identity (CommonUtilsCommands.cpp) ----
 
+    // Country code used when the device gives none: "CN".
+    static const std::string DEFAULTCOUNTRYCODE_;
+
+    // Commands go to the shell as they stand: callers escape what they pass.
+    // Exit code of the command run by system(); -1 when no shell could run.
+    static int sCallSystem(const std::string& command);
+    // true when the command could be started; output holds its trimmed
+    // standard output (whatever the exit status).
+    static bool sCallSystem(const std::string& command, std::string& output);
+    // Exit code of a popen()ed command whose output is not read; -1 on failure.
+    static int sCallPopenNoOutput(const std::string& command);
+    // Exit code of a popen()ed command; -1 on failure; output trimmed.
+    static int sCallPopenWithOutput(const std::string& command, std::string& output);
+
+    // Identity of the device, read from its tools at each call; empty when the
+    // tool couldn't run or printed nothing.
+    static std::string sGetRomVersion();
+    static std::string sGetRomChannel();
+    static std::string sGetRomSN();
+    static std::string sGetDeviceId();
+    // Never empty; worked out once per process and cached.
+    static std::string sGetCountryCode();
+    // true when version (three numbers) is lower than or equal to the
+    // firmware's version; false on any malformed input.
+    static bool sCheckIsLowerVersionThanCurrentRom(std::string version);
+
     // ---- Directory filter (CommonUtilsDirFilter.cpp) ----
 
     // ---- Path and name utilities (CommonUtilsPaths.cpp) ----
