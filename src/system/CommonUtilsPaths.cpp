@@ -322,7 +322,8 @@ std::string CommonUtils::sGetDuplicatePath(const std::string& path) {
 }
 
 // An empty path names nothing and gives false. When no component is left, an
-// absolute path is the root "/" alone (not "//"), a relative one is empty.
+// absolute path is the root "/" alone (not "//") and a relative one is empty
+// (never "/", which would turn it into the root).
 bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result) {
     if (path.empty()) {
         return false;
@@ -347,8 +348,8 @@ bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result)
         joined += (i == 0 ? "" : "/") + components[i];
     }
     const bool absolute = path[0] == '/';
-    if (absolute && components.empty()) {
-        result = "/";
+    if (components.empty()) {
+        result = absolute ? "/" : "";
         return true;
     }
     result = (absolute ? "/" : "") + joined + (path[path.size() - 1] == '/' ? "/" : "");
