@@ -69,6 +69,8 @@ std::string counterName(const NameParts& parts, const std::string& name) {
     return parts.parent.empty() ? file : parts.parent + "/" + file;
 }
 
+// Always parent + "/": callers of the word rule pass absolute paths, and a
+// bare name is taken as one at the root.
 std::string wordName(const NameParts& parts, const std::string& stem, int counter) {
     std::string name = parts.parent + "/" + stem + kCopyWord;
     if (counter > 0) {

@@ -206,7 +206,10 @@ extern "C" int find_mac_attribute_from_macfilter(const char* mac, const char* at
 // The MAC stands between single quotes in a shell command, so anything but a
 // plain MAC is refused before a command exists: no caller text reaches a shell.
 extern "C" int find_mac_attribute_from_macfilter_command(const char* mac, const char* attribute) {
-    if (attribute == NULL || !talvern::MacFilter::sIsPlainMac(mac)) {
+    if (attribute == NULL) {
+        return 0;
+    }
+    if (!talvern::MacFilter::sIsPlainMac(mac)) {
         QLOG(INFO) << "find_mac_attribute_from_macfilter_command: refused a mac that isn't plain";
         return 0;
     }

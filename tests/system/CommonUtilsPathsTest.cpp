@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -161,6 +162,7 @@ TEST_F(CommonUtilsPathsTest, TimeTexts) {
     tzset();
     EXPECT_EQ("1970-01-01T00:00:00", CommonUtils::sConvertTimeFormat(0));
     EXPECT_EQ("2023-11-14T22:13:20", CommonUtils::sConvertTimeFormat(1700000000L));
+    EXPECT_EQ("", CommonUtils::sConvertTimeFormat(LONG_MAX));
 
     const long before = static_cast<long>(time(NULL));
     const long now = std::stol(CommonUtils::sGetNowTimeStamp());

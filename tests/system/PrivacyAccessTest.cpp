@@ -190,6 +190,23 @@ TEST_F(PrivacyAccessTest, CommandRouteReadsToolLine) {
     EXPECT_EQ(0u, readFile("/device/sysapi/calls").find("macfilter\nget\nmac=00:11:22:33:44:55\n\n"));
 }
 
+TEST_F(PrivacyAccessTest, CommandRouteLimits) {
+    const std::string fixedPart = path("/usr/sbin/sysapi") + " macfilter get 'mac=" + "' > " +
+                                  toolOutputPath();
+    const size_t longestMac = talvern::MacFilter::kMaxCommandLength - fixedPart.size();
+    const std::string fits(longestMac, 'a');
+    setToolValue("sysapi", "mac=" + fits, std::string(254, ' ') + "pridisk=yes");
+    EXPECT_EQ(0, find_mac_attribute_from_macfilter_command(fits.c_str(), "pridisk"));
+    EXPECT_TRUE(sysapiCalled());
+    setToolValue("sysapi", "mac=" + fits, std::string(244, ' ') + "pridisk=yes");
+    EXPECT_EQ(1, find_mac_attribute_from_macfilter_command(fits.c_str(), "pridisk"));
+
+    boost::filesystem::remove(path("/device/sysapi/calls"));
+    const std::string tooLong(longestMac + 1, 'a');
+    EXPECT_EQ(0, find_mac_attribute_from_macfilter_command(tooLong.c_str(), "pridisk"));
+    EXPECT_FALSE(sysapiCalled());
+}
+
 TEST_F(PrivacyAccessTest, CommandRouteNeverWritesThroughPlantedLink) {
     setToolValue("sysapi", "mac=00:11:22:33:44:55", "pridisk=yes");
     writeFile("/victim", "keep");
