@@ -61,14 +61,6 @@ TEST(CommonUtilsNames, TrimAllFoldsBlanks) {
     CommonUtils::sTrimAll(NULL);
 }
 
-TEST(CommonUtilsNames, HttpCodeSucceedOnly200And206) {
-    EXPECT_TRUE(CommonUtils::sIsHttpCodeSucceed(200));
-    EXPECT_TRUE(CommonUtils::sIsHttpCodeSucceed(206));
-    EXPECT_FALSE(CommonUtils::sIsHttpCodeSucceed(204));
-    EXPECT_FALSE(CommonUtils::sIsHttpCodeSucceed(0));
-    EXPECT_FALSE(CommonUtils::sIsHttpCodeSucceed(404));
-}
-
 TEST_F(CommonUtilsPathsTest, InvalidCharsAreTheNineAndLoggedOnce) {
     const std::string invalid = "\\:*?\"<>|;";
     for (size_t i = 0; i < invalid.size(); ++i) {
