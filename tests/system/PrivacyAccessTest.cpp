@@ -47,7 +47,12 @@ const char* const kFilter =
     "\toption pridisk 'yes'\n"
     "config mac\n"
     "\toption mac '00:11:22:33:44:5'\n"
-    "\toption lan 'yes'\n";
+    "\toption lan 'yes'\n"
+    "config mac\n"
+    "\toption pridisk 'yes'\n"
+    "config mac\n"
+    "\toption mac '00:11:22:33:44:ab0'\n"
+    "\toption pridisk 'yes'\n";
 
 struct Question {
     const char* mac;
@@ -69,6 +74,8 @@ const Question kQuestions[] = {
     {"00:11:22:33:44:99", "pridisk", 0},
     {"00:11:22:33:44:5", "pridisk", 1},
     {"00:11:22:33:44:550", "pridisk", 0},
+    {"00:11:22:33:44:ab", "pridisk", 1},
+    {"00:11:22:33:44:ab0", "pridisk", 0},
     {"12:34:56:78:9a:bc", "pridisk", 0},
     {"12:34:56:78:9a:bc", "lan", 1},
     {"", "pridisk", 0},
