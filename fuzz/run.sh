@@ -7,7 +7,7 @@ seconds=$2
 here=$(cd "$(dirname "$0")" && pwd)
 status=0
 for target in "$build_dir"/fuzz/*Fuzz; do
-    [ -x "$target" ] || continue
+    [ -f "$target" ] && [ -x "$target" ] || continue
     name=$(basename "$target")
     work="$build_dir/fuzz/work-$name"
     mkdir -p "$work"
