@@ -405,3 +405,21 @@ TEST_F(QuorviaDBMgrTest, UnlockedReadsRunBesideLockedWriters) {
 }
 
 }  // namespace
+
+namespace {
+
+class QuorviaDBMgrInstanceTest : public quorvia_test::DeviceRootTest {};
+
+TEST_F(QuorviaDBMgrInstanceTest, DaemonStoreLivesInTheDatabaseFolder) {
+    QuorviaDBMgr& store = QuorviaDBMgr::sGetInstance();
+    EXPECT_EQ(&store, &QuorviaDBMgr::sGetInstance());
+    QuorviaContext context;
+    context.hash = "h";
+    context.path = "/userdisk/data/a.jpg";
+    context.metadata.title = "a.jpg";
+    ASSERT_TRUE(store.insertToDB(context));
+    const std::string file = path("/userdisk/data/.systemconfig/DataBase/quorvia.db");
+    EXPECT_EQ(std::set<std::string>{"/userdisk/data/a.jpg"}, RawDb(file).paths());
+}
+
+}  // namespace
