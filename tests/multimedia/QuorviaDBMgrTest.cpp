@@ -89,6 +89,33 @@ TEST_F(QuorviaDBMgrTest, FreshFileGetsBothTablesThePathIndexAndNoVersionRow) {
               raw.column("SELECT sql FROM sqlite_master WHERE name='quorvia'"));
 }
 
+// Lookups by path walk the PATH index rather than the whole table.
+TEST_F(QuorviaDBMgrTest, PathStatementsUseThePathIndex) {
+    QuorviaDBMgr store(dbPath());
+    const char* statements[] = {
+        "SELECT rowid, Path FROM quorvia WHERE Path = 'a' OR (Path >= 'a/' AND Path < 'a0')",
+        "DELETE FROM quorvia WHERE Path='a';", "UPDATE quorvia SET PATH ='b' WHERE PATH='a';",
+        "SELECT HASH FROM quorvia WHERE PATH='a';"};
+    for (const char* statement : statements) {
+        SCOPED_TRACE(statement);
+        sqlite3* db = NULL;
+        sqlite3_open(dbPath().c_str(), &db);
+        sqlite3_stmt* stmt = NULL;
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("EXPLAIN QUERY PLAN ") +
+                                                     statement).c_str(),
+                                                -1, &stmt, NULL));
+        std::string details;
+        while (sqlite3_step(stmt) == SQLITE_ROW) {
+            details += reinterpret_cast<const char*>(sqlite3_column_text(stmt, 3));
+            details += ";";
+        }
+        sqlite3_finalize(stmt);
+        sqlite3_close(db);
+        EXPECT_NE(std::string::npos, details.find("INDEX quorvia_path")) << details;
+        EXPECT_EQ(std::string::npos, details.find("SCAN")) << details;
+    }
+}
+
 TEST_F(QuorviaDBMgrTest, ConnectionIsSerializedSoTheUnlockedReadIsSafe) {
     EXPECT_EQ(1, sqlite3_threadsafe());
 }
