@@ -1,9 +1,7 @@
 #include "tools/HashCalculator.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -128,12 +126,6 @@ TEST_F(HashCalculatorTest, OnlySampledBytesCount) {
     }
 }
 
-TEST_F(HashCalculatorTest, DigestIsFortyLowerCaseHexDigits) {
-    const std::string digest = HashCalculator::calcFile(write("x", pattern(999)));
-    ASSERT_EQ(40u, digest.size());
-    EXPECT_EQ(std::string::npos, digest.find_first_not_of("0123456789abcdef"));
-}
-
 TEST_F(HashCalculatorTest, MissingOrEmptyPathGivesEmptyHashAndOneLine) {
     EXPECT_EQ("", HashCalculator::calcFile(""));
     EXPECT_EQ(1, log_.count("path is empty when calculate file hash.", google::GLOG_ERROR));
@@ -166,16 +158,6 @@ TEST_F(HashCalculatorTest, AnythingButARegularFileHasNoHashAndNeverBlocks) {
     }
     EXPECT_EQ(4, log_.count("open file fail when calc file hash.", google::GLOG_ERROR));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-}
-
-TEST_F(HashCalculatorTest, UnreadableFileGivesEmptyHash) {
-    const std::string file = write("secret", "abc");
-    chmod(file.c_str(), 0);
-    if (geteuid() == 0) {
-        GTEST_SKIP() << "root reads any file";
-    }
-    EXPECT_EQ("", HashCalculator::calcFile(file));
-    EXPECT_EQ("", HashCalculator::calcFile(file, 128));
 }
 
 // A file whose content ends before its stated size (as one that shrinks while
