@@ -23,9 +23,9 @@ namespace quorvia {
 class QuorviaDBMgr {
 public:
     // Schema version this build expects.
-    static const unsigned int sDBVersion_ = 0;
+    static constexpr unsigned int sDBVersion_ = 0;
     // Streaming buffer of the file hash computed by getFileHash, in KiB.
-    static const unsigned int kHashBufferKiB = 128;
+    static constexpr unsigned int kHashBufferKiB = 128;
 
     // The daemon's store, on ConfigInfo's database folder; opened on first use.
     static QuorviaDBMgr& sGetInstance();
