@@ -186,7 +186,8 @@ inline void appendBigEndian(std::string& out, uint32_t value) {
 }
 
 // A PNG signature and IHDR chunk claiming width x height (its CRC right
-// unless breakCrc), and nothing after: enough for a header reader.
+// unless breakCrc), then the start of an IDAT chunk with no data: enough
+// for a header reader, nothing for a decoder.
 inline std::string pngHeader(uint32_t width, uint32_t height, bool breakCrc) {
     std::string body("IHDR");
     appendBigEndian(body, width);
@@ -198,7 +199,35 @@ inline std::string pngHeader(uint32_t width, uint32_t height, bool breakCrc) {
     appendBigEndian(png, 13);
     png += body;
     appendBigEndian(png, crc.checksum() ^ (breakCrc ? 1u : 0u));
-    return png;
+    appendBigEndian(png, 100);
+    return png + "IDAT";
+}
+
+// A GIF of frames copies of the one frame in oneFrameGif, written by hand
+// (ImageMagick takes minutes to write a thousand frames).
+inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
+    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
+    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
+    const size_t framesStart = 13 + tableSize;
+    const std::string frame =
+        oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
+    std::string gif = oneFrameGif.substr(0, framesStart);
+    for (int i = 0; i < frames; ++i) {
+        gif += frame;
+    }
+    return gif + ";";
+}
+
+// oneFrameGif with its screen and its first frame claiming width pixels.
+inline std::string gifClaimingWidth(std::string oneFrameGif, int width) {
+    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
+    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
+    const size_t descriptor = oneFrameGif.find(',', 13 + tableSize);
+    for (size_t at : {size_t(6), descriptor + 5}) {
+        oneFrameGif[at] = static_cast<char>(width & 0xFF);
+        oneFrameGif[at + 1] = static_cast<char>(width >> 8);
+    }
+    return oneFrameGif;
 }
 
 }  // namespace quorvia_test
