@@ -58,7 +58,7 @@ inline bool makeRedBlue(const std::string& path, int width, int height, bool noi
     const std::string half = std::to_string(width / 2) + "x" + std::to_string(height);
     return makeImage("-size " + half + " 'xc:rgb(200,40,40)' -size " + half +
                          " 'xc:rgb(40,40,200)' +append " +
-                         (noisy ? "-attenuate 2 +noise Gaussian " : "") + options,
+                         (noisy ? "-seed 1 -attenuate 2 +noise Gaussian " : "") + options,
                      path);
 }
 

@@ -159,8 +159,10 @@ TEST_F(ImageUtilJpegTest, DamagedAndUnsupportedFilesTakeTheErrorRoute) {
     writeAll(midScan, bytes.substr(0, bytes.size() / 2));
     const std::string corrupt = dir_ + "/corrupt.jpg";
     std::string damaged(bytes);
-    for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 64; ++i) {
-        damaged[i] = static_cast<char>(0xA5);
+    // Restart markers in the middle of entropy-coded data, where none belong.
+    for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 64; i += 2) {
+        damaged[i] = static_cast<char>(0xFF);
+        damaged[i + 1] = static_cast<char>(0xD0 + i % 8);
     }
     writeAll(corrupt, damaged);
     const std::string notJpeg = dir_ + "/text.jpg";
@@ -175,6 +177,7 @@ TEST_F(ImageUtilJpegTest, DamagedAndUnsupportedFilesTakeTheErrorRoute) {
         EXPECT_FALSE(bufferReturned_) << source;
         EXPECT_FALSE(exists(target)) << source;
         EXPECT_TRUE(log_.contains("libjpeg: ", google::GLOG_ERROR)) << source;
+        unlink(target.c_str());
     }
 }
 
