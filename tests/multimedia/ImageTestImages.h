@@ -62,11 +62,14 @@ inline bool makeRedBlue(const std::string& path, int width, int height, bool noi
                      path);
 }
 
-// Embeds a red/blue EXIF thumbnail of 160x120 and sets the orientation.
+// Embeds a red/blue EXIF thumbnail of 160x120 (made once per scratchDir)
+// and sets the orientation.
 inline bool addExifThumbnail(const std::string& path, int orientation,
                              const std::string& scratchDir) {
     const std::string thumb = scratchDir + "/exif-thumb.jpg";
-    return makeRedBlue(thumb, 160, 120, false, "-quality 80") &&
+    struct stat info;
+    const bool made = stat(thumb.c_str(), &info) == 0;
+    return (made || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
            runQuietly("exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
                       "' -Orientation#=" + std::to_string(orientation) + " " +
                       singleQuoted(path));

@@ -181,11 +181,11 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     EXPECT_EQ(1, log_.count("no need to generate thumbnail for camera raw image"));
 
     const std::string png = dir_ + "/big.png";
-    ASSERT_TRUE(makeRedBlue(png, 1000, 800, true));
+    ASSERT_TRUE(makeRedBlue(png, 600, 450, true, "-depth 8"));
     ASSERT_GT(readAll(png).size(), ImageUtil::kCopyWithoutResizeSize);
     EXPECT_EQ(0, util_.getThumbnail(png, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(smallRoot_ + png, thumb);
-    EXPECT_EQ("375x300", geometryOf(thumb));
+    EXPECT_EQ("400x300", geometryOf(thumb));
     EXPECT_EQ(1, log_.count("generate thumb for not jpg file."));
 
     const std::string tiny = dir_ + "/tiny.gif";
@@ -194,7 +194,7 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     EXPECT_EQ(readAll(tiny), readAll(thumb));
 
     const std::string wide = dir_ + "/wide.png";
-    ASSERT_TRUE(makeRedBlue(wide, 2002, 300, true));
+    ASSERT_TRUE(makeRedBlue(wide, 2002, 300, true, "-depth 8"));
     EXPECT_EQ(-1, util_.getThumbnail(wide, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("", thumb);
     EXPECT_FALSE(exists(smallRoot_ + wide));
