@@ -147,6 +147,21 @@ public:
 
     // ---- File-type classification (CommonUtilsFileTypes.cpp) ----
 
+    // Kind of a file told from its name alone; nothing is opened. The suffix
+    // predicates test the end of the whole argument, case ignored, so a full
+    // path serves as well as a name.
+    static bool sIsImage(const std::string& path);
+    static bool sIsCameraRawImage(const std::string& path);
+    // extension is ".jpg" and the like, dot included; a path or name is false.
+    // Camera raw formats are not supported.
+    static bool sIsSupportedImage(const std::string& extension);
+    static bool sIsAudio(const std::string& path);
+    static bool sIsVideo(const std::string& path);
+    static bool sIsDocument(const std::string& path);
+    // True for a video whose bare file name (no directory) has the form that
+    // cameras and telephones give ("VID_20140101_120000.mp4", "00012.mts").
+    static bool sIsAutodyneVideo(std::string name);
+
     // ---- Privacy access control (CommonUtilsPrivacy.cpp) ----
 
     // true when the MAC filter entry whose MAC hashes (MD5, hex in any case)

@@ -1,0 +1,40 @@
+#ifndef QUORVIA_SYSTEM_IMAGEUTILS_H
+#define QUORVIA_SYSTEM_IMAGEUTILS_H
+
+#include <stdio.h>
+
+#include <string>
+
+namespace talvern {
+
+// Resizing through ImageMagick's command-line tools, run as external
+// programs found through PATH. Any thread.
+class ImageUtils {
+public:
+    // Results of resizeImage.
+    static constexpr int kResizeFailed = 0;
+    static constexpr int kResizeDone = 1;
+    static constexpr int kResizeRefused = 2;
+    // Longest side resizeImage accepts; 2001 is refused.
+    static constexpr unsigned int kMaxSide = 2000;
+
+    virtual ~ImageUtils() {}
+
+    // Shrinks source into target as a width x height thumbnail: identify reads
+    // its geometry, convert writes target (whose directory must exist).
+    // kResizeDone, kResizeRefused for a source larger than kMaxSide on a side,
+    // kResizeFailed when identify failed, printed no readable geometry for the
+    // source, convert failed, or source is not a readable regular file.
+    int resizeImage(const std::string& source, const std::string& target, int width, int height);
+
+    // Opens path for reading only if it is a regular file, without blocking
+    // on a FIFO or device; NULL otherwise (errno tells why). Caller fcloses.
+    static FILE* sOpenRegularFile(const std::string& path);
+    // path between double quotes for the shell, with ", \, $ and ` escaped so
+    // that nothing in it can end the quotes or expand.
+    static std::string sQuoteForShell(const std::string& path);
+};
+
+}  // namespace talvern
+
+#endif

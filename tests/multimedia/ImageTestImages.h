@@ -1,0 +1,238 @@
+#ifndef QUORVIA_TESTS_MULTIMEDIA_IMAGETESTIMAGES_H
+#define QUORVIA_TESTS_MULTIMEDIA_IMAGETESTIMAGES_H
+
+// Images made at test time with ImageMagick (the real binaries under
+// /usr/bin, not whatever PATH holds) and exiftool, and the checks that decode
+// results. Set-up only: failures here fail the test.
+
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include <jpeglib.h>
+
+#include <boost/crc.hpp>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace quorvia_test {
+
+inline std::string singleQuoted(const std::string& text) {
+    std::string quoted("'");
+    for (char c : text) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+inline std::string commandOutput(const std::string& command) {
+    std::string output;
+    FILE* stream = popen(command.c_str(), "r");
+    if (stream == NULL) {
+        return output;
+    }
+    char block[4096];
+    size_t got = 0;
+    while ((got = fread(block, 1, sizeof block, stream)) > 0) {
+        output.append(block, got);
+    }
+    pclose(stream);
+    return output;
+}
+
+inline bool runQuietly(const std::string& command) {
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// convert with arguments, writing path.
+inline bool makeImage(const std::string& arguments, const std::string& path) {
+    return runQuietly("/usr/bin/convert " + arguments + " " + singleQuoted(path));
+}
+
+// A width x height picture, red on its left half and blue on its right,
+// with noise (large files) or without (small files).
+inline bool makeRedBlue(const std::string& path, int width, int height, bool noisy,
+                        const std::string& options = "") {
+    const std::string half = std::to_string(width / 2) + "x" + std::to_string(height);
+    return makeImage("-size " + half + " 'xc:rgb(200,40,40)' -size " + half +
+                         " 'xc:rgb(40,40,200)' +append " +
+                         (noisy ? "-seed 1 -attenuate 2 +noise Gaussian " : "") + options,
+                     path);
+}
+
+// Embeds a red/blue EXIF thumbnail of 160x120 (made once per scratchDir)
+// and sets the orientation.
+inline bool addExifThumbnail(const std::string& path, int orientation,
+                             const std::string& scratchDir) {
+    const std::string thumb = scratchDir + "/exif-thumb.jpg";
+    struct stat info;
+    const bool made = stat(thumb.c_str(), &info) == 0;
+    return (made || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
+           runQuietly("exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
+                      "' -Orientation#=" + std::to_string(orientation) + " " +
+                      singleQuoted(path));
+}
+
+// "WxH" of the first frame, empty when the file doesn't decode.
+inline std::string geometryOf(const std::string& path) {
+    return commandOutput("/usr/bin/identify -format '%wx%h\\n' " + singleQuoted(path) +
+                         " 2>/dev/null | head -n 1 | tr -d '\\n'");
+}
+
+inline int frameCount(const std::string& path) {
+    return std::stoi("0" + commandOutput("/usr/bin/identify " + singleQuoted(path) +
+                                         " 2>/dev/null | wc -l | tr -d ' \\n'"));
+}
+
+// The colours of the picture's quarters, row by row: "RBRB" for an upright
+// red/blue picture, "RRBB" turned a quarter clockwise, "BRBR" upside down,
+// "BBRR" a quarter anticlockwise.
+inline std::string quarters(const std::string& path) {
+    return commandOutput("/usr/bin/convert " + singleQuoted(path) +
+                         "[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
+                         "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
+}
+
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void writeAll(const std::string& path, const std::string& content) {
+    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+inline bool exists(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0;
+}
+
+// Offset of the first SOF marker's height field, npos if none.
+inline size_t sofDimensionsOffset(const std::string& jpeg) {
+    for (size_t i = 2; i + 9 < jpeg.size(); ++i) {
+        const unsigned char marker = static_cast<unsigned char>(jpeg[i + 1]);
+        if (static_cast<unsigned char>(jpeg[i]) == 0xFF &&
+            (marker == 0xC0 || marker == 0xC1 || marker == 0xC2)) {
+            return i + 5;
+        }
+    }
+    return std::string::npos;
+}
+
+// The JPEG with its frame header claiming width x height.
+inline std::string withClaimedSize(std::string jpeg, int width, int height) {
+    const size_t at = sofDimensionsOffset(jpeg);
+    if (at != std::string::npos) {
+        jpeg[at] = static_cast<char>(height >> 8);
+        jpeg[at + 1] = static_cast<char>(height & 0xFF);
+        jpeg[at + 2] = static_cast<char>(width >> 8);
+        jpeg[at + 3] = static_cast<char>(width & 0xFF);
+    }
+    return jpeg;
+}
+
+// A valid progressive grey JPEG of width x height that sends its AC
+// coefficients one per scan in two steps of precision: 127 scans, many more
+// than any encoder writes by default.
+inline bool writeManyScanJpeg(const std::string& path, int width, int height, int* scanCount) {
+    FILE* out = fopen(path.c_str(), "wb");
+    if (out == NULL) {
+        return false;
+    }
+    jpeg_compress_struct cinfo;
+    jpeg_error_mgr errors;
+    cinfo.err = jpeg_std_error(&errors);
+    jpeg_create_compress(&cinfo);
+    jpeg_stdio_dest(&cinfo, out);
+    cinfo.image_width = width;
+    cinfo.image_height = height;
+    cinfo.input_components = 1;
+    cinfo.in_color_space = JCS_GRAYSCALE;
+    jpeg_set_defaults(&cinfo);
+    // DC first, then each AC coefficient alone at one bit less precision,
+    // then each refined.
+    std::vector<jpeg_scan_info> script;
+    jpeg_scan_info dc = {1, {0, 0, 0, 0}, 0, 0, 0, 0};
+    script.push_back(dc);
+    for (int al = 1; al >= 0; --al) {
+        for (int k = 1; k < 64; ++k) {
+            jpeg_scan_info ac = {1, {0, 0, 0, 0}, k, k, al == 1 ? 0 : 1, al};
+            script.push_back(ac);
+        }
+    }
+    cinfo.scan_info = script.data();
+    cinfo.num_scans = static_cast<int>(script.size());
+    jpeg_start_compress(&cinfo, TRUE);
+    std::vector<JSAMPLE> row(width);
+    for (int x = 0; x < width; ++x) {
+        row[x] = static_cast<JSAMPLE>(x * 7);
+    }
+    while (cinfo.next_scanline < cinfo.image_height) {
+        JSAMPROW rows[1] = {row.data()};
+        jpeg_write_scanlines(&cinfo, rows, 1);
+    }
+    jpeg_finish_compress(&cinfo);
+    jpeg_destroy_compress(&cinfo);
+    fclose(out);
+    *scanCount = cinfo.num_scans;
+    return true;
+}
+
+inline void appendBigEndian(std::string& out, uint32_t value) {
+    out += static_cast<char>(value >> 24);
+    out += static_cast<char>((value >> 16) & 0xFF);
+    out += static_cast<char>((value >> 8) & 0xFF);
+    out += static_cast<char>(value & 0xFF);
+}
+
+// A PNG signature and IHDR chunk claiming width x height (its CRC right
+// unless breakCrc), then the start of an IDAT chunk with no data: enough
+// for a header reader, nothing for a decoder.
+inline std::string pngHeader(uint32_t width, uint32_t height, bool breakCrc) {
+    std::string body("IHDR");
+    appendBigEndian(body, width);
+    appendBigEndian(body, height);
+    body += std::string("\x08\x02\x00\x00\x00", 5);
+    boost::crc_32_type crc;
+    crc.process_bytes(body.data(), body.size());
+    std::string png("\x89PNG\r\n\x1a\n", 8);
+    appendBigEndian(png, 13);
+    png += body;
+    appendBigEndian(png, crc.checksum() ^ (breakCrc ? 1u : 0u));
+    appendBigEndian(png, 100);
+    return png + "IDAT";
+}
+
+// A GIF of frames copies of the one frame in oneFrameGif, written by hand
+// (ImageMagick takes minutes to write a thousand frames).
+inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
+    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
+    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
+    const size_t framesStart = 13 + tableSize;
+    const std::string frame =
+        oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
+    std::string gif = oneFrameGif.substr(0, framesStart);
+    for (int i = 0; i < frames; ++i) {
+        gif += frame;
+    }
+    return gif + ";";
+}
+
+// oneFrameGif with its screen and its first frame claiming width pixels.
+inline std::string gifClaimingWidth(std::string oneFrameGif, int width) {
+    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
+    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
+    const size_t descriptor = oneFrameGif.find(',', 13 + tableSize);
+    for (size_t at : {size_t(6), descriptor + 5}) {
+        oneFrameGif[at] = static_cast<char>(width & 0xFF);
+        oneFrameGif[at + 1] = static_cast<char>(width >> 8);
+    }
+    return oneFrameGif;
+}
+
+}  // namespace quorvia_test
+
+#endif

@@ -1,0 +1,282 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/thread/thread.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "multimedia/ImageTestImages.h"
+#include "multimedia/ImageUtil.h"
+#include "support/DeviceRootTest.h"
+
+using talvern::ImageUtil;
+using namespace quorvia_test;
+
+namespace {
+
+class ImageUtilJpegTest : public DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        dir_ = root() + "/images";
+        ASSERT_EQ(0, mkdir(dir_.c_str(), 0755));
+    }
+
+    // resizeJpeg, unchunked; the buffer is freed here.
+    int resize(const std::string& source, const std::string& target, int targetWidth = 1280,
+               int targetHeight = 720) {
+        std::string dst(target);
+        unsigned char* buffer = reinterpret_cast<unsigned char*>(1);
+        unsigned long size = 1;
+        srcWidth_ = srcHeight_ = outWidth_ = outHeight_ = -7;
+        const int result = util_.resizeJpeg(source, dst, &buffer, &size, &srcWidth_, &srcHeight_,
+                                            targetWidth, targetHeight, &outWidth_, &outHeight_, 0);
+        bufferReturned_ = buffer != NULL;
+        bufferSize_ = size;
+        std::free(buffer);
+        return result;
+    }
+
+    ImageUtil util_;
+    std::string dir_;
+    int srcWidth_, srcHeight_, outWidth_, outHeight_;
+    bool bufferReturned_;
+    unsigned long bufferSize_;
+};
+
+}  // namespace
+
+TEST(ImageUtilSampleSize, TableForTheMiddleTarget) {
+    struct Case {
+        int width, height, raw, factor;
+    } const cases[] = {
+        {800, 600, 1, 1},     {1280, 720, 1, 1},   {720, 1280, 1, 1},
+        {1281, 721, 2, 2},    {1920, 1080, 2, 2},  {3264, 2448, 3, 4},
+        {4000, 3000, 4, 4},   {6000, 4000, 6, 8},  {10000, 10000, 11, 16},
+    };
+    ImageUtil util;
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, 1280, 921600))
+            << c.width << "x" << c.height;
+        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, 1280, 921600))
+            << c.width << "x" << c.height;
+    }
+}
+
+TEST(ImageUtilSampleSize, AbsentBoundsAndRounding) {
+    ImageUtil util;
+    EXPECT_EQ(1, util.computeInitialSampleSize(5000, 5000, -1, -1));
+    // Only a pixel bound: lowBound, as highBound is 128.
+    EXPECT_EQ(5, util.computeInitialSampleSize(5000, 5000, -1, 1000000));
+    EXPECT_EQ(8, util.computeSampleSize(5000, 5000, -1, 1000000));
+    // Only a side bound.
+    EXPECT_EQ(3, util.computeInitialSampleSize(3000, 4000, 1000, -1));
+    // Factors above 8 round up to a multiple of 8; nothing gives below 1.
+    EXPECT_EQ(24, util.computeSampleSize(17000, 17000, 1000, -1));
+    EXPECT_EQ(1, util.computeSampleSize(10, 10, 1280, 921600));
+}
+
+TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReduced) {
+    for (const std::string& options : {std::string(""), std::string("-interlace Plane")}) {
+        const std::string source = dir_ + "/big.jpg";
+        const std::string target = dir_ + "/small.jpg";
+        ASSERT_TRUE(makeRedBlue(source, 3264, 2448, false, options + " -quality 80"));
+        EXPECT_EQ(0, resize(source, target)) << options;
+        EXPECT_TRUE(bufferReturned_);
+        EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), bufferSize_);
+        EXPECT_EQ(3264, srcWidth_);
+        EXPECT_EQ(2448, srcHeight_);
+        EXPECT_EQ(816, outWidth_);
+        EXPECT_EQ(612, outHeight_);
+        EXPECT_EQ("816x612", geometryOf(target));
+        EXPECT_EQ("RBRB", quarters(target));
+        EXPECT_EQ(1, log_.count("scale(1, 4) origin(3264, 2448) target(1280, 720)"));
+        EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + target +
+                                ", isUseChunk 0"));
+        log_.clear();
+        unlink(target.c_str());
+    }
+}
+
+TEST_F(ImageUtilJpegTest, OutputLargerThanFirstBufferGrowsWithoutLoss) {
+    const std::string source = dir_ + "/noise.jpg";
+    const std::string target = dir_ + "/noise-small.jpg";
+    ASSERT_TRUE(makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
+    EXPECT_EQ(0, resize(source, target, 1300, 1300));
+    EXPECT_GT(bufferSize_, static_cast<unsigned long>(ImageUtil::kFirstBufferSize));
+    EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), bufferSize_);
+    EXPECT_EQ("1300x1300", geometryOf(target));
+}
+
+TEST_F(ImageUtilJpegTest, NoScalingMeansAByteForByteCopyAndMinusOne) {
+    const std::string source = dir_ + "/hd.jpg";
+    const std::string target = dir_ + "/hd-copy.jpg";
+    ASSERT_TRUE(makeRedBlue(source, 1280, 720, false));
+    EXPECT_EQ(-1, resize(source, target));
+    EXPECT_FALSE(bufferReturned_);
+    EXPECT_EQ(0u, bufferSize_);
+    EXPECT_EQ(1280, srcWidth_);
+    EXPECT_EQ(720, outHeight_);
+    EXPECT_EQ(readAll(source), readAll(target));
+    EXPECT_EQ(1, log_.count("no need to scale"));
+}
+
+TEST_F(ImageUtilJpegTest, SideLimitRefusesBeforeDecoding) {
+    const std::string small = dir_ + "/strip.jpg";
+    ASSERT_TRUE(makeRedBlue(small, 64, 16, false));
+    const std::string original = readAll(small);
+    struct Case {
+        int width, height;
+        bool refused;
+    } const cases[] = {{10000, 16, false}, {10001, 16, true}, {16, 10001, true},
+                       {65000, 65000, true}};
+    for (const Case& c : cases) {
+        const std::string source = dir_ + "/claimed.jpg";
+        const std::string target = dir_ + "/claimed-out.jpg";
+        writeAll(source, withClaimedSize(original, c.width, c.height));
+        log_.clear();
+        EXPECT_EQ(-1, resize(source, target)) << c.width << "x" << c.height;
+        const std::string line = "image too large, jpeg width is " + std::to_string(c.width) +
+                                 " and jpeg height is " + std::to_string(c.height);
+        EXPECT_EQ(c.refused ? 1 : 0, log_.count(line)) << line;
+        EXPECT_EQ(!c.refused, exists(target)) << c.width << "x" << c.height;
+        unlink(target.c_str());
+    }
+}
+
+TEST_F(ImageUtilJpegTest, DamagedAndUnsupportedFilesTakeTheErrorRoute) {
+    const std::string whole = dir_ + "/whole.jpg";
+    ASSERT_TRUE(makeRedBlue(whole, 2000, 1500, true, "-quality 80"));
+    const std::string bytes = readAll(whole);
+    const std::string gray = dir_ + "/gray.jpg";
+    ASSERT_TRUE(makeRedBlue(gray, 2000, 1500, false, "-colorspace Gray"));
+    const std::string cmyk = dir_ + "/cmyk.jpg";
+    ASSERT_TRUE(makeRedBlue(cmyk, 2000, 1500, false, "-colorspace CMYK"));
+    const std::string midHeader = dir_ + "/mid-header.jpg";
+    writeAll(midHeader, bytes.substr(0, sofDimensionsOffset(bytes) + 2));
+    const std::string midScan = dir_ + "/mid-scan.jpg";
+    writeAll(midScan, bytes.substr(0, bytes.size() / 2));
+    const std::string corrupt = dir_ + "/corrupt.jpg";
+    std::string damaged(bytes);
+    // Restart markers in the middle of entropy-coded data, where none belong.
+    for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 64; i += 2) {
+        damaged[i] = static_cast<char>(0xFF);
+        damaged[i + 1] = static_cast<char>(0xD0 + i % 8);
+    }
+    writeAll(corrupt, damaged);
+    const std::string notJpeg = dir_ + "/text.jpg";
+    writeAll(notJpeg, "not a picture at all");
+    const std::string empty = dir_ + "/empty.jpg";
+    writeAll(empty, "");
+
+    for (const std::string& source : {gray, cmyk, midHeader, midScan, corrupt, notJpeg, empty}) {
+        const std::string target = dir_ + "/out.jpg";
+        log_.clear();
+        EXPECT_EQ(-1, resize(source, target)) << source;
+        EXPECT_FALSE(bufferReturned_) << source;
+        EXPECT_FALSE(exists(target)) << source;
+        EXPECT_TRUE(log_.contains("libjpeg: ", google::GLOG_ERROR)) << source;
+        unlink(target.c_str());
+    }
+}
+
+TEST_F(ImageUtilJpegTest, ProgressiveFileWithTooManyScansIsGivenUp) {
+    const std::string source = dir_ + "/scans.jpg";
+    int scans = 0;
+    ASSERT_TRUE(writeManyScanJpeg(source, 2000, 1500, &scans));
+    ASSERT_GT(scans, ImageUtil::kMaxJpegScans);
+    const std::string target = dir_ + "/scans-out.jpg";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1, resize(source, target));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_FALSE(exists(target));
+    EXPECT_EQ(1, log_.count("jpeg has more than 100 scans, give up"));
+}
+
+TEST_F(ImageUtilJpegTest, ProgressiveDecodeIsBoundedInMemory) {
+    // A progressive decode keeps every coefficient: 10000 x 10000 in colour
+    // would take about 300 MB before a single scan is read.
+    const std::string small = dir_ + "/progressive.jpg";
+    ASSERT_TRUE(makeRedBlue(small, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
+    const std::string source = dir_ + "/huge-progressive.jpg";
+    writeAll(source, withClaimedSize(readAll(small), 10000, 10000));
+    const std::string target = dir_ + "/huge-out.jpg";
+    EXPECT_EQ(-1, resize(source, target));
+    EXPECT_FALSE(exists(target));
+    EXPECT_EQ(1, log_.count("libjpeg: Backing store not supported"));
+}
+
+TEST_F(ImageUtilJpegTest, SourcesThatAreNotRegularFilesFailAtOnce) {
+    const std::string fifo = dir_ + "/pipe.jpg";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
+    const std::string directory = dir_ + "/folder.jpg";
+    ASSERT_EQ(0, mkdir(directory.c_str(), 0755));
+    const std::string missing = dir_ + "/missing.jpg";
+    for (const std::string& source : {fifo, directory, missing}) {
+        log_.clear();
+        EXPECT_EQ(-1, resize(source, dir_ + "/out.jpg"));
+        EXPECT_EQ(1, log_.count("resize jpeg, open file " + source + " fail")) << source;
+    }
+    EXPECT_FALSE(exists(dir_ + "/out.jpg"));
+}
+
+TEST_F(ImageUtilJpegTest, TwoThreadsResizeAtOnce) {
+    const std::string good = dir_ + "/good.jpg";
+    ASSERT_TRUE(makeRedBlue(good, 2000, 1500, false));
+    const std::string bytes = readAll(good);
+    const std::string bad = dir_ + "/bad.jpg";
+    writeAll(bad, bytes.substr(0, bytes.size() / 2));
+    int goodResults[2] = {0, 0};
+    boost::thread_group threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.create_thread([this, t, &good, &bad, &goodResults] {
+            ImageUtil util;
+            for (int i = 0; i < 10; ++i) {
+                std::string target = dir_ + "/t" + std::to_string(t) + ".jpg";
+                unsigned char* buffer = NULL;
+                unsigned long size = 0;
+                int sw, sh, ow, oh;
+                const std::string& source = (i + t) % 2 == 0 ? good : bad;
+                const int result = util.resizeJpeg(source, target, &buffer, &size, &sw, &sh,
+                                                   1280, 720, &ow, &oh, 0);
+                std::free(buffer);
+                goodResults[t] += (result == 0) == (&source == &good) ? 1 : 0;
+            }
+        });
+    }
+    threads.join_all();
+    EXPECT_EQ(10, goodResults[0]);
+    EXPECT_EQ(10, goodResults[1]);
+}
+
+TEST_F(ImageUtilJpegTest, SlowWriteOfOneBlockPausesOnce) {
+    const std::string block(ImageUtil::kChunkSize, 'x');
+    const std::string path = dir_ + "/block.bin";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(block.data()),
+                                         block.size(), path, 1));
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
+    EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
+    EXPECT_EQ(block, readAll(path));
+    EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + path +
+                            ", isUseChunk 1"));
+
+    const std::string odd(2500, 'y');
+    EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(odd.data()),
+                                         odd.size(), path, 1));
+    EXPECT_EQ(odd, readAll(path));
+}
+
+TEST_F(ImageUtilJpegTest, EmptyOrUnwritableResultsAreFailures) {
+    const std::string path = dir_ + "/empty.jpg";
+    const unsigned char none[1] = {0};
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 0, path, 0));
+    EXPECT_FALSE(exists(path));
+    EXPECT_EQ(1, log_.count("jpeg file " + path + " is empty, delete it. useChunk is 0"));
+
+    const std::string nowhere = dir_ + "/no/such/dir/x.jpg";
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 1, nowhere, 0));
+    EXPECT_EQ(1, log_.count("open file" + nowhere + " fail"));
+}

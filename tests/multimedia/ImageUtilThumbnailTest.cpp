@@ -1,0 +1,314 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <libexif/exif-data.h>
+
+#include <string>
+
+#include "multimedia/ImageTestImages.h"
+#include "multimedia/ImageUtil.h"
+#include "support/DeviceRootTest.h"
+#include "system/ConfigInfo.h"
+
+using talvern::ConfigInfo;
+using talvern::ImageUtil;
+using namespace quorvia_test;
+
+namespace {
+
+class ImageUtilThumbnailTest : public DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        dir_ = root() + "/photos";
+        ASSERT_EQ(0, mkdir(dir_.c_str(), 0755));
+        smallRoot_ = ConfigInfo::sGetInstance()->getSmallIconsRootPath();
+        middleRoot_ = ConfigInfo::sGetInstance()->getMiddleIconsRootPath();
+    }
+
+    // A JPEG padded with bytes behind its end to exactly size bytes.
+    void padTo(const std::string& path, size_t size) {
+        std::string bytes = readAll(path);
+        ASSERT_LE(bytes.size(), size);
+        bytes.resize(size, '\0');
+        writeAll(path, bytes);
+    }
+
+    ImageUtil util_;
+    std::string dir_;
+    std::string smallRoot_;
+    std::string middleRoot_;
+};
+
+}  // namespace
+
+TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
+    struct Case {
+        int orientation;
+        int degrees;
+        const char* geometry;
+        const char* quarters;
+    } const cases[] = {{1, 0, "160x120", "RBRB"},
+                       {3, 180, "160x120", "BRBR"},
+                       {6, 90, "120x160", "RRBB"},
+                       {8, 270, "120x160", "BBRR"}};
+    for (const Case& c : cases) {
+        const std::string source = dir_ + "/o" + std::to_string(c.orientation) + ".jpg";
+        ASSERT_TRUE(makeRedBlue(source, 640, 480, false));
+        ASSERT_TRUE(addExifThumbnail(source, c.orientation, dir_));
+        std::string thumb;
+        EXPECT_EQ(0, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+        EXPECT_EQ(smallRoot_ + source, thumb);
+        EXPECT_EQ(c.geometry, geometryOf(thumb)) << c.orientation;
+        EXPECT_EQ(c.quarters, quarters(thumb)) << c.orientation;
+        EXPECT_EQ(1, log_.count("get " + source + " orientation is " +
+                                std::to_string(c.degrees)));
+    }
+}
+
+TEST_F(ImageUtilThumbnailTest, ExifRouteFailures) {
+    const std::string plain = dir_ + "/plain.jpg";
+    ASSERT_TRUE(makeRedBlue(plain, 64, 48, false));
+    std::string thumb;
+    EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, there is no thumbnail in exif " + plain));
+    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, path " + dir_ + "/gone.jpg not exist"));
+
+    _ExifData* data = NULL;
+    EXPECT_EQ(-1, util_.getExifData("", data));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, path is empty"));
+    int orientation = 5;
+    EXPECT_EQ(-1, util_.getImageOrientation(NULL, orientation));
+    EXPECT_EQ(1, log_.count("get image orientation error, exif_data is NULL"));
+    EXPECT_FALSE(exists(smallRoot_ + plain));
+}
+
+TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
+    const std::string source = dir_ + "/exif.jpg";
+    ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
+    ASSERT_TRUE(addExifThumbnail(source, 6, dir_));
+    const std::string bytes = readAll(source);
+    const size_t app1 = bytes.find("Exif");
+    ASSERT_NE(std::string::npos, app1);
+    const std::string damaged = dir_ + "/damaged.jpg";
+    // Counts, offsets and types across the TIFF header and first IFDs set to
+    // absurd values, and the block cut short.
+    int usable = 0;
+    for (size_t at = app1 + 6; at < app1 + 200 && at < bytes.size(); at += 3) {
+        for (const char value : {'\xFF', '\x00', '\x7F'}) {
+            std::string variant(bytes);
+            variant[at] = value;
+            variant[at + 1] = value;
+            writeAll(damaged, variant);
+            std::string thumb;
+            usable += util_.getThumbnail(damaged, thumb, talvern::THUMBNAIL_SMALL, "", 0) == 0;
+        }
+    }
+    writeAll(damaged, bytes.substr(0, app1 + 40));
+    std::string thumb;
+    EXPECT_EQ(-1, util_.getThumbnail(damaged, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_GT(usable, 0);
+}
+
+TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitAndResizesAbove) {
+    const std::string atLimit = dir_ + "/at-limit.jpg";
+    ASSERT_TRUE(makeRedBlue(atLimit, 1600, 1200, false));
+    padTo(atLimit, ImageUtil::kCopyWithoutResizeSize);
+    std::string thumb;
+    EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(middleRoot_ + "/ab/cd/abcdef01.jpg", thumb);
+    EXPECT_EQ(readAll(atLimit), readAll(thumb));
+    EXPECT_EQ(1, log_.count(atLimit + " too small, no need to resize"));
+
+    // A second request finds the thumbnail and reads nothing.
+    unlink(atLimit.c_str());
+    EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(1, log_.count(thumb + " has resized middle thumbnail, no need to resize again"));
+
+    const std::string above = dir_ + "/above.jpg";
+    ASSERT_TRUE(makeRedBlue(above, 1600, 1200, false));
+    padTo(above, ImageUtil::kCopyWithoutResizeSize + 1);
+    EXPECT_EQ(0, util_.getThumbnail(above, thumb, talvern::THUMBNAIL_MIDDLE, "1234", 0));
+    EXPECT_EQ(middleRoot_ + "/12/34/1234.jpg", thumb);
+    EXPECT_EQ("800x600", geometryOf(thumb));
+    EXPECT_EQ(1, log_.count(above + " try use resize algorithm"));
+}
+
+TEST_F(ImageUtilThumbnailTest, MiddleTierFollowsOrientationAndReportsCopies) {
+    const std::string turned = dir_ + "/turned.jpg";
+    ASSERT_TRUE(makeRedBlue(turned, 1600, 1200, true));
+    ASSERT_TRUE(addExifThumbnail(turned, 6, dir_));
+    std::string thumb;
+    EXPECT_EQ(0, util_.getThumbnail(turned, thumb, talvern::THUMBNAIL_MIDDLE, "feed01", 0));
+    EXPECT_EQ("600x800", geometryOf(thumb));
+    EXPECT_EQ("RRBB", quarters(thumb));
+
+    // Large in bytes but needing no scaling: a copy, and still -1.
+    const std::string hd = dir_ + "/hd.jpg";
+    ASSERT_TRUE(makeRedBlue(hd, 1280, 720, true));
+    ASSERT_GT(readAll(hd).size(), ImageUtil::kCopyWithoutResizeSize);
+    EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, talvern::THUMBNAIL_MIDDLE, "beef02", 0));
+    EXPECT_EQ(readAll(hd), readAll(thumb));
+
+    EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, static_cast<talvern::ThumbnailSize>(2), "x", 0));
+}
+
+TEST_F(ImageUtilThumbnailTest, SameContentHasOneMiddleButTwoSmallThumbnails) {
+    const std::string first = dir_ + "/first.jpg";
+    ASSERT_TRUE(makeRedBlue(first, 320, 240, false));
+    ASSERT_TRUE(addExifThumbnail(first, 1, dir_));
+    const std::string second = dir_ + "/sub/second.jpg";
+    ASSERT_EQ(0, mkdir((dir_ + "/sub").c_str(), 0755));
+    writeAll(second, readAll(first));
+
+    std::string middleA, middleB, smallA, smallB;
+    EXPECT_EQ(0, util_.getThumbnail(first, middleA, talvern::THUMBNAIL_MIDDLE, "c0ffee", 0));
+    EXPECT_EQ(0, util_.getThumbnail(second, middleB, talvern::THUMBNAIL_MIDDLE, "c0ffee", 0));
+    EXPECT_EQ(middleA, middleB);
+    EXPECT_EQ(1, log_.count(middleA + " has resized middle thumbnail, no need to resize again"));
+    EXPECT_EQ(0, util_.getThumbnail(first, smallA, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(0, util_.getThumbnail(second, smallB, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_NE(smallA, smallB);
+    EXPECT_TRUE(exists(smallA));
+    EXPECT_TRUE(exists(smallB));
+}
+
+TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
+    std::string thumb = "untouched";
+    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/raw.NEF", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ("untouched", thumb);
+    EXPECT_EQ(1, log_.count("no need to generate thumbnail for camera raw image"));
+
+    const std::string png = dir_ + "/big.png";
+    ASSERT_TRUE(makeRedBlue(png, 600, 450, true, "-depth 8"));
+    ASSERT_GT(readAll(png).size(), ImageUtil::kCopyWithoutResizeSize);
+    EXPECT_EQ(0, util_.getThumbnail(png, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(smallRoot_ + png, thumb);
+    EXPECT_EQ("400x300", geometryOf(thumb));
+    EXPECT_EQ(1, log_.count("generate thumb for not jpg file."));
+
+    const std::string tiny = dir_ + "/tiny.gif";
+    ASSERT_TRUE(makeRedBlue(tiny, 40, 30, false));
+    EXPECT_EQ(0, util_.getThumbnail(tiny, thumb, talvern::THUMBNAIL_MIDDLE, "0a0b0c", 0));
+    EXPECT_EQ(readAll(tiny), readAll(thumb));
+
+    const std::string wide = dir_ + "/wide.png";
+    ASSERT_TRUE(makeRedBlue(wide, 2002, 300, true, "-depth 8"));
+    EXPECT_EQ(-1, util_.getThumbnail(wide, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ("", thumb);
+    EXPECT_FALSE(exists(smallRoot_ + wide));
+}
+
+TEST_F(ImageUtilThumbnailTest, NothingIsWrittenOutsideTheTree) {
+    const std::string source = dir_ + "/a.jpg";
+    ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
+    ASSERT_TRUE(addExifThumbnail(source, 1, dir_));
+    std::string climbing = dir_;
+    for (int i = 0; i < 12; ++i) {
+        climbing += "/..";
+    }
+    climbing += source;
+    std::string thumb;
+    EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(1, log_.count("generate thumb path, " + climbing +
+                            " would leave the thumbnail tree"));
+    EXPECT_EQ(-1, util_.getThumbnail("photos/a.png", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+
+    for (const std::string& hash : {std::string(""), std::string("a"), std::string("../../../x")}) {
+        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_MIDDLE, hash, 0));
+        EXPECT_EQ("", util_.getMiddleIconsHashPath(hash));
+    }
+    EXPECT_EQ(middleRoot_ + "/ab//ab.jpg", util_.getMiddleIconsHashPath("ab"));
+    EXPECT_EQ("", util_.generateThumbPath(source, static_cast<talvern::ThumbnailSize>(2), "ab"));
+}
+
+TEST_F(ImageUtilThumbnailTest, SourcesThatAreNotRegularFilesFailAtOnce) {
+    const std::string fifo = dir_ + "/pipe.jpg";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
+    const std::string fifoPng = dir_ + "/pipe.png";
+    ASSERT_EQ(0, mkfifo(fifoPng.c_str(), 0644));
+    const std::string folder = dir_ + "/folder.gif";
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    int hash = 10;
+    for (const std::string& source : {fifo, fifoPng, folder}) {
+        std::string thumb;
+        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_MIDDLE,
+                                         std::to_string(++hash), 0));
+        EXPECT_EQ("", thumb);
+        EXPECT_EQ(1, log_.count("generate thumbnail, " + source +
+                                " is not a readable regular file"));
+        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    }
+    EXPECT_EQ(-1, util_.rotateImage(fifo, 90));
+    EXPECT_EQ(1, log_.count("read jpg " + fifo + " fail"));
+}
+
+TEST_F(ImageUtilThumbnailTest, PngResizeReadsTheHeaderFirst) {
+    const std::string png = dir_ + "/p.png";
+    ASSERT_TRUE(makeRedBlue(png, 300, 200, false));
+    int width = 0, height = 0;
+    std::string thumb;
+    EXPECT_EQ(0, util_.resizePng(png, 100, &width, &height, thumb));
+    EXPECT_EQ(300, width);
+    EXPECT_EQ(200, height);
+    EXPECT_EQ(smallRoot_ + png, thumb);
+    EXPECT_EQ("100x66", geometryOf(thumb));
+    EXPECT_EQ("RBRB", quarters(thumb));
+    EXPECT_EQ(1, log_.count("use libpng read png " + png + " and its width=300 height=200"));
+
+    struct Case {
+        std::string content;
+        std::string line;
+    } const cases[] = {
+        {pngHeader(2501, 10, false),
+         "resize png " + dir_ + "/bad.png too large, and width=2501 height=10"},
+        {pngHeader(100000, 100000, false),
+         "resize png " + dir_ + "/bad.png too large, and width=100000 height=100000"},
+        {pngHeader(300, 200, true), "generate thumbnail " + dir_ + "/bad.png exception"},
+        {pngHeader(300, 200, false).substr(0, 20),
+         "generate thumbnail " + dir_ + "/bad.png exception"},
+        {"GIF89a not a png", dir_ + "/bad.pngis not regular png"},
+        {"", dir_ + "/bad.pngis not regular png"},
+    };
+    for (const Case& c : cases) {
+        writeAll(dir_ + "/bad.png", c.content);
+        log_.clear();
+        EXPECT_EQ(-1, util_.resizePng(dir_ + "/bad.png", 100, &width, &height, thumb));
+        EXPECT_EQ(1, log_.count(c.line)) << c.line;
+        EXPECT_FALSE(exists(smallRoot_ + dir_ + "/bad.png"));
+    }
+    // A header that passes but a body that doesn't decode.
+    writeAll(dir_ + "/bad.png", pngHeader(300, 200, false));
+    EXPECT_EQ(-1, util_.resizePng(dir_ + "/bad.png", 100, &width, &height, thumb));
+    EXPECT_EQ(1, log_.count("read png" + dir_ + "/bad.png fail"));
+    EXPECT_EQ(-1, util_.resizePng(dir_ + "/none.png", 100, &width, &height, thumb));
+    EXPECT_TRUE(log_.contains("failed to open " + dir_ + "/none.png, error: "));
+}
+
+TEST_F(ImageUtilThumbnailTest, GifResizeSamplesEveryFrameWithinLimits) {
+    const std::string gif = dir_ + "/anim.gif";
+    ASSERT_TRUE(makeImage("-size 120x80 xc:red xc:blue xc:green -set delay 10", gif));
+    int width = 0, height = 0;
+    std::string thumb;
+    EXPECT_EQ(0, util_.resizeGif(gif, 60, &width, &height, thumb));
+    EXPECT_EQ(120, width);
+    EXPECT_EQ(80, height);
+    EXPECT_EQ(smallRoot_ + gif, thumb);
+    EXPECT_EQ("60x40", geometryOf(thumb));
+    EXPECT_EQ(3, frameCount(thumb));
+
+    const std::string one = dir_ + "/one.gif";
+    ASSERT_TRUE(makeImage("-size 8x8 xc:red", one));
+    const std::string many = dir_ + "/many.gif";
+    writeAll(many, repeatedGif(readAll(one), 1000));
+    ASSERT_EQ(1000, frameCount(many));
+    EXPECT_EQ(-1, util_.resizeGif(many, 4, &width, &height, thumb));
+    EXPECT_EQ(1, log_.count("read gif " + many + " fail"));
+    EXPECT_FALSE(exists(smallRoot_ + many));
+
+    const std::string huge = dir_ + "/huge.gif";
+    writeAll(huge, gifClaimingWidth(readAll(one), 20001));
+    EXPECT_EQ(-1, util_.resizeGif(huge, 4, &width, &height, thumb));
+    EXPECT_EQ(1, log_.count("read gif " + huge + " fail"));
+}
