@@ -13,6 +13,6 @@ for target in "$build_dir"/fuzz/*Fuzz; do
     mkdir -p "$work"
     [ -d "$here/corpus/$name" ] && cp -r "$here/corpus/$name/." "$work/"
     echo "== $name for ${seconds}s"
-    "$target" -max_total_time="$seconds" -print_final_stats=1 "$work" || status=1
+    "$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$work/" "$work" || status=1
 done
 exit $status
