@@ -127,6 +127,11 @@ public:
     std::string getBackupCustomPath(bool& exists, bool createIfMissing, const std::string& name);
 
     // ---- Configuration files (configMutex_) ----
+    // getConfig reloads the global file at each call. setConfig edits config_
+    // and writes it over the global file, except while the file on disk failed
+    // to load (then it logs and changes nothing). setConfig, setConfigToFile
+    // and getConfigFromString let libconfig's exceptions for a rejected key or
+    // unparsable input reach the caller; the files stay as they were.
     std::string getConfig(const std::string& key);
     void setConfig(const std::string& key, const std::string& value);
     void setConfigToFile(const std::string& path, const std::string& key,
@@ -202,6 +207,10 @@ private:
     libconfig::Config config_;
     boost::mutex configMutex_;
     boost::mutex backupDrivePathMutex_;
+    // True while the global file exists but its last load failed (it didn't
+    // parse or couldn't be read): config_ may then hold nothing of it, so
+    // setConfig must not write config_ over it. Guarded by configMutex_.
+    bool globalConfigLoadFailed_;
 };
 
 }  // namespace talvern
