@@ -129,7 +129,9 @@ private:
     }
 
     static bool isThreadRunning(const boost::shared_ptr<boost::thread>& thread) {
-        if (!thread) {
+        // A worker that was joined once (it ended) is no longer joinable, and
+        // joining it again would report it as running for ever.
+        if (!thread || !thread->joinable()) {
             return false;
         }
         try {
