@@ -186,15 +186,24 @@ void FileChangeMonitor::removeWatchDiskDirSelf(inotify_event* event) {
     if (!(event->mask & IN_ISDIR) || event->len != 0) {
         return;
     }
-    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(event->wd);
+    if (wdToPath_.count(event->wd) != 0) {
+        kernel_->removeWatch(inotifyFd_, event->wd);
+        forgetWatch(event->wd);
+    }
+}
+
+// The kernel ends a watch with IN_IGNORED (after IN_DELETE_SELF, whose
+// IN_ISDIR bit older kernels leave out, or an unmount): the descriptor
+// leaves both tables, and a root that lost its watch is looked for again.
+void FileChangeMonitor::forgetWatch(int wd) {
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(wd);
     if (it == wdToPath_.end()) {
         return;
     }
-    kernel_->removeWatch(inotifyFd_, event->wd);
     if (isRoot(it->second)) {
         unwatchedRoots_.insert(it->second);
     }
-    forgetPath(it->second, event->wd);
+    forgetPath(it->second, wd);
     wdToPath_.erase(it);
 }
 
@@ -393,6 +402,7 @@ void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {
 bool FileChangeMonitor::dealWithEvent(inotify_event* event) {
     const uint32_t mask = event->mask;
     if (mask & IN_IGNORED) {
+        forgetWatch(event->wd);
         return false;
     }
     if ((mask & IN_ISDIR) && CommonUtils::isFilterDir(eventName(event))) {

@@ -130,6 +130,7 @@ private:
     void drain();
     void deliverChanges();
     void forgetPath(const std::string& path, int wd);
+    void forgetWatch(int wd);
     void removeWatchesBelow(const std::string& dir);
     void watchMissingRoots();
     void noteRefusedWatch(int error);
