@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <boost/thread/thread.hpp>
+#include <string>
+#include <vector>
+
+#include "support/DeviceRootTest.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigUtils.h"
+
+namespace {
+
+class CommandsTest : public quorvia_test::DeviceRootTest {};
+
+TEST_F(CommandsTest, SystemDecodesExitCodeAndLogsFailure) {
+    EXPECT_EQ(3, CommonUtils::sCallSystem("sh -c 'exit 3'"));
+    EXPECT_EQ(1, log_.count("begin execute system command : sh -c 'exit 3'", google::GLOG_WARNING));
+    EXPECT_EQ(1, log_.count("exit status value = [0x300]", google::GLOG_INFO));
+    EXPECT_TRUE(log_.contains("execute system command :sh -c 'exit 3' fail,and return code: 3,"
+                              "exit status value = [0x300] and error msg is:",
+                              google::GLOG_ERROR));
+
+    log_.clear();
+    EXPECT_EQ(0, CommonUtils::sCallSystem("true"));
+    EXPECT_EQ(1, log_.count("exit status value = [0x0]", google::GLOG_INFO));
+    EXPECT_EQ(1, log_.count("execute system command :true success,and return code: 0",
+                            google::GLOG_INFO));
+}
+
+TEST_F(CommandsTest, CommandKilledBySignalGivesZeroWithOnlyTheStatusLine) {
+    // $$ is the shell that runs the command, so the signal ends it.
+    EXPECT_EQ(0, CommonUtils::sCallSystem("kill -9 $$"));
+    EXPECT_EQ(1, log_.count("exit status value = [0x9]", google::GLOG_INFO));
+    EXPECT_FALSE(log_.contains("execute system command :kill"));
+
+    log_.clear();
+    EXPECT_EQ(0, CommonUtils::sCallPopenNoOutput("kill -9 $$"));
+    std::string output = "stale";
+    EXPECT_EQ(0, CommonUtils::sCallPopenWithOutput("echo partial; kill -9 $$", output));
+    EXPECT_EQ("partial", output);
+    EXPECT_EQ(2, log_.count("exit status value = [0x9]", google::GLOG_INFO));
+    EXPECT_FALSE(log_.contains("execute system command :"));
+}
+
+TEST_F(CommandsTest, MissingCommandIsAnExitCodeNotAFailureToStart) {
+    const std::string missing = "quorvia-no-such-tool --flag";
+    EXPECT_EQ(127, CommonUtils::sCallSystem(missing + " 2>/dev/null"));
+    std::string output = "stale";
+    EXPECT_EQ(127, CommonUtils::sCallPopenWithOutput(missing + " 2>/dev/null", output));
+    EXPECT_EQ("", output);
+    EXPECT_EQ(127, CommonUtils::sCallPopenNoOutput(missing + " 2>/dev/null"));
+    EXPECT_TRUE(CommonUtils::sCallSystem(missing + " 2>/dev/null", output));
+    EXPECT_EQ("", output);
+}
+
+TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyAndKeepsLongLines) {
+    std::string output;
+    EXPECT_EQ(2, CommonUtils::sCallPopenWithOutput("printf ' \\r\\none\\n\\ttwo \\nthree\\r\\n '; exit 2",
+                                                   output));
+    EXPECT_EQ("one\n\ttwo \nthree", output);
+    EXPECT_EQ(1, log_.count("excuete cmd output: one\n\ttwo \nthree", google::GLOG_INFO));
+
+    const std::string longLine(5000, 'x');
+    EXPECT_TRUE(CommonUtils::sCallSystem("printf '%5000s\\n' '' | tr ' ' x", output));
+    EXPECT_EQ(longLine, output);
+}
+
+TEST_F(CommandsTest, OutputFormReturnsTrueWhateverTheExitStatus) {
+    std::string output;
+    EXPECT_TRUE(CommonUtils::sCallSystem("echo word; exit 1", output));
+    EXPECT_EQ("word", output);
+    EXPECT_EQ(1, log_.count("excuete cmd: echo word; exit 1", google::GLOG_INFO));
+    EXPECT_FALSE(log_.contains("exit status value"));
+}
+
+TEST_F(CommandsTest, ExitCodesSurviveAnIgnoredSigchld) {
+    // With SIGCHLD ignored the kernel reaps children itself and pclose() or
+    // system() would lose the status; the command functions reset it first.
+    const int codes[] = {0, 1, 5, 255};
+    for (size_t i = 0; i < sizeof(codes) / sizeof(codes[0]); ++i) {
+        const std::string command = "exit " + std::to_string(codes[i]);
+        signal(SIGCHLD, SIG_IGN);
+        EXPECT_EQ(codes[i], CommonUtils::sCallSystem(command)) << command;
+        signal(SIGCHLD, SIG_IGN);
+        EXPECT_EQ(codes[i], CommonUtils::sCallPopenNoOutput(command)) << command;
+        signal(SIGCHLD, SIG_IGN);
+        std::string output;
+        EXPECT_EQ(codes[i], CommonUtils::sCallPopenWithOutput(command, output)) << command;
+    }
+    struct sigaction current;
+    ASSERT_EQ(0, sigaction(SIGCHLD, NULL, &current));
+    EXPECT_TRUE(current.sa_handler == SIG_DFL);
+}
+
+TEST_F(CommandsTest, PopenNoOutputDoesNotReadTheOutput) {
+    EXPECT_EQ(0, CommonUtils::sCallPopenNoOutput("echo ignored"));
+    EXPECT_FALSE(log_.contains("excuete cmd output"));
+    EXPECT_EQ(1, log_.count("excuete cmd: echo ignored", google::GLOG_INFO));
+}
+
+TEST_F(CommandsTest, IdentityComesFromTheDeviceTools) {
+    EXPECT_EQ("", CommonUtils::sGetRomVersion());
+    EXPECT_EQ("", CommonUtils::sGetDeviceId());
+
+    setToolValue("uci", "brendle_version.version.ROM", "2.10.3");
+    setToolValue("uci", "brendle_version.version.CHANNEL", "release");
+    setToolValue("nvram", "SN", "12345/67890");
+    setToolValue("uci", "/etc/config/messaging.deviceInfo.DEVICE_ID", "device-42");
+    EXPECT_EQ("2.10.3", CommonUtils::sGetRomVersion());
+    EXPECT_EQ("release", CommonUtils::sGetRomChannel());
+    EXPECT_EQ("12345/67890", CommonUtils::sGetRomSN());
+    EXPECT_EQ("device-42", CommonUtils::sGetDeviceId());
+    EXPECT_EQ(2, log_.count("excuete cmd: " + path("/sbin/uci") +
+                            " get /etc/config/messaging.deviceInfo.DEVICE_ID"));
+
+    // Nothing is cached.
+    setToolValue("uci", "brendle_version.version.ROM", "2.11.0");
+    EXPECT_EQ("2.11.0", CommonUtils::sGetRomVersion());
+}
+
+TEST_F(CommandsTest, CountryCodeFromTheTemporaryFileIsCachedForTheProcess) {
+    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
+    EXPECT_EQ("US", CommonUtils::sGetCountryCode());
+    writeFile("/tmp/commonutils.config.tmp", "code = \"DE\";\n");
+    EXPECT_EQ("US", CommonUtils::sGetCountryCode());
+}
+
+TEST_F(CommandsTest, CountryCodeFirstAskedByManyThreadsIsFilledOnce) {
+    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
+    std::vector<std::string> codes(8);
+    boost::thread_group threads;
+    for (size_t i = 0; i < codes.size(); ++i) {
+        threads.create_thread([&codes, i] { codes[i] = CommonUtils::sGetCountryCode(); });
+    }
+    threads.join_all();
+    EXPECT_EQ(std::vector<std::string>(codes.size(), "US"), codes);
+}
+
+TEST_F(CommandsTest, CountryCodeOfAReleaseDeviceComesFromNvram) {
+    setToolValue("uci", "brendle_version.version.CHANNEL", "release");
+    setToolValue("nvram", "CountryCode", " GB \r");
+    EXPECT_EQ("GB", CommonUtils::sGetCountryCode());
+}
+
+TEST_F(CommandsTest, CountryCodeOfAReleaseDeviceWithNothingIsTheDefault) {
+    setToolValue("uci", "brendle_version.version.CHANNEL", "release");
+    writeFile("/tmp/commonutils.config.tmp", "code = 7;\n");
+    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+    EXPECT_EQ(1, log_.count("excuete cmd: nvram get CountryCode"));
+}
+
+TEST_F(CommandsTest, CountryCodeOfOtherChannelsNeverAsksNvramAndStaysDefault) {
+    setToolValue("uci", "brendle_version.version.CHANNEL", "dev");
+    setToolValue("nvram", "CountryCode", "GB");
+    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+    EXPECT_FALSE(log_.contains("nvram get CountryCode"));
+
+    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
+    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+}
+
+TEST_F(CommandsTest, VersionComparisonIsNumericPartByPart) {
+    struct Case {
+        const char* version;
+        bool lowerOrEqual;
+    };
+    const Case cases[] = {
+        {"2.10.3", true},  {"2.10.2", true},  {"2.9.9", true},     {"2.9.x", true},
+        {"1.99.99", true}, {"2.10.4", false}, {"3.0.0", false},    {"2.11.0", false},
+        {"2.10", false},   {"2.10.3.1", false}, {"x.10.3", false}, {"2.10.x", false},
+        {"", false},       {"..", false},
+    };
+    setToolValue("uci", "brendle_version.version.ROM", "2.10.3");
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        EXPECT_EQ(cases[i].lowerOrEqual,
+                  CommonUtils::sCheckIsLowerVersionThanCurrentRom(cases[i].version))
+            << cases[i].version;
+    }
+    EXPECT_EQ(1, log_.count("rom version is: 2.10.3  input version is: 2.9.9", google::GLOG_INFO));
+}
+
+TEST_F(CommandsTest, VersionComparisonWithoutFirmwareVersionIsAlwaysFalse) {
+    const char* versions[] = {"0.0.0", "2.10.3", "99.99.99"};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom(versions[i])) << versions[i];
+    }
+}
+
+TEST_F(CommandsTest, ConfigUtilsReadsOneStringKeyAndLogsNothingOnFailure) {
+    writeFile("/cfg/good.cfg", "code = \"TW\";\nnumber = 3;\n");
+    writeFile("/cfg/bad.cfg", "code = \"TW\"\n{{{");
+    ConfigUtils good(path("/cfg/good.cfg"));
+    EXPECT_EQ("TW", good.getConfigFromKey("code"));
+    EXPECT_EQ("", good.getConfigFromKey("number"));
+    EXPECT_EQ("", good.getConfigFromKey("missing"));
+    EXPECT_EQ("", good.getConfigFromKey("not a valid key"));
+    EXPECT_EQ("", ConfigUtils(path("/cfg/bad.cfg")).getConfigFromKey("code"));
+    EXPECT_EQ("", ConfigUtils(path("/cfg/missing.cfg")).getConfigFromKey("code"));
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+}  // namespace

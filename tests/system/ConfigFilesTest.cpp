@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+#include <libconfig.h++>
+#include <string>
+#include <vector>
+
+#include "support/DeviceRootTest.h"
+#include "system/ConfigInfo.h"
+
+namespace {
+
+using talvern::ConfigInfo;
+namespace fs = boost::filesystem;
+
+const char* const kGlobalFile = "/userdisk/talvernConfig/config.cfg";
+
+class ConfigFilesTest : public quorvia_test::DeviceRootTest {
+protected:
+    ConfigInfo* info() { return ConfigInfo::sGetInstance(); }
+    std::string global() const { return readFile(kGlobalFile); }
+};
+
+TEST_F(ConfigFilesTest, SetConfigWritesAndGetConfigReadsBack) {
+    info()->setConfig("needCreateDataFolder", "true");
+    info()->setConfig("latestBackupDiskTime", "1700000000");
+    EXPECT_EQ("true", info()->getConfig("needCreateDataFolder"));
+    EXPECT_EQ("1700000000", info()->getConfig("latestBackupDiskTime"));
+    EXPECT_NE(std::string::npos, global().find("needCreateDataFolder = \"true\";"));
+    EXPECT_EQ(1, log_.count("setConfig begin,key:needCreateDataFolder value:true"));
+    EXPECT_EQ(2, log_.count("write file:" + path(kGlobalFile)));
+    EXPECT_EQ(2, log_.count("ConfigInfo setConfig end"));
+    EXPECT_EQ(1, log_.count("return is true"));
+
+    info()->setConfig("needCreateDataFolder", "");
+    EXPECT_EQ("", info()->getConfig("needCreateDataFolder"));
+    EXPECT_EQ(std::string::npos, global().find("needCreateDataFolder"));
+    EXPECT_EQ("1700000000", info()->getConfig("latestBackupDiskTime"));
+    EXPECT_GE(log_.count("return empty!"), 1);
+}
+
+TEST_F(ConfigFilesTest, EmptyValueForAMissingKeyStillWritesTheFile) {
+    info();
+    ASSERT_FALSE(fs::exists(path(kGlobalFile)));
+    info()->setConfig("needSetShareStatus", "");
+    EXPECT_TRUE(fs::exists(path(kGlobalFile)));
+}
+
+TEST_F(ConfigFilesTest, GetConfigSeesOtherWritersAndAnswersFromMemoryWithoutTheFile) {
+    info()->setConfig("a", "1");
+    writeFile(kGlobalFile, "a = \"2\";\nnumber = 5;\n");
+    EXPECT_EQ("2", info()->getConfig("a"));
+    EXPECT_EQ("", info()->getConfig("number"));
+    fs::remove(path(kGlobalFile));
+    EXPECT_EQ("2", info()->getConfig("a"));
+    EXPECT_EQ(2, log_.count("getConfig begin,key:a globalConfigPath:" + path(kGlobalFile)));
+}
+
+TEST_F(ConfigFilesTest, RejectedKeyThrowsAndLeavesTheFileAsItWas) {
+    info()->setConfig("good", "1");
+    const std::string before = global();
+    EXPECT_THROW(info()->setConfig("bad key!", "x"), libconfig::SettingNameException);
+    EXPECT_EQ(before, global());
+    // The lock was released: the next call goes through.
+    info()->setConfig("other", "2");
+    EXPECT_EQ("2", info()->getConfig("other"));
+}
+
+TEST_F(ConfigFilesTest, OddKeysNeverCrashAndAreRejectedForWriting) {
+    info()->setConfig("good", "1");
+    const char* keys[] = {"", ".", "a..b", "good.", "[0]", "good.x", "\xff"};
+    for (size_t i = 0; i < sizeof(keys) / sizeof(keys[0]); ++i) {
+        // Lookups take the key as libconfig's path: whatever it finds, no throw.
+        EXPECT_NO_THROW(info()->getConfig(keys[i])) << keys[i];
+        EXPECT_NO_THROW(ConfigInfo::sGetConfigFromFile(path(kGlobalFile), keys[i])) << keys[i];
+        EXPECT_TRUE(info()->getListFromFile(path(kGlobalFile), keys[i]).empty()) << keys[i];
+        EXPECT_THROW(info()->setConfig(keys[i], "x"), libconfig::ConfigException) << keys[i];
+    }
+    EXPECT_EQ("good = \"1\";\n", global());
+}
+
+TEST_F(ConfigFilesTest, SetConfigKeepsAFileThatFailedToParse) {
+    const std::string garbled = "userSetting = \"precious\";\nbroken = = ;\n";
+    writeFile(kGlobalFile, garbled);
+    info()->setConfig("needShareHSDOWNLOAD", "true");
+    EXPECT_EQ(garbled, global());
+    EXPECT_TRUE(log_.contains("setConfig skipped: " + path(kGlobalFile), google::GLOG_ERROR));
+
+    // Still garbled at the next reload: still kept.
+    info()->getConfig("userSetting");
+    info()->setConfig("needShareHSDOWNLOAD", "true");
+    EXPECT_EQ(garbled, global());
+
+    // Once the user repairs it and it loads again, writes go through and keep it.
+    writeFile(kGlobalFile, "userSetting = \"precious\";\n");
+    EXPECT_EQ("precious", info()->getConfig("userSetting"));
+    info()->setConfig("needShareHSDOWNLOAD", "true");
+    EXPECT_EQ("precious", info()->getConfig("userSetting"));
+    EXPECT_EQ("true", info()->getConfig("needShareHSDOWNLOAD"));
+}
+
+TEST_F(ConfigFilesTest, GarbledFileAtReloadIsLoggedAndProtected) {
+    info()->setConfig("a", "1");
+    writeFile(kGlobalFile, "{{{ not a config");
+    EXPECT_EQ("", info()->getConfig("a"));
+    EXPECT_TRUE(log_.contains("parse config file error at :", google::GLOG_ERROR));
+    info()->setConfig("b", "2");
+    EXPECT_EQ("{{{ not a config", global());
+}
+
+TEST_F(ConfigFilesTest, UnwritableGlobalFileIsLoggedAndMemoryKeepsTheChange) {
+    info();
+    fs::remove_all(path("/userdisk/talvernConfig"));
+    writeFile("/userdisk/talvernConfig", "a file where the folder should be");
+    info()->setConfig("a", "1");
+    EXPECT_TRUE(log_.contains("save config file error: ", google::GLOG_ERROR));
+    EXPECT_EQ("1", info()->getConfig("a"));
+}
+
+TEST_F(ConfigFilesTest, SetConfigToFileEditsOneFileAndKeepsItsOtherKeys) {
+    const std::string file = path("/cfg/other.cfg");
+    fs::create_directories(path("/cfg"));
+    info()->setConfigToFile(file, "first", "1");
+    EXPECT_EQ("1", info()->getConfigFromFile(file, "first"));
+    info()->setConfigToFile(file, "second", "2");
+    info()->setConfigToFile(file, "first", "");
+    EXPECT_EQ("", ConfigInfo::sGetConfigFromFile(file, "first"));
+    EXPECT_EQ("2", ConfigInfo::sGetConfigFromFile(file, "second"));
+    EXPECT_FALSE(fs::exists(path(kGlobalFile)));
+
+    info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
+    EXPECT_TRUE(log_.contains("save config file error: ", google::GLOG_ERROR));
+    EXPECT_FALSE(fs::exists(path("/no")));
+}
+
+TEST_F(ConfigFilesTest, SetConfigToFileThrowsOnGarbledFileOrRejectedKeyAndKeepsTheFile) {
+    writeFile("/cfg/garbled.cfg", "x = ;;");
+    EXPECT_THROW(info()->setConfigToFile(path("/cfg/garbled.cfg"), "k", "v"),
+                 libconfig::ParseException);
+    EXPECT_EQ("x = ;;", readFile("/cfg/garbled.cfg"));
+
+    writeFile("/cfg/good.cfg", "k = \"v\";\n");
+    EXPECT_THROW(info()->setConfigToFile(path("/cfg/good.cfg"), "no spaces", "v"),
+                 libconfig::SettingNameException);
+    EXPECT_EQ("k = \"v\";\n", readFile("/cfg/good.cfg"));
+    // The lock was released.
+    EXPECT_EQ("v", info()->getConfigFromFile(path("/cfg/good.cfg"), "k"));
+}
+
+TEST_F(ConfigFilesTest, ReadingOneFileGivesEmptyForMissingOrBrokenInput) {
+    writeFile("/cfg/garbled.cfg", "x = ;;");
+    EXPECT_EQ("", ConfigInfo::sGetConfigFromFile(path("/cfg/missing.cfg"), "k"));
+    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ("", info()->getConfigFromFile(path("/cfg/garbled.cfg"), "x"));
+    EXPECT_TRUE(log_.contains("getConfigFromFile error: ", google::GLOG_ERROR));
+}
+
+TEST_F(ConfigFilesTest, ConfigFromString) {
+    EXPECT_EQ("v", info()->getConfigFromString("k = \"v\"; n = 1;", "k"));
+    EXPECT_EQ(1, log_.count("return isv", google::GLOG_INFO));
+    EXPECT_EQ("", info()->getConfigFromString("k = \"v\"; n = 1;", "n"));
+    EXPECT_EQ("", info()->getConfigFromString("", "k"));
+    EXPECT_EQ("", info()->getConfigFromString(NULL, "k"));
+    EXPECT_THROW(info()->getConfigFromString("k = ", "k"), libconfig::ParseException);
+}
+
+TEST_F(ConfigFilesTest, ListFromFileReadsArraysOnly) {
+    writeFile("/cfg/lists.cfg",
+              "macs = [\"aa:bb\", \"cc:dd\"];\n"
+              "numbers = [1, 22, 333];\n"
+              "flags = [true, false];\n"
+              "empty = [];\n"
+              "mixed = (\"a\", 1);\n"
+              "scalar = \"a\";\n");
+    const std::string file = path("/cfg/lists.cfg");
+    struct Case {
+        const char* key;
+        std::vector<std::string> elements;
+    };
+    const Case cases[] = {
+        {"macs", {"aa:bb", "cc:dd"}},
+        {"numbers", {"1", "22", "333"}},
+        {"flags", {"true", "false"}},
+        {"empty", {}},
+        {"mixed", {}},
+        {"scalar", {}},
+        {"missing", {}},
+        {"", {}},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        EXPECT_EQ(cases[i].elements, info()->getListFromFile(file, cases[i].key)) << cases[i].key;
+    }
+    EXPECT_TRUE(info()->getListFromFile(path("/cfg/missing.cfg"), "macs").empty());
+    writeFile("/cfg/garbled.cfg", "macs = [\"a\"");
+    EXPECT_TRUE(info()->getListFromFile(path("/cfg/garbled.cfg"), "macs").empty());
+    log_.clear();
+    info()->getListFromFile(path("/cfg/missing.cfg"), "macs");
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/DeviceRootTest.h"
+#include "system/LocalizationHelper.h"
+
+namespace {
+
+using talvern::LocalizationHelper;
+
+// Each test builds its own localisation folder at /loc under the root; the
+// device has no country code of its own, so it counts as "CN".
+class LocalizationHelperTest : public quorvia_test::DeviceRootTest {
+protected:
+    void writeLanguage(const std::string& content) {
+        writeFile("/loc/country.txt", "CN###lang.txt\n");
+        writeFile("/loc/lang.txt", content);
+    }
+    LocalizationHelper helper() { return LocalizationHelper(path("/loc")); }
+};
+
+TEST_F(LocalizationHelperTest, LineRules) {
+    writeLanguage(
+        "three###value###dropped\n"
+        "single#one\n"
+        "  spaced  ###  text with blanks \r\n"
+        "\ttabbed\t###\tkept\t\n"
+        "empty###\n"
+        "\n"
+        "noseparator\n"
+        "#leading###x\n"
+        "dup###first\n"
+        "dup###second\n"
+        "utf8###照片\n"
+        "last###no line end");
+    LocalizationHelper loc = helper();
+    struct Case {
+        const char* key;
+        const char* value;
+    };
+    const Case cases[] = {
+        {"three", "value"},        {"single", "one"},      {"spaced", "text with blanks"},
+        {"\ttabbed\t", "\tkept\t"}, {"tabbed", ""},         {"empty", ""},
+        {"noseparator", ""},       {"", "leading"},        {"dup", "second"},
+        {"utf8", "照片"},          {"last", "no line end"},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        EXPECT_EQ(cases[i].value, loc.getValue(cases[i].key)) << "key '" << cases[i].key << "'";
+    }
+}
+
+TEST_F(LocalizationHelperTest, LongestLineReadsAndALongerOneEndsTheFile) {
+    const size_t limit = LocalizationHelper::kMaxLineLength;
+    const std::string fits = "fits###" + std::string(limit - 7, 'v');
+    ASSERT_EQ(limit, fits.size());
+    writeLanguage("before###1\n" + fits + "\nafter###2\n" + "long###" +
+                  std::string(limit + 1 - 7, 'w') + "\nlater###3\n");
+    LocalizationHelper loc = helper();
+    EXPECT_EQ("1", loc.getValue("before"));
+    EXPECT_EQ(std::string(limit - 7, 'v'), loc.getValue("fits"));
+    EXPECT_EQ("2", loc.getValue("after"));
+    EXPECT_EQ("", loc.getValue("long"));
+    EXPECT_EQ("", loc.getValue("later"));
+}
+
+TEST_F(LocalizationHelperTest, LineOfFiveThousandCharactersEndsTheFile) {
+    writeLanguage("before###1\n" + std::string(5000, '#') + "\nlater###3\n");
+    LocalizationHelper loc = helper();
+    EXPECT_EQ("1", loc.getValue("before"));
+    EXPECT_EQ("", loc.getValue("later"));
+}
+
+TEST_F(LocalizationHelperTest, GarbledBytesAreReadAsBytes) {
+    writeLanguage(std::string("bin\0ary###v\xff\xfe\n", 14) + "ok###fine\n");
+    LocalizationHelper loc = helper();
+    EXPECT_EQ("v\xff\xfe", loc.getValue(std::string("bin\0ary", 7)));
+    EXPECT_EQ("fine", loc.getValue("ok"));
+}
+
+TEST_F(LocalizationHelperTest, UnknownCountryUsesTheDefaultCountrysFile) {
+    writeFile("/tmp/commonutils.config.tmp", "code = \"FR\";\n");
+    writeFile("/loc/country.txt", "US###en.txt\nCN###zh.txt\n");
+    writeFile("/loc/en.txt", "key###english\n");
+    writeFile("/loc/zh.txt", "key###中文\n");
+    LocalizationHelper loc = helper();
+    EXPECT_EQ("中文", loc.getValue("key"));
+    EXPECT_EQ("en.txt", loc.getLanguagelPath("US"));
+    EXPECT_EQ("zh.txt", loc.getLanguagelPath("FR"));
+    EXPECT_EQ("zh.txt", loc.getLanguagelPath(""));
+}
+
+TEST_F(LocalizationHelperTest, DeviceCountryChoosesItsLanguage) {
+    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
+    LocalizationHelper loc(path("/etc/talvernconfig/localization"));
+    EXPECT_EQ("Photos", loc.getValue("backup_photo_dir_name"));
+}
+
+TEST_F(LocalizationHelperTest, MissingFilesGiveEmptyValuesSilently) {
+    writeFile("/loc/country.txt", "US###en.txt\n");
+    LocalizationHelper withoutDefault = helper();
+    EXPECT_EQ("", withoutDefault.getLanguagelPath("CN"));
+    EXPECT_EQ("", withoutDefault.getValue("key"));
+
+    LocalizationHelper missingRoot(path("/nowhere"));
+    EXPECT_EQ("", missingRoot.getLanguagelPath("CN"));
+    EXPECT_EQ("", missingRoot.getValue("backup_photo_dir_name"));
+
+    writeFile("/loc/country.txt", "CN###absent.txt\n");
+    EXPECT_EQ("", helper().getValue("key"));
+    EXPECT_FALSE(log_.contains("loc/"));
+}
+
+}  // namespace
