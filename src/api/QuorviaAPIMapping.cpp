@@ -1,0 +1,171 @@
+#include "api/QuorviaAPIMapping.h"
+
+#include <math.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "api/ApiBase.h"
+#include "system/Log.h"
+
+namespace {
+
+struct JsonRelease {
+    void operator()(json_object* object) const { json_object_put(object); }
+};
+typedef std::unique_ptr<json_object, JsonRelease> JsonHolder;
+
+// json_object_get_int, except that NaN reads as 0: json-c casts it to int,
+// which gives a different number on each processor.
+int32_t readInt(json_object* value) {
+    if (json_object_is_type(value, json_type_double) && isnan(json_object_get_double(value))) {
+        return 0;
+    }
+    return json_object_get_int(value);
+}
+
+// json_object_get_string; a value of another type reads as its JSON text.
+std::string readString(json_object* value) { return json_object_get_string(value); }
+
+// An unmount root that would match every row: empty, or "/" (any number of
+// them, since one trailing "/" is dropped before matching).
+bool coversWholeTree(const std::string& root) {
+    return root.find_first_not_of('/') == std::string::npos;
+}
+
+std::string jsonStringOf(ApiErrorCode code) {
+    std::string result;
+    json_object* object = ApiBase::sCreateJsonObject(code);
+    result = json_object_to_json_string(object);
+    json_object_put(object);
+    return result;
+}
+
+}  // namespace
+
+std::string QuorviaAPIMapping::redirectRequest(const std::string& request) const {
+    std::string result;
+    JsonHolder document(json_tokener_parse(request.c_str()));
+    QLOG(INFO) << "QuorviaAPIMapping, jobj is null? " << (document ? 0 : 1);
+    if (!document) {
+        return result;
+    }
+    json_object* api = json_object_object_get(document.get(), "api");
+    if (api == NULL) {
+        return result;
+    }
+    // Negative numbers, read as unsigned, lie above the last operation too.
+    const unsigned int operation = static_cast<unsigned int>(readInt(api));
+    if (operation > LAST_API_) {
+        return result;
+    }
+    switch (operation) {
+        case 0:
+            parseGetImageMetadata(document.get(), result);
+            break;
+        case 1:
+            parseGetAudioMetadata(document.get(), result);
+            break;
+        case 2:
+            parseGetVedioMetadata(document.get(), result);
+            break;
+        default:
+            parseUmountDevice(document.get(), result);
+            break;
+    }
+    return result;
+}
+
+void QuorviaAPIMapping::parseGetImageMetadata(json_object* request, std::string& result) const {
+    json_object* path = json_object_object_get(request, "path");
+    json_object* name = json_object_object_get(request, "name");
+    json_object* hash = json_object_object_get(request, "hash");
+    json_object* time = json_object_object_get(request, "defaultModifyTime");
+    if (path == NULL || name == NULL || hash == NULL || time == NULL) {
+        result = createParameterMissingJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetImageMetadata api parameter missing";
+        return;
+    }
+    const std::string pathText = readString(path);
+    const std::string nameText = readString(name);
+    const std::string hashText = readString(hash);
+    const long defaultModifyTime = readInt(time);
+    if (pathText.empty() || nameText.empty() || hashText.empty()) {
+        result = createParameterEmptyJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetImageMetadata api parameter empty";
+        return;
+    }
+    result = api_.getImageMetadata(pathText, nameText, defaultModifyTime, hashText);
+}
+
+void QuorviaAPIMapping::parseGetAudioMetadata(json_object* request, std::string& result) const {
+    json_object* path = json_object_object_get(request, "path");
+    json_object* name = json_object_object_get(request, "name");
+    json_object* hash = json_object_object_get(request, "hash");
+    if (path == NULL || name == NULL || hash == NULL) {
+        result = createParameterMissingJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetAudioMetadata api parameter missing";
+        return;
+    }
+    const std::string pathText = readString(path);
+    const std::string nameText = readString(name);
+    const std::string hashText = readString(hash);
+    if (pathText.empty() || nameText.empty() || hashText.empty()) {
+        result = createParameterEmptyJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetAudioMetadata api parameter empty";
+        return;
+    }
+    result = api_.getAudioMetadata(pathText, nameText, hashText);
+}
+
+void QuorviaAPIMapping::parseGetVedioMetadata(json_object* request, std::string& result) const {
+    json_object* path = json_object_object_get(request, "path");
+    json_object* name = json_object_object_get(request, "name");
+    json_object* hash = json_object_object_get(request, "hash");
+    json_object* time = json_object_object_get(request, "defaultModifyTime");
+    if (path == NULL || name == NULL || hash == NULL || time == NULL) {
+        result = createParameterMissingJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetVedioMetadata api parameter missing";
+        return;
+    }
+    const std::string pathText = readString(path);
+    const std::string nameText = readString(name);
+    const std::string hashText = readString(hash);
+    const long defaultModifyTime = readInt(time);
+    if (pathText.empty() || nameText.empty() || hashText.empty()) {
+        result = createParameterEmptyJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseGetVedioMetadata api parameter empty";
+        return;
+    }
+    result = api_.getVedioMetadata(pathText, nameText, defaultModifyTime, hashText);
+}
+
+void QuorviaAPIMapping::parseUmountDevice(json_object* request, std::string& result) const {
+    json_object* root = json_object_object_get(request, "root");
+    // No root leaves nothing to copy: a logic error, which the handler's guard
+    // logs and answers with the empty string.
+    if (root == NULL) {
+        throw std::logic_error("basic_string: construction from null is not valid");
+    }
+    const std::string rootText = readString(root);
+    // An empty root or "/" would drop every disk's rows: refused, nothing
+    // touched.
+    if (coversWholeTree(rootText)) {
+        result = createParameterEmptyJsonString();
+        QLOG(INFO) << "QuorviaAPIMapping::parseUmountDevice api parameter empty";
+        return;
+    }
+    result = api_.processUmount(rootText);
+}
+
+std::string QuorviaAPIMapping::createParameterMissingJsonString() const {
+    return jsonStringOf(PARAMETER_MISSING);
+}
+
+std::string QuorviaAPIMapping::createParameterEmptyJsonString() const {
+    return jsonStringOf(PARAMETER_EMPTY);
+}
+
+std::string QuorviaAPIMapping::createParameterFormatErrorString() const {
+    return jsonStringOf(PARAMETER_FORMAT_ERROR);
+}

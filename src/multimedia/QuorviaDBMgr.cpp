@@ -1,0 +1,192 @@
+#include "multimedia/QuorviaDBMgr.h"
+
+#include <boost/lexical_cast.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include "system/Log.h"
+
+namespace quorvia {
+
+QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath) : db_(NULL) {
+    setNames(dbPath);
+    init();
+}
+
+QuorviaDBMgr::~QuorviaDBMgr() {
+    sqlite3_close(db_);
+    db_ = NULL;
+}
+
+void QuorviaDBMgr::setNames(const std::string& dbPath) {
+    dbName_ = "quorvia.db";
+    dbPath_ = dbPath;
+    mainTableName_ = "quorvia";
+    keyvaluePairsTableName_ = "keyvalue_pairs";
+    dbVersionKey_ = "db_version";
+}
+
+bool QuorviaDBMgr::init() {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (!openDB()) {
+        return false;
+    }
+    sqlite3_enable_shared_cache(1);
+    if (!createTable()) {
+        return false;
+    }
+    upgradeDB();
+    return true;
+}
+
+bool QuorviaDBMgr::openDB() {
+    // No threading flag: the library's default mode applies, which on this
+    // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
+    // connection may be used from several threads (see getMetadataByHash).
+    const int rc =
+        sqlite3_open_v2(dbPath_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
+    if (rc == SQLITE_OK) {
+        return true;
+    }
+    sqlite3_close(db_);
+    QLOG(ERROR) << "Can't open database: " << dbPath_;
+    db_ = NULL;
+    return false;
+}
+
+void QuorviaDBMgr::closeDB() {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (db_ == NULL) {
+        return;
+    }
+    const int rc = sqlite3_close(db_);
+    db_ = NULL;
+    QLOG(INFO) << "sqlite3_close return " << rc;
+}
+
+bool QuorviaDBMgr::createTable() {
+    if (!createMainTable()) {
+        return false;
+    }
+    return createKeyvaluePairsTable();
+}
+
+bool QuorviaDBMgr::createMainTable() {
+    bool result = execSql("CREATE TABLE IF NOT EXISTS " + mainTableName_ +
+                          "(HASH VARCHAR(40) PRIMARY KEY, PATH VARCHAR(40), TITLE VARCHAR(40), "
+                          "DATE INTEGER, MIME VARCHAR(40), DURATION VARCHAR(40), "
+                          "ARTIST VARCHAR(40), ALBUM VARCHAR(40))");
+    if (result) {
+        result = createPathIndex();
+    }
+    QLOG(INFO) << "CreateTable result : " << (result ? 1 : 0) << " , table_name: " << mainTableName_;
+    return result;
+}
+
+// Moves and deletes look rows up by path; without this index each of them
+// scans the whole table under the store's lock.
+bool QuorviaDBMgr::createPathIndex() {
+    return execSql("CREATE INDEX IF NOT EXISTS " + mainTableName_ + "_path ON " + mainTableName_ +
+                   "(PATH)");
+}
+
+bool QuorviaDBMgr::createKeyvaluePairsTable() {
+    const bool result = execSql("CREATE TABLE IF NOT EXISTS " + keyvaluePairsTableName_ +
+                                "(KEY VARCHAR(40) PRIMARY KEY, VALUE VARCHAR(40))");
+    QLOG(INFO) << "CreateTable result : " << (result ? 1 : 0)
+               << " , table_name: " << keyvaluePairsTableName_;
+    return result;
+}
+
+void QuorviaDBMgr::dropTable(const std::string& name) { execSql("DROP TABLE " + name); }
+
+// Any stored version other than this build's drops everything: there is no
+// migration. Inequality, not "older than", so a downgrade also starts clean.
+void QuorviaDBMgr::upgradeDB() {
+    const unsigned int version = getDBVersion();
+    if (version == sDBVersion_) {
+        return;
+    }
+    QLOG(WARNING) << "QuorviaDBMgr::upgradeDB,  version : " << version
+                  << " , sDBVersion_ : " << sDBVersion_;
+    dropTable(mainTableName_);
+    dropTable(keyvaluePairsTableName_);
+    createTable();
+    setDBVersion(sDBVersion_);
+}
+
+unsigned int QuorviaDBMgr::getDBVersion() {
+    const std::string text = searchKeyvaluePairs(dbVersionKey_);
+    if (text.empty()) {
+        return 0;
+    }
+    try {
+        return boost::lexical_cast<unsigned int>(text);
+    } catch (const boost::bad_lexical_cast&) {
+        return 0;
+    }
+}
+
+void QuorviaDBMgr::setDBVersion(unsigned int version) {
+    insertKeyvaluePairs(dbVersionKey_, boost::lexical_cast<std::string>(version));
+}
+
+bool QuorviaDBMgr::insertKeyvaluePairs(const std::string& key, const std::string& value) {
+    const std::string sql =
+        "INSERT OR REPLACE INTO " + keyvaluePairsTableName_ + " (KEY, VALUE) VALUES(?,?);";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare insert error: " << sqlite3_errmsg(db_)
+                    << " , table name : " << keyvaluePairsTableName_;
+        return false;
+    }
+    sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    sqlite3_bind_text(stmt, 2, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
+    sqlite3_step(stmt);
+    const int rc = sqlite3_finalize(stmt);
+    if (rc == SQLITE_OK) {
+        return true;
+    }
+    QLOG(ERROR) << "step insert error " << rc << sqlite3_errmsg(db_)
+                << " , table name : " << keyvaluePairsTableName_;
+    return false;
+}
+
+std::string QuorviaDBMgr::searchKeyvaluePairs(const std::string& key) {
+    const std::string sql = "SELECT * FROM " + keyvaluePairsTableName_ + " WHERE Key=?;";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "searchKeyvaluePairs error:" << sqlite3_errmsg(db_);
+        return std::string();
+    }
+    sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    std::string value;
+    if (sqlite3_step(stmt) == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(stmt, 1);
+        if (text != NULL) {
+            value.assign(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, 1));
+        }
+    }
+    sqlite3_finalize(stmt);
+    return value;
+}
+
+bool QuorviaDBMgr::execSql(const std::string& sql) {
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare2 errmsg:" << sqlite3_errmsg(db_);
+        return false;
+    }
+    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+bool QuorviaDBMgr::isSqlSucceed(int code) {
+    if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) {
+        return true;
+    }
+    QLOG(ERROR) << "sql error:" << sqlite3_errmsg(db_);
+    return false;
+}
+
+}  // namespace quorvia

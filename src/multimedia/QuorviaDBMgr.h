@@ -1,0 +1,115 @@
+#ifndef QUORVIA_MULTIMEDIA_QUORVIADBMGR_H
+#define QUORVIA_MULTIMEDIA_QUORVIADBMGR_H
+
+#include <sqlite3.h>
+#include <stdint.h>
+
+#include <boost/thread/mutex.hpp>
+#include <string>
+#include <vector>
+
+#include "multimedia/Metadata.h"
+#include "multimedia/QuorviaContext.h"
+
+namespace quorvia {
+
+// The index of media metadata: one SQLite database, one row per file content
+// keyed by its hash. All threads share one connection. Every public operation
+// holds mutex_ for its whole body, except getMetadataByHash (reads without it,
+// relying on SQLite's serialized threading mode) and getFileHash (locks only
+// around its own store calls, not across the file read). Operations answer
+// with bool and log their failures; on a store that could not be opened they
+// fail at prepare and take their failure route.
+class QuorviaDBMgr {
+public:
+    // Schema version this build expects.
+    static const unsigned int sDBVersion_ = 0;
+    // Streaming buffer of the file hash computed by getFileHash, in KiB.
+    static const unsigned int kHashBufferKiB = 128;
+
+    // The daemon's store, on ConfigInfo's database folder; opened on first use.
+    static QuorviaDBMgr& sGetInstance();
+
+    // A store on a database file of the caller's choosing (tools and tests);
+    // opened at construction like the daemon's.
+    explicit QuorviaDBMgr(const std::string& dbPath);
+    virtual ~QuorviaDBMgr();
+
+    // ---- Lifecycle and schema ----
+    bool init();
+    bool openDB();
+    // Closes the connection; a closed store is never reopened.
+    void closeDB();
+    bool createTable();
+    bool createMainTable();
+    bool createKeyvaluePairsTable();
+    void dropTable(const std::string& name);
+    void upgradeDB();
+    unsigned int getDBVersion();
+    void setDBVersion(unsigned int version);
+    bool insertKeyvaluePairs(const std::string& key, const std::string& value);
+    std::string searchKeyvaluePairs(const std::string& key);
+    bool execSql(const std::string& sql);
+    // true for SQLITE_OK, SQLITE_ROW and SQLITE_DONE; logs any other code.
+    bool isSqlSucceed(int code);
+
+    // ---- Rows ----
+    // Stores or replaces the row of context.hash. true when written.
+    bool insertToDB(const QuorviaContext& context);
+    // Fills metadata on a hit and leaves it untouched on a miss; always true.
+    bool getMetadataByHash(const std::string& hash, talvern::metadata_s& metadata);
+    // Removes every row at exactly that path (one trailing "/" ignored). true
+    // when the statement ran, whether or not a row matched.
+    bool deleteMetadataByPath(const std::string& path);
+    // Removes the rows of rootPath and below it, matched on whole path
+    // components, ASCII case ignored, "%" and "_" literal. Refuses (false,
+    // nothing touched) a root that is empty or "/" alone.
+    bool deleteMetadataByRootPath(const std::string& rootPath);
+    // Repoints every row at oldPath to newPath; only PATH changes.
+    bool updateFilePath(const std::string& oldPath, const std::string& newPath);
+    // Repoints the rows below oldDir (exact bytes, whole components; directories
+    // used as passed, so a trailing "/" is part of the prefix) to newDir plus
+    // the rest of their path. One transaction: all rows follow or none.
+    void updateDirPaths(const std::string& oldDir, const std::string& newDir);
+
+    // ---- File-hash cache ----
+    // The cached hash of path, or the file's hash computed and stored with an
+    // empty record. Empty when the file could not be hashed.
+    std::string getFileHash(const std::string& path);
+    // The hash stored for path, or empty. Reads no file.
+    std::string doGetFileHash(const std::string& path);
+    // true only when a row with that hash exists.
+    bool isExistsFileByHash(const std::string& hash);
+
+private:
+    // A row below a moved directory: its rowid, its path and where it goes.
+    struct PathRow {
+        sqlite3_int64 rowid;
+        std::string path;
+        std::string newPath;
+    };
+
+    QuorviaDBMgr();
+    QuorviaDBMgr(const QuorviaDBMgr&);
+    QuorviaDBMgr& operator=(const QuorviaDBMgr&);
+
+    void setNames(const std::string& dbPath);
+    bool createPathIndex();
+    // Both run under updateDirPaths's lock. updatePath sets each row's newPath
+    // and counts the rows it stepped in rewritten; false when a step failed.
+    void getFileByDir(std::vector<PathRow>& rows, const std::string& dir);
+    bool updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
+                    const std::string& newDir, size_t& rewritten);
+
+    sqlite3* db_;
+    std::string dbName_;
+    std::string dbPath_;
+    std::string mainTableName_;
+    std::string keyvaluePairsTableName_;
+    std::string dbVersionKey_;
+    boost::mutex mutex_;
+};
+
+}  // namespace quorvia
+
+#endif

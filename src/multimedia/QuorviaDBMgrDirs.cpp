@@ -1,0 +1,111 @@
+#include <boost/thread/lock_guard.hpp>
+
+#include "multimedia/QuorviaDBMgr.h"
+#include "multimedia/QuorviaDBMgrSql.h"
+#include "system/Log.h"
+
+namespace quorvia {
+
+using sqlutil::bindText;
+using sqlutil::columnText;
+
+namespace {
+
+// The prefix every path below dir starts with: dir itself when it already
+// ends in "/", else dir + "/", so that /a/b never takes /a/bc.
+std::string componentPrefix(const std::string& dir) {
+    if (!dir.empty() && dir[dir.size() - 1] == '/') {
+        return dir;
+    }
+    return dir + "/";
+}
+
+// First text above every text that starts with prefix (which ends in "/"),
+// so that the pair bounds a range the PATH index can walk.
+std::string prefixUpperBound(const std::string& prefix) {
+    std::string bound(prefix);
+    bound[bound.size() - 1] = '/' + 1;
+    return bound;
+}
+
+}  // namespace
+
+// Lists the rows first and rewrites each listed row once by rowid, so a new
+// directory below the old one is not rewritten twice; the whole rewrite is one
+// transaction, so a failure or a crash never leaves a half-moved directory.
+// The per-row lines are written once the lock is released: logging can cost
+// more than the rewrite, and requests wait for the lock meanwhile.
+void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& newDir) {
+    QLOG(INFO) << "QuorviaDBMgr::updateDirPaths from " << oldDir << ", to " << newDir;
+    if (oldDir.empty()) {
+        return;
+    }
+    std::vector<PathRow> rows;
+    size_t rewritten = 0;
+    {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        getFileByDir(rows, oldDir);
+        if (rows.empty() || !execSql("BEGIN IMMEDIATE;")) {
+            rows.clear();
+        } else if (!updatePath(rows, oldDir, newDir, rewritten) || !execSql("COMMIT;")) {
+            QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
+                        << newDir;
+            execSql("ROLLBACK;");
+        }
+    }
+    for (size_t i = 0; i < rows.size(); ++i) {
+        QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << rows[i].path;
+    }
+    for (size_t i = 0; i < rewritten; ++i) {
+        QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
+                   << " , newPath : " << rows[i].newPath;
+    }
+}
+
+// Exact bytes, case kept: a row that differs from dir in case only stays.
+void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& dir) {
+    rows.clear();
+    const std::string sql = "SELECT rowid, Path FROM " + mainTableName_ +
+                            " WHERE Path = ? OR (Path >= ? AND Path < ?) ";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "QuorviaDBMgr::getFileByDir error : " << sqlite3_errmsg(db_);
+        return;
+    }
+    const std::string prefix = componentPrefix(dir);
+    const std::string bound = prefixUpperBound(prefix);
+    bindText(stmt, 1, dir);
+    bindText(stmt, 2, prefix);
+    bindText(stmt, 3, bound);
+    QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  sql : " << sql << " , pattern : " << prefix;
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+        PathRow row;
+        row.rowid = sqlite3_column_int64(stmt, 0);
+        row.path = columnText(stmt, 1);
+        rows.push_back(row);
+    }
+    sqlite3_finalize(stmt);
+}
+
+bool QuorviaDBMgr::updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
+                              const std::string& newDir, size_t& rewritten) {
+    const std::string sql = "UPDATE " + mainTableName_ + " SET PATH=? WHERE rowid=?";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "QuorviaDBMgr::updatePath error:" << sqlite3_errmsg(db_);
+        return false;
+    }
+    bool result = true;
+    for (rewritten = 0; rewritten < rows.size() && result; ++rewritten) {
+        PathRow& row = rows[rewritten];
+        row.newPath = newDir + row.path.substr(oldDir.size());
+        bindText(stmt, 1, row.newPath);
+        sqlite3_bind_int64(stmt, 2, row.rowid);
+        result = isSqlSucceed(sqlite3_step(stmt));
+        sqlite3_reset(stmt);
+    }
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+}  // namespace quorvia

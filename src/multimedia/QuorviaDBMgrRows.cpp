@@ -1,0 +1,150 @@
+#include <boost/thread/lock_guard.hpp>
+
+#include "multimedia/QuorviaDBMgr.h"
+#include "multimedia/QuorviaDBMgrSql.h"
+#include "system/CommonUtils.h"
+#include "system/Log.h"
+
+namespace quorvia {
+
+using sqlutil::bindText;
+using sqlutil::columnText;
+
+namespace {
+
+// LIKE pattern that matches text itself, literally: "%", "_" and the escape
+// character lose their meaning (used with ESCAPE '\').
+std::string likeLiteral(const std::string& text) {
+    std::string pattern;
+    pattern.reserve(text.size() + 8);
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' || text[i] == '_' || text[i] == '\\') {
+            pattern += '\\';
+        }
+        pattern += text[i];
+    }
+    return pattern;
+}
+
+}  // namespace
+
+bool QuorviaDBMgr::insertToDB(const QuorviaContext& context) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (db_ == NULL) {
+        return false;
+    }
+    const std::string sql = "INSERT OR REPLACE INTO " + mainTableName_ +
+                            "(HASH,PATH,TITLE,DATE,MIME,DURATION,ARTIST,ALBUM)VALUES "
+                            "(?,?,?,?,?,?,?,?);";
+    sqlite3_stmt* stmt = NULL;
+    if (!isSqlSucceed(sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL))) {
+        return false;
+    }
+    const talvern::metadata_s& metadata = context.metadata;
+    bindText(stmt, 1, context.hash);
+    bindText(stmt, 2, context.path);
+    bindText(stmt, 3, metadata.title);
+    sqlite3_bind_int64(stmt, 4, static_cast<int32_t>(metadata.date));
+    bindText(stmt, 5, metadata.mime);
+    bindText(stmt, 6, metadata.duration);
+    bindText(stmt, 7, metadata.artist);
+    bindText(stmt, 8, metadata.album);
+    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+// No lock: the connection runs in SQLite's serialized mode (the library is
+// built SQLITE_THREADSAFE=1 and opened without a threading flag), so SQLite
+// serialises every call on it, and this read may interleave with a writer
+// holding mutex_. A writer's open transaction is visible here, as it is the
+// same connection.
+bool QuorviaDBMgr::getMetadataByHash(const std::string& hash, talvern::metadata_s& metadata) {
+    const std::string sql = "SELECT TITLE, DATE, MIME, DURATION, ARTIST, ALBUM FROM " +
+                            mainTableName_ + " WHERE HASH=?;";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare getMetadataByHash error : " << sqlite3_errmsg(db_);
+        return true;
+    }
+    bindText(stmt, 1, hash);
+    if (sqlite3_step(stmt) == SQLITE_ROW) {
+        metadata.title = columnText(stmt, 0);
+        metadata.date = static_cast<int32_t>(sqlite3_column_int64(stmt, 1));
+        metadata.mime = columnText(stmt, 2);
+        metadata.duration = columnText(stmt, 3);
+        metadata.artist = columnText(stmt, 4);
+        metadata.album = columnText(stmt, 5);
+    }
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        QLOG(ERROR) << "getMetadataByHash error : " << sqlite3_errmsg(db_);
+    }
+    sqlite3_finalize(stmt);
+    return true;
+}
+
+bool QuorviaDBMgr::deleteMetadataByPath(const std::string& path) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string unified = CommonUtils::sUnifyPathStyle(path);
+    const std::string sql = "DELETE FROM " + mainTableName_ + " WHERE Path=?;";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare deleteMetadataByPath error: " << sqlite3_errmsg(db_);
+        return false;
+    }
+    QLOG(INFO) << "QuorviaDBMgr::deleteMetadataByPath sql_str is " << sql << ", path is "
+               << unified;
+    bindText(stmt, 1, unified);
+    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+// The root and everything below it, on whole components: /mnt/usb1 takes
+// /mnt/usb1/... but not /mnt/usb10. LIKE keeps ASCII case ignored, as a disk's
+// file system may not keep case; its wildcards in the root are escaped.
+bool QuorviaDBMgr::deleteMetadataByRootPath(const std::string& rootPath) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string unified = CommonUtils::sUnifyPathStyle(rootPath);
+    if (unified.empty() || unified == "/") {
+        QLOG(WARNING) << "QuorviaDBMgr::deleteMetadataByRootPath refuses root : " << rootPath;
+        return false;
+    }
+    const std::string sql = "DELETE FROM " + mainTableName_ +
+                            " WHERE Path LIKE ? ESCAPE '\\' OR Path LIKE ? ESCAPE '\\';";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare deleteMetadataByRootPath error: " << sqlite3_errmsg(db_);
+        return false;
+    }
+    QLOG(INFO) << "QuorviaDBMgr::deleteMetadataByRootPath sql_str is " << sql << ", path is "
+               << unified;
+    const std::string self = likeLiteral(unified);
+    const std::string below = self + "/%";
+    bindText(stmt, 1, self);
+    bindText(stmt, 2, below);
+    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+bool QuorviaDBMgr::updateFilePath(const std::string& oldPath, const std::string& newPath) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string from = CommonUtils::sUnifyPathStyle(oldPath);
+    const std::string to = CommonUtils::sUnifyPathStyle(newPath);
+    const std::string sql = "UPDATE " + mainTableName_ + " SET PATH =? WHERE PATH=?;";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "prepare updateFilePath error: " << sqlite3_errmsg(db_);
+        return false;
+    }
+    bindText(stmt, 1, to);
+    bindText(stmt, 2, from);
+    QLOG(INFO) << "QuorviaDBMgr::updateFilePath, sql_str is " << sql << ", from " << from
+               << ", to " << to;
+    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return result;
+}
+
+}  // namespace quorvia

@@ -1,0 +1,29 @@
+#ifndef QUORVIA_MULTIMEDIA_QUORVIADBMGRSQL_H
+#define QUORVIA_MULTIMEDIA_QUORVIADBMGRSQL_H
+
+#include <sqlite3.h>
+
+#include <string>
+
+// Statement helpers shared by the sources of QuorviaDBMgr.
+namespace quorvia {
+namespace sqlutil {
+
+// Binds text by its byte length without a copy: text must outlive the step.
+inline void bindText(sqlite3_stmt* stmt, int index, const std::string& text) {
+    sqlite3_bind_text(stmt, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+}
+
+// The column's text, NUL bytes included; empty for NULL.
+inline std::string columnText(sqlite3_stmt* stmt, int column) {
+    const unsigned char* text = sqlite3_column_text(stmt, column);
+    if (text == NULL) {
+        return std::string();
+    }
+    return std::string(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, column));
+}
+
+}  // namespace sqlutil
+}  // namespace quorvia
+
+#endif
