@@ -30,9 +30,13 @@ void QuorviaManager::init() {
 }
 
 void QuorviaManager::run() {
+    startDispatcher();
+    thread_.reset(new boost::thread(boost::bind(&QuorviaManager::notify, this)));
+}
+
+void QuorviaManager::startDispatcher() {
     dispatcher_.reset(new Dispatcher());
     dispatcher_->start();
-    thread_.reset(new boost::thread(boost::bind(&QuorviaManager::notify, this)));
 }
 
 void QuorviaManager::notify() {

@@ -32,6 +32,9 @@ public:
     // Called once; raises boost::thread_resource_error when a thread can't be
     // made.
     void run();
+    // The first half of run: makes and starts the queue, without the monitor
+    // thread (for callers that feed update themselves).
+    void startDispatcher();
     // The roots to follow: the data folder of the user disk.
     void init();
     // Body of the monitor thread; never returns.

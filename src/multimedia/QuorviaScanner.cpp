@@ -9,6 +9,8 @@ namespace fs = boost::filesystem;
 
 namespace quorvia {
 
+const std::size_t QuorviaScanner::kGroupSize;
+
 void QuorviaScanner::registerObserver(boost::shared_ptr<IFileChangeMonitorObserver> observer) {
     observer_ = observer;
 }

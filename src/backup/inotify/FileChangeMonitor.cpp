@@ -30,6 +30,11 @@ std::string withSlash(const std::string& dir) {
 
 }  // namespace
 
+const uint32_t FileChangeMonitor::kWatchMask;
+const std::size_t FileChangeMonitor::kReadBufferSize;
+const int FileChangeMonitor::kQuietMilliseconds;
+const int FileChangeMonitor::kMaxWatchRetries;
+
 FileChangeMonitor* FileChangeMonitor::sGetInstance() {
     static FileChangeMonitor instance;
     return &instance;

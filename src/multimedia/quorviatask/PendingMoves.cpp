@@ -2,6 +2,9 @@
 
 namespace quorvia {
 
+const std::size_t PendingMoves::kMaxWaiting;
+const int PendingMoves::kMaxAgeSeconds;
+
 bool PendingMoves::match(uint32_t cookie, WatchMask half, bool isDir, const std::string& path,
                          time_t now, std::string& partnerPath) {
     expire(now);
