@@ -63,7 +63,7 @@ bool FileChangeMonitor::init(const std::vector<std::string>& dirs) {
 }
 
 bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) {
-    if (!talvern::Directory::sExists(dir) || !addWatchDiskDir(dir)) {
+    if (!talvern::Directory::sExists(dir) || !placeWatch(dir)) {
         delayAddDirs_[dir] = 1;
         return false;
     }
@@ -96,9 +96,10 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
 }
 
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
-    if (!talvern::Directory::sExists(dir)) {
-        return false;
-    }
+    return talvern::Directory::sExists(dir) && placeWatch(dir);
+}
+
+bool FileChangeMonitor::placeWatch(const std::string& dir) {
     const std::string path = withSlash(dir);
     int wd = kernel_->addWatch(inotifyFd_, path, kWatchMask);
     if (wd == -1) {

@@ -126,6 +126,9 @@ private:
     FileChangeMonitor& operator=(const FileChangeMonitor&);
 
     static std::string eventName(const inotify_event* event);
+    // addWatchDiskDir without the existence test, for the scan that just
+    // made it.
+    bool placeWatch(const std::string& dir);
     bool gateShut();
     void drain();
     void deliverChanges();
