@@ -72,6 +72,14 @@ public:
 
     // ---- Directory filter (CommonUtilsDirFilter.cpp) ----
 
+    // true when a directory of this bare name (no path) is not followed:
+    // hidden names, recycle bins and the device's own folders, each matched as
+    // a prefix ignoring case. A hit is logged at INFO. Asks ConfigInfo.
+    static bool isFilterDir(const std::string& name);
+    // true when path ends in ".td" or ".cfg" and lies in the download folder;
+    // asking for the folder may create it.
+    static bool sIsDownloadTmpFile(const std::string& path);
+
     // ---- Path and name utilities (CommonUtilsPaths.cpp) ----
 
     // Removes every trailing "/" from path itself, but never its first

@@ -1,0 +1,570 @@
+#include "backup/inotify/FileChangeMonitor.h"
+
+#include <errno.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/thread.hpp>
+#include <cstdio>
+
+#include "storage/Directory.h"
+#include "system/CommonUtils.h"
+#include "system/Log.h"
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+const std::size_t kEventHeaderSize = sizeof(struct inotify_event);
+const int kGateSeconds = 3;
+
+std::string withSlash(const std::string& dir) {
+    if (!dir.empty() && dir[dir.size() - 1] != '/') {
+        return dir + "/";
+    }
+    return dir;
+}
+
+}  // namespace
+
+const uint32_t FileChangeMonitor::kWatchMask;
+const std::size_t FileChangeMonitor::kReadBufferSize;
+const int FileChangeMonitor::kQuietMilliseconds;
+const int FileChangeMonitor::kMaxWatchRetries;
+
+FileChangeMonitor* FileChangeMonitor::sGetInstance() {
+    static FileChangeMonitor instance;
+    return &instance;
+}
+
+FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel)
+    : disableUntil_(0),
+      kernel_(kernel),
+      inotifyFd_(-1),
+      initErrno_(0),
+      watchLimitWarned_(false),
+      changesNotified_(false) {
+    inotifyFd_ = kernel_->init();
+    if (inotifyFd_ < 0) {
+        initErrno_ = errno;
+    }
+}
+
+FileChangeMonitor::~FileChangeMonitor() { kernel_->close(inotifyFd_); }
+
+// ---- Watch table ----
+
+bool FileChangeMonitor::init(const std::vector<std::string>& dirs) {
+    watchDirs_ = dirs;
+    return true;
+}
+
+bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) {
+    if (!talvern::Directory::sExists(dir) || !placeWatch(dir)) {
+        delayAddDirs_[dir] = 1;
+        return false;
+    }
+    // A directory that vanishes or can't be read while it is walked goes to
+    // the retry table; the thread that follows the disk must live on.
+    try {
+        for (fs::directory_iterator it(dir), end; it != end; ++it) {
+            fs::file_status status;
+            try {
+                status = it->symlink_status();
+            } catch (const std::exception& e) {
+                QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
+                continue;
+            }
+            if (status.type() != fs::directory_file) {
+                continue;
+            }
+            const std::string name = it->path().filename().string();
+            if (name == "." || name == ".." || CommonUtils::isFilterDir(name) ||
+                it->path().string() == dir) {
+                continue;
+            }
+            scanAndAddWatchDiskDirRecursive(it->path().string());
+        }
+    } catch (const fs::filesystem_error& e) {
+        QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
+        delayAddDirs_[dir] = 1;
+    }
+    return true;
+}
+
+bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
+    return talvern::Directory::sExists(dir) && placeWatch(dir);
+}
+
+bool FileChangeMonitor::placeWatch(const std::string& dir) {
+    const std::string path = withSlash(dir);
+    int wd = kernel_->addWatch(inotifyFd_, path, kWatchMask);
+    if (wd == -1) {
+        noteRefusedWatch(errno);
+        return false;
+    }
+    watchLimitWarned_ = false;
+    // The two tables stay mirror images: a descriptor that now stands for
+    // another path drops its old path, and a path that another (stale)
+    // descriptor held loses that one, so no event is ever named by a path
+    // that is not its directory's.
+    boost::unordered_map<int, std::string>::iterator byWd = wdToPath_.find(wd);
+    if (byWd != wdToPath_.end() && byWd->second != path) {
+        forgetPath(byWd->second, wd);
+    }
+    boost::unordered_map<std::string, int>::iterator byPath = pathToWd_.find(path);
+    if (byPath != pathToWd_.end() && byPath->second != wd) {
+        kernel_->removeWatch(inotifyFd_, byPath->second);
+        wdToPath_.erase(byPath->second);
+    }
+    wdToPath_[wd] = path;
+    pathToWd_[path] = wd;
+    QLOG(INFO) << "add inotify watch " << dir;
+    return true;
+}
+
+// The watch limit is the one refusal an operator can fix; say so once until
+// a watch succeeds again, not once per directory of a large tree.
+void FileChangeMonitor::noteRefusedWatch(int error) {
+    QLOG(INFO) << "talvern inotify_add_watch error";
+    if (error == ENOSPC && !watchLimitWarned_) {
+        watchLimitWarned_ = true;
+        QLOG(WARNING) << "inotify watch limit reached: raise fs.inotify.max_user_watches to "
+                         "follow every folder of the disk";
+    }
+}
+
+void FileChangeMonitor::addWatchDiskDir(inotify_event* event) {
+    if (!(event->mask & IN_ISDIR) || event->len == 0) {
+        return;
+    }
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(event->wd);
+    if (it == wdToPath_.end()) {
+        return;
+    }
+    scanAndAddWatchDiskDirRecursive(it->second + eventName(event) + "/");
+}
+
+void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
+    if (!(event->mask & IN_ISDIR) || event->len == 0) {
+        return;
+    }
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(event->wd);
+    if (it == wdToPath_.end()) {
+        return;
+    }
+    const std::string path = it->second + eventName(event) + "/";
+    int found = isWatchedTalvernDir(path);
+    if (found == -1) {
+        return;
+    }
+    QLOG(WARNING) << "Folder removed: " << path;
+    kernel_->removeWatch(inotifyFd_, found);
+    wdToPath_.erase(found);
+    pathToWd_.erase(path);
+    // A directory moved away takes its subtree's watches along: left in place
+    // they would name its files by paths that now belong to nobody (or to a
+    // newcomer). A move inside the tree scans the new place afresh.
+    if (event->mask & IN_MOVED_FROM) {
+        removeWatchesBelow(path);
+    }
+}
+
+void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {
+    std::vector<int> below;
+    for (boost::unordered_map<int, std::string>::iterator it = wdToPath_.begin();
+         it != wdToPath_.end(); ++it) {
+        if (it->second.size() > dir.size() && it->second.compare(0, dir.size(), dir) == 0) {
+            below.push_back(it->first);
+        }
+    }
+    for (std::size_t i = 0; i < below.size(); ++i) {
+        kernel_->removeWatch(inotifyFd_, below[i]);
+        forgetPath(wdToPath_[below[i]], below[i]);
+        wdToPath_.erase(below[i]);
+    }
+}
+
+void FileChangeMonitor::removeWatchDiskDirSelf(inotify_event* event) {
+    if (!(event->mask & IN_ISDIR) || event->len != 0) {
+        return;
+    }
+    if (wdToPath_.count(event->wd) != 0) {
+        kernel_->removeWatch(inotifyFd_, event->wd);
+        forgetWatch(event->wd);
+    }
+}
+
+// The kernel ends a watch with IN_IGNORED (after IN_DELETE_SELF, whose
+// IN_ISDIR bit older kernels leave out, or an unmount): the descriptor
+// leaves both tables, and a root that lost its watch is looked for again.
+void FileChangeMonitor::forgetWatch(int wd) {
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(wd);
+    if (it == wdToPath_.end()) {
+        return;
+    }
+    if (isRoot(it->second)) {
+        unwatchedRoots_.insert(it->second);
+    }
+    forgetPath(it->second, wd);
+    wdToPath_.erase(it);
+}
+
+void FileChangeMonitor::forgetPath(const std::string& path, int wd) {
+    boost::unordered_map<std::string, int>::iterator it = pathToWd_.find(path);
+    if (it != pathToWd_.end() && it->second == wd) {
+        pathToWd_.erase(it);
+    }
+}
+
+bool FileChangeMonitor::isRoot(const std::string& pathWithSlash) const {
+    for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
+        if (withSlash(watchDirs_[i]) == pathWithSlash) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int FileChangeMonitor::isWatchedTalvernDir(const std::string& path) {
+    boost::unordered_map<std::string, int>::iterator it = pathToWd_.find(path);
+    if (it == pathToWd_.end()) {
+        QLOG(INFO) << "not find path " << path;
+        return -1;
+    }
+    QLOG(INFO) << "it is watched talvern dir, path is " << path << " ,wd is " << it->second;
+    return it->second;
+}
+
+void FileChangeMonitor::delayAddWatchDiskDir() {
+    boost::unordered_map<std::string, int>::iterator it = delayAddDirs_.begin();
+    while (it != delayAddDirs_.end()) {
+        if (it->second > kMaxWatchRetries || addWatchDiskDir(it->first)) {
+            it = delayAddDirs_.erase(it);
+        } else {
+            ++it->second;
+            ++it;
+        }
+    }
+}
+
+// Roots are watched again once they exist: a data folder that was missing at
+// start-up or deleted and made anew is followed without a restart. The
+// parent of a root is not watched, so its return is found by looking.
+void FileChangeMonitor::watchMissingRoots() {
+    boost::unordered_set<std::string>::iterator it = unwatchedRoots_.begin();
+    while (it != unwatchedRoots_.end()) {
+        if (talvern::Directory::sExists(*it) && scanAndAddWatchDiskDirRecursive(*it)) {
+            delayAddDirs_.erase(*it);
+            it = unwatchedRoots_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void FileChangeMonitor::addInotifyDir(const std::string& dir) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    QLOG(INFO) << "add inotify dir " << dir;
+    scanAndAddWatchDiskDirRecursive(dir);
+}
+
+void FileChangeMonitor::removeInotifyDir(const std::string& dir) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    QLOG(INFO) << "remove inotify dir" << dir;
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.begin();
+    while (it != wdToPath_.end()) {
+        if (talvern::Directory::sIsAncestorPath(dir, it->second)) {
+            kernel_->removeWatch(inotifyFd_, it->first);
+            pathToWd_.erase(it->second);
+            it = wdToPath_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void FileChangeMonitor::setExcludeFolderPath(const std::vector<std::string>& prefixes) {
+    excludeFolderPaths_ = prefixes;
+}
+
+bool FileChangeMonitor::FilterExcludeFileAndPath(inotify_event* event) {
+    if (event->len == 0) {
+        return true;
+    }
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(event->wd);
+    if (it == wdToPath_.end()) {
+        return true;
+    }
+    std::string path = it->second + eventName(event);
+    if (event->mask & IN_ISDIR) {
+        path += "/";
+    }
+    for (std::size_t i = 0; i < excludeFolderPaths_.size(); ++i) {
+        if (path.compare(0, excludeFolderPaths_[i].size(), excludeFolderPaths_[i]) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- Event loop ----
+
+void FileChangeMonitor::registerObserver(boost::shared_ptr<IFileChangeMonitorObserver> observer) {
+    observer_ = observer;
+}
+
+void FileChangeMonitor::startNotify() {
+    if (!beginNotify()) {
+        // Without inotify there is nothing to read: park this thread for good
+        // and let the daemon go on answering requests.
+        for (;;) {
+            boost::this_thread::sleep_for(boost::chrono::hours(24));
+        }
+    }
+    for (;;) {
+        runPass();
+    }
+}
+
+bool FileChangeMonitor::beginNotify() {
+    if (inotifyFd_ < 0) {
+        QLOG(ERROR) << "The disk is not being followed: inotify_init failed: "
+                    << strerror(initErrno_);
+        return false;
+    }
+    QLOG(INFO) << "talvern has start notify";
+    for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
+        if (!scanAndAddWatchDiskDirRecursive(watchDirs_[i])) {
+            unwatchedRoots_.insert(withSlash(watchDirs_[i]));
+        }
+    }
+    return true;
+}
+
+void FileChangeMonitor::runPass() {
+    if (changesNotified_) {
+        changesNotified_ = false;
+        changePaths_.clear();
+    }
+    int r = kernel_->waitReadable(inotifyFd_, kQuietMilliseconds);
+    int error = errno;
+    if (gateShut()) {
+        return;
+    }
+    if (r > 0) {
+        drain();
+    } else if (r == 0 || error == EINTR) {
+        watchMissingRoots();
+        deliverChanges();
+    } else {
+        // A descriptor that fails for good must not turn the loop into a
+        // busy one.
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(kQuietMilliseconds));
+    }
+}
+
+bool FileChangeMonitor::gateShut() {
+    int until = disableUntil_;
+    if (until == 0) {
+        return false;
+    }
+    if (until == -1 || until > time(NULL)) {
+        discardAllEvent();
+        return true;
+    }
+    disableUntil_ = 0;
+    return false;
+}
+
+void FileChangeMonitor::drain() {
+    std::vector<char> buffer(kReadBufferSize);
+    for (;;) {
+        ssize_t n = kernel_->read(inotifyFd_, &buffer[0], buffer.size());
+        if (n <= 0) {
+            return;
+        }
+        handleEvents(&buffer[0], static_cast<std::size_t>(n));
+    }
+}
+
+void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {
+    std::size_t i = 0;
+    while (i + kEventHeaderSize <= length) {
+        inotify_event* event = reinterpret_cast<inotify_event*>(const_cast<char*>(buffer + i));
+        if (i + kEventHeaderSize + event->len > length) {
+            return;
+        }
+        if (dealWithEvent(event)) {
+            addEvent2ChangePath(event);
+        }
+        i += kEventHeaderSize + event->len;
+    }
+}
+
+bool FileChangeMonitor::dealWithEvent(inotify_event* event) {
+    const uint32_t mask = event->mask;
+    if (mask & IN_IGNORED) {
+        forgetWatch(event->wd);
+        return false;
+    }
+    if ((mask & IN_ISDIR) && CommonUtils::isFilterDir(eventName(event))) {
+        return false;
+    }
+    if (mask & (IN_MOVED_FROM | IN_DELETE)) {
+        removeWatchDiskDir(event);
+        return true;
+    }
+    if (mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
+        removeWatchDiskDirSelf(event);
+        return true;
+    }
+    if (mask & (IN_MOVED_TO | IN_CREATE)) {
+        addWatchDiskDir(event);
+        return true;
+    }
+    return (mask & (IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE)) != 0;
+}
+
+void FileChangeMonitor::addEvent2ChangePath(inotify_event* event) {
+    if (event->len == 0) {
+        return;
+    }
+    boost::unordered_map<int, std::string>::iterator it = wdToPath_.find(event->wd);
+    if (it == wdToPath_.end()) {
+        return;
+    }
+    const bool isDir = (event->mask & IN_ISDIR) != 0;
+    std::string path = it->second + eventName(event);
+    if (isDir) {
+        path += "/";
+    }
+    const uint32_t cookie = (event->mask & (IN_MOVED_FROM | IN_MOVED_TO)) ? event->cookie : 0;
+    changePaths_.add(path, inotifyMaskTransfer(event->mask), isDir, cookie);
+}
+
+WatchMask FileChangeMonitor::inotifyMaskTransfer(unsigned int mask) {
+    char hex[16];
+    snprintf(hex, sizeof(hex), "%x", mask);
+    QLOG(INFO) << "event mask is " << hex;
+    if (mask & IN_MOVED_FROM) {
+        return TALVERN_FROM;
+    }
+    if (mask & IN_MOVED_TO) {
+        return TALVERN_TO;
+    }
+    if (mask & IN_MOVE_SELF) {
+        return TALVERN_DELETE;
+    }
+    if (mask & IN_CLOSE_WRITE) {
+        return TALVERN_MODIFY;
+    }
+    if (mask & (IN_DELETE | IN_DELETE_SELF)) {
+        return TALVERN_DELETE;
+    }
+    if (mask & IN_CREATE) {
+        return TALVERN_CREATE;
+    }
+    if (mask & IN_MODIFY) {
+        return TALVERN_MODIFY;
+    }
+    if (mask & IN_ATTRIB) {
+        return TALVERN_CREATE;
+    }
+    return static_cast<WatchMask>(0);
+}
+
+std::string FileChangeMonitor::convertWatchMaskToString(WatchMask mask) {
+    switch (mask) {
+    case TALVERN_MODIFY:
+        return "TALVERN_MODIFY";
+    case TALVERN_CREATE:
+        return "TALVERN_CREATE";
+    case TALVERN_DELETE:
+        return "TALVERN_DELETE";
+    case TALVERN_FROM:
+        return "TALVERN_FROM";
+    case TALVERN_TO:
+        return "TALVERN_TO";
+    }
+    return "";
+}
+
+void FileChangeMonitor::printAllChanges() {
+    const std::vector<FileChangeItem>& items = changePaths_.items();
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        QLOG(INFO) << "change path is " << items[i].path << " ,mask is "
+                   << convertWatchMaskToString(items[i].mask) << " ,is dir : "
+                   << (items[i].isDir ? 1 : 0);
+    }
+}
+
+void FileChangeMonitor::deliverChanges() {
+    if (changePaths_.empty()) {
+        return;
+    }
+    if (!delayAddDirs_.empty()) {
+        delayAddWatchDiskDir();
+    }
+    changesNotified_ = true;
+    printAllChanges();
+    notifyObserver();
+}
+
+// An observer that throws must not end the thread that follows the disk.
+void FileChangeMonitor::notifyObserver() {
+    if (!observer_) {
+        return;
+    }
+    try {
+        observer_->update(&changePaths_.items(), MONITOR_TYPE_INOTIFY);
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "FileChangeMonitor: observer raised an exception: " << e.what();
+    }
+}
+
+void FileChangeMonitor::discardAllEvent() {
+    std::vector<char> buffer(kReadBufferSize);
+    while (kernel_->read(inotifyFd_, &buffer[0], buffer.size()) > 0) {
+    }
+}
+
+void FileChangeMonitor::enableWatchEvent() { disableUntil_ = 0; }
+
+void FileChangeMonitor::disableWatchEvent() { disableUntil_ = -1; }
+
+void FileChangeMonitor::disableWatchEventThreeSec() {
+    time_t now = time(NULL);
+    disableUntil_ = (now == static_cast<time_t>(-1)) ? 0 : static_cast<int>(now + kGateSeconds);
+}
+
+// ---- Inspection ----
+
+std::string FileChangeMonitor::watchedPath(int wd) const {
+    boost::unordered_map<int, std::string>::const_iterator it = wdToPath_.find(wd);
+    return it == wdToPath_.end() ? std::string() : it->second;
+}
+
+std::vector<std::string> FileChangeMonitor::watchedPaths() const {
+    std::vector<std::string> paths;
+    for (boost::unordered_map<int, std::string>::const_iterator it = wdToPath_.begin();
+         it != wdToPath_.end(); ++it) {
+        paths.push_back(it->second);
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::map<std::string, int> FileChangeMonitor::delayedDirs() const {
+    return std::map<std::string, int>(delayAddDirs_.begin(), delayAddDirs_.end());
+}
+
+std::string FileChangeMonitor::eventName(const inotify_event* event) {
+    if (event->len == 0) {
+        return std::string();
+    }
+    return std::string(event->name, strnlen(event->name, event->len));
+}

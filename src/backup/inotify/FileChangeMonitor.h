@@ -1,0 +1,161 @@
+#ifndef QUORVIA_BACKUP_INOTIFY_FILECHANGEMONITOR_H
+#define QUORVIA_BACKUP_INOTIFY_FILECHANGEMONITOR_H
+
+#include <stdint.h>
+#include <sys/inotify.h>
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/unordered_map.hpp>
+#include <boost/unordered_set.hpp>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "backup/inotify/ChangeList.h"
+#include "backup/inotify/FileChangeItem.h"
+#include "backup/inotify/IFileChangeMonitorObserver.h"
+#include "backup/inotify/InotifyKernel.h"
+
+// Follows directory trees with inotify: one watch per directory, kept true
+// while directories appear, vanish and move, and the events folded into a
+// change list (one item per path) that goes to the one observer after a
+// quiet second.
+//
+// Threads: everything except the gate operations (enable/disable...) runs on
+// the one thread inside startNotify (or the thread that drives beginNotify
+// and runPass), without a lock. addInotifyDir and removeInotifyDir take
+// mutex_ only against each other.
+class FileChangeMonitor {
+public:
+    // IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE |
+    // IN_DELETE_SELF: a file counts as modified when its writer closes it.
+    static const uint32_t kWatchMask = 0x7C8;
+    static const std::size_t kReadBufferSize = 32768;
+    // A batch is delivered after this long without an event.
+    static const int kQuietMilliseconds = 1000;
+    // A directory that refuses its watch is retried at this many delivered
+    // batches, then forgotten.
+    static const int kMaxWatchRetries = 10;
+
+    // The daemon's instance, built at the first call.
+    static FileChangeMonitor* sGetInstance();
+
+    // Opens the inotify descriptor through kernel; reads no directory.
+    explicit FileChangeMonitor(
+        boost::shared_ptr<InotifyKernel> kernel = boost::shared_ptr<InotifyKernel>(new InotifyKernel));
+    // Closes the descriptor.
+    virtual ~FileChangeMonitor();
+
+    // ---- Watch table ----
+
+    // Stores the root directories (replacing the list); always true.
+    bool init(const std::vector<std::string>& dirs);
+    // Watches dir and, recursively, every directory below it that is neither
+    // a symbolic link nor filtered by name. A directory that can't be watched
+    // or read goes to the retry table. true: dir itself is now watched.
+    bool scanAndAddWatchDiskDirRecursive(const std::string& dir);
+    // Places one watch (no scan below). false when dir is missing or the
+    // kernel refused.
+    bool addWatchDiskDir(const std::string& dir);
+    // A directory that arrived (IN_CREATE / IN_MOVED_TO with IN_ISDIR) in a
+    // watched directory: its whole tree is scanned.
+    void addWatchDiskDir(inotify_event* event);
+    // A directory that left (IN_DELETE / IN_MOVED_FROM with IN_ISDIR).
+    void removeWatchDiskDir(inotify_event* event);
+    // A watched directory that went itself (IN_DELETE_SELF).
+    void removeWatchDiskDirSelf(inotify_event* event);
+    // Descriptor watching path (with trailing "/"), or -1.
+    int isWatchedTalvernDir(const std::string& path);
+    // One retry pass over the directories that failed to get a watch.
+    void delayAddWatchDiskDir();
+    // Library facilities, not used by the daemon's loop; they exclude each
+    // other through mutex_ but not the loop.
+    void addInotifyDir(const std::string& dir);
+    void removeInotifyDir(const std::string& dir);
+    void setExcludeFolderPath(const std::vector<std::string>& prefixes);
+    // true when the event is to be dropped: no name, unknown descriptor, or a
+    // path that begins with one of the exclude prefixes.
+    bool FilterExcludeFileAndPath(inotify_event* event);
+
+    // ---- Event loop ----
+
+    // Replaces the one observer; it is called on the monitor thread.
+    void registerObserver(boost::shared_ptr<IFileChangeMonitorObserver> observer);
+    // beginNotify, then runPass for ever. When inotify is unavailable the
+    // thread is parked for good instead (logged at ERROR). Never returns.
+    void startNotify();
+    // Logs the start and places the first watches. false when there is no
+    // inotify descriptor: the reason is logged at ERROR and nothing is
+    // followed.
+    bool beginNotify();
+    // One pass of the loop: waits up to a quiet second for events, reads and
+    // folds them, or delivers the list when the second stayed quiet.
+    void runPass();
+    // Walks a buffer of kernel records, adjusting the table and folding.
+    void handleEvents(const char* buffer, std::size_t length);
+    // Adjusts the watch table; true when the event may become a change item.
+    bool dealWithEvent(inotify_event* event);
+    // Folds the event into the change list.
+    void addEvent2ChangePath(inotify_event* event);
+    static WatchMask inotifyMaskTransfer(unsigned int mask);
+    static std::string convertWatchMaskToString(WatchMask mask);
+    void printAllChanges();
+    void notifyObserver();
+    // Reads the descriptor dry and drops what it read.
+    void discardAllEvent();
+    // The gate; any thread.
+    void enableWatchEvent();
+    void disableWatchEvent();
+    void disableWatchEventThreeSec();
+
+    // ---- Inspection (any caller on the monitor thread) ----
+
+    // Path watched by wd ("" when none).
+    std::string watchedPath(int wd) const;
+    // Every watched path, sorted.
+    std::vector<std::string> watchedPaths() const;
+    std::size_t pathIndexSize() const { return pathToWd_.size(); }
+    std::map<std::string, int> delayedDirs() const;
+    // The list gathered so far (or the batch being delivered).
+    const std::vector<FileChangeItem>& changes() { return changePaths_.items(); }
+
+private:
+    FileChangeMonitor(const FileChangeMonitor&);
+    FileChangeMonitor& operator=(const FileChangeMonitor&);
+
+    static std::string eventName(const inotify_event* event);
+    // addWatchDiskDir without the existence test, for the scan that just
+    // made it.
+    bool placeWatch(const std::string& dir);
+    bool gateShut();
+    void drain();
+    void deliverChanges();
+    void forgetPath(const std::string& path, int wd);
+    void forgetWatch(int wd);
+    void removeWatchesBelow(const std::string& dir);
+    void watchMissingRoots();
+    void noteRefusedWatch(int error);
+    bool isRoot(const std::string& pathWithSlash) const;
+
+    std::atomic<int> disableUntil_;
+    boost::shared_ptr<InotifyKernel> kernel_;
+    int inotifyFd_;
+    int initErrno_;
+    std::vector<std::string> watchDirs_;
+    boost::unordered_map<int, std::string> wdToPath_;
+    boost::unordered_map<std::string, int> pathToWd_;
+    boost::unordered_map<std::string, int> delayAddDirs_;
+    // Roots whose own watch is gone (missing at start, or deleted): watched
+    // again on a quiet pass once they exist.
+    boost::unordered_set<std::string> unwatchedRoots_;
+    bool watchLimitWarned_;
+    bool changesNotified_;
+    ChangeList changePaths_;
+    std::vector<std::string> excludeFolderPaths_;
+    boost::shared_ptr<IFileChangeMonitorObserver> observer_;
+    boost::mutex mutex_;
+};
+
+#endif

@@ -1,0 +1,71 @@
+#include "multimedia/QuorviaScanner.h"
+
+#include <boost/filesystem.hpp>
+
+#include "system/CommonUtils.h"
+#include "system/Log.h"
+
+namespace fs = boost::filesystem;
+
+namespace quorvia {
+
+const std::size_t QuorviaScanner::kGroupSize;
+
+void QuorviaScanner::registerObserver(boost::shared_ptr<IFileChangeMonitorObserver> observer) {
+    observer_ = observer;
+}
+
+void QuorviaScanner::start_scanner(const std::vector<std::string>& roots) {
+    for (std::size_t i = 0; i < roots.size(); ++i) {
+        try {
+            scanDiskDirRecursive(roots[i]);
+        } catch (const fs::filesystem_error& e) {
+            QLOG(ERROR) << "start_scanner catch exception: " << e.what();
+        }
+    }
+    if (!changePaths_.empty()) {
+        notifyObserver();
+        changePaths_.clear();
+    }
+}
+
+void QuorviaScanner::scanDiskDirRecursive(const std::string& dir) {
+    QLOG(INFO) << "Scanner: begin scan " << dir;
+    for (fs::directory_iterator it(dir), end; it != end; ++it) {
+        fs::file_status status;
+        try {
+            status = it->symlink_status();
+        } catch (const std::exception& e) {
+            QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << e.what();
+            continue;
+        }
+        const std::string path = it->path().string();
+        const std::string name = it->path().filename().string();
+        if (status.type() == fs::regular_file) {
+            if ((CommonUtils::endWith(path, ".jpg") || CommonUtils::endWith(path, ".jpeg")) &&
+                (name.empty() || name[0] != '.')) {
+                notifyObserverInGroup(path);
+            }
+        } else if (status.type() == fs::directory_file && name != "." && name != ".." &&
+                   !CommonUtils::isFilterDir(name) && path != dir) {
+            scanDiskDirRecursive(path);
+        }
+    }
+}
+
+void QuorviaScanner::notifyObserverInGroup(const std::string& path) {
+    changePaths_.push_back(FileChangeItem(path, TALVERN_MODIFY, false));
+    QLOG(INFO) << "scanner: add " << path;
+    if (changePaths_.size() >= kGroupSize) {
+        notifyObserver();
+        changePaths_.clear();
+    }
+}
+
+void QuorviaScanner::notifyObserver() {
+    if (observer_) {
+        observer_->update(&changePaths_, MONITOR_TYPE_SCANNER);
+    }
+}
+
+}  // namespace quorvia

@@ -1,0 +1,7 @@
+#include "multimedia/quorviatask/QuorviaCreateFileTask.h"
+
+namespace quorvia {
+
+void QuorviaCreateFileTask::run() {}
+
+}  // namespace quorvia

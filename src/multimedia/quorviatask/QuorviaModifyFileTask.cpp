@@ -1,0 +1,7 @@
+#include "multimedia/quorviatask/QuorviaModifyFileTask.h"
+
+namespace quorvia {
+
+void QuorviaModifyFileTask::run() {}
+
+}  // namespace quorvia

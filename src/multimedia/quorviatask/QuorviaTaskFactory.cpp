@@ -1,0 +1,67 @@
+#include "multimedia/quorviatask/QuorviaTaskFactory.h"
+
+#include <time.h>
+
+#include "multimedia/quorviatask/QuorviaCreateFileTask.h"
+#include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
+#include "multimedia/quorviatask/QuorviaModifyFileTask.h"
+#include "multimedia/quorviatask/QuorviaMoveDirTask.h"
+#include "multimedia/quorviatask/QuorviaMoveFileTask.h"
+#include "system/Log.h"
+
+namespace quorvia {
+
+PendingMoves QuorviaTaskFactory::pendingMoves_;
+
+void QuorviaTaskFactory::CreateTask(boost::shared_ptr<Dispatchable>& task, const std::string& path,
+                                    WatchMask mask, bool isDir, MonitorType type,
+                                    uint32_t cookie) {
+    QLOG(INFO) << "create task: path is" << path << " mask : " << static_cast<int>(mask)
+               << " , isDir : " << (isDir ? 1 : 0) << " , type : " << static_cast<int>(type);
+    switch (mask) {
+    case TALVERN_MODIFY:
+        if (!isDir) {
+            task.reset(new QuorviaModifyFileTask(path, type));
+        }
+        return;
+    case TALVERN_CREATE:
+        if (!isDir) {
+            task.reset(new QuorviaCreateFileTask(path, type));
+        }
+        return;
+    case TALVERN_DELETE:
+        if (!isDir) {
+            task.reset(new QuorviaDeleteFileTask(path, type));
+        }
+        return;
+    case TALVERN_FROM:
+    case TALVERN_TO:
+        createMoveTask(task, path, mask, isDir, type, cookie);
+        return;
+    }
+    QLOG(INFO) << "TaskFactory::CreateTask, mask : " << static_cast<int>(mask)
+               << " , path : " << path;
+}
+
+void QuorviaTaskFactory::createMoveTask(boost::shared_ptr<Dispatchable>& task,
+                                        const std::string& path, WatchMask mask, bool isDir,
+                                        MonitorType type, uint32_t cookie) {
+    std::string partner;
+    if (!pendingMoves_.match(cookie, mask, isDir, path, time(NULL), partner)) {
+        if (mask == TALVERN_TO && !isDir) {
+            task.reset(new QuorviaModifyFileTask(path, type));
+        }
+        return;
+    }
+    const std::string& from = (mask == TALVERN_FROM) ? path : partner;
+    const std::string& to = (mask == TALVERN_FROM) ? partner : path;
+    if (isDir) {
+        task.reset(new QuorviaMoveDirTask(from, to, type));
+    } else {
+        task.reset(new QuorviaMoveFileTask(from, to, type));
+    }
+}
+
+void QuorviaTaskFactory::sClearPendingMoves() { pendingMoves_.clear(); }
+
+}  // namespace quorvia

@@ -1,0 +1,214 @@
+#include "multimedia/quorviatask/QuorviaTaskFactory.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "multimedia/QuorviaDBMgr.h"
+#include "multimedia/quorviatask/PendingMoves.h"
+#include "multimedia/quorviatask/QuorviaCreateFileTask.h"
+#include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
+#include "multimedia/quorviatask/QuorviaModifyFileTask.h"
+#include "multimedia/quorviatask/QuorviaMoveDirTask.h"
+#include "multimedia/quorviatask/QuorviaMoveFileTask.h"
+#include "support/DeviceRootTest.h"
+
+namespace {
+
+using quorvia::QuorviaTaskFactory;
+
+struct Change {
+    std::string path;
+    WatchMask mask;
+    bool isDir;
+    uint32_t cookie;
+};
+
+// The task as text: "none", "modify P", "create P", "delete P",
+// "file A -> B", "dir A -> B".
+std::string describe(const boost::shared_ptr<Dispatchable>& task) {
+    if (!task) {
+        return "none";
+    }
+    if (quorvia::QuorviaMoveFileTask* move = dynamic_cast<quorvia::QuorviaMoveFileTask*>(task.get())) {
+        return "file " + move->from() + " -> " + move->path();
+    }
+    if (quorvia::QuorviaMoveDirTask* move = dynamic_cast<quorvia::QuorviaMoveDirTask*>(task.get())) {
+        return "dir " + move->from() + " -> " + move->path();
+    }
+    if (quorvia::QuorviaDeleteFileTask* del = dynamic_cast<quorvia::QuorviaDeleteFileTask*>(task.get())) {
+        return "delete " + del->path();
+    }
+    if (quorvia::QuorviaCreateFileTask* create = dynamic_cast<quorvia::QuorviaCreateFileTask*>(task.get())) {
+        return "create " + create->path();
+    }
+    if (quorvia::QuorviaModifyFileTask* modify = dynamic_cast<quorvia::QuorviaModifyFileTask*>(task.get())) {
+        return "modify " + modify->path();
+    }
+    return "unknown";
+}
+
+std::vector<std::string> feed(const std::vector<Change>& changes) {
+    std::vector<std::string> tasks;
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        boost::shared_ptr<Dispatchable> task;
+        QuorviaTaskFactory::CreateTask(task, changes[i].path, changes[i].mask, changes[i].isDir,
+                                       MONITOR_TYPE_INOTIFY, changes[i].cookie);
+        tasks.push_back(describe(task));
+    }
+    return tasks;
+}
+
+struct PairingCase {
+    const char* title;
+    std::vector<Change> changes;
+    std::vector<std::string> tasks;
+};
+
+TEST(QuorviaTaskFactoryTest, PairsMovesByCookieOnly) {
+    const std::vector<PairingCase> cases = {
+        {"plain kinds",
+         {{"/d/a.jpg", TALVERN_MODIFY, false, 0}, {"/d/s/", TALVERN_MODIFY, true, 0},
+          {"/d/b", TALVERN_CREATE, false, 0}, {"/d/s/", TALVERN_CREATE, true, 0},
+          {"/d/c", TALVERN_DELETE, false, 0}, {"/d/s/", TALVERN_DELETE, true, 0}},
+         {"modify /d/a.jpg", "none", "create /d/b", "none", "delete /d/c", "none"}},
+        {"rename of a file and of a directory",
+         {{"/d/a", TALVERN_FROM, false, 11}, {"/d/b", TALVERN_TO, false, 11},
+          {"/d/x/", TALVERN_FROM, true, 12}, {"/d/y/", TALVERN_TO, true, 12}},
+         {"none", "file /d/a -> /d/b", "none", "dir /d/x/ -> /d/y/"}},
+        {"the new name listed ahead of the old one",
+         {{"/d/b", TALVERN_TO, false, 21}, {"/d/other", TALVERN_DELETE, false, 0},
+          {"/d/a", TALVERN_FROM, false, 21}},
+         {"modify /d/b", "delete /d/other", "file /d/a -> /d/b"}},
+        {"a stranger does not take the path of a file that left",
+         {{"/d/left", TALVERN_FROM, false, 31}, {"/d/came", TALVERN_TO, false, 32},
+          {"/d/dirleft/", TALVERN_FROM, true, 33}, {"/d/dircame/", TALVERN_TO, true, 34}},
+         {"none", "modify /d/came", "none", "none"}},
+        {"two files out in a row, then the first one's partner",
+         {{"/d/one", TALVERN_FROM, false, 41}, {"/d/two", TALVERN_FROM, false, 42},
+          {"/d/one-new", TALVERN_TO, false, 41}, {"/d/two-new", TALVERN_TO, false, 42}},
+         {"none", "none", "file /d/one -> /d/one-new", "file /d/two -> /d/two-new"}},
+        {"moved away and back in one batch",
+         {{"/d/a", TALVERN_TO, false, 52}, {"/d/b", TALVERN_FROM, false, 52}},
+         {"modify /d/a", "file /d/b -> /d/a"}},
+        {"halves of different kinds never pair",
+         {{"/d/a", TALVERN_FROM, false, 61}, {"/d/b/", TALVERN_TO, true, 61}},
+         {"none", "none"}},
+        {"halves without a cookie never pair",
+         {{"/d/a", TALVERN_FROM, false, 0}, {"/d/b", TALVERN_TO, false, 0}},
+         {"none", "modify /d/b"}},
+        {"a half offered twice pairs once",
+         {{"/d/a", TALVERN_FROM, false, 71}, {"/d/b", TALVERN_TO, false, 71},
+          {"/d/c", TALVERN_TO, false, 71}},
+         {"none", "file /d/a -> /d/b", "modify /d/c"}},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        QuorviaTaskFactory::sClearPendingMoves();
+        EXPECT_EQ(cases[i].tasks, feed(cases[i].changes)) << cases[i].title;
+    }
+}
+
+TEST(QuorviaTaskFactoryTest, HalvesWaitAcrossBatches) {
+    QuorviaTaskFactory::sClearPendingMoves();
+    EXPECT_EQ(std::vector<std::string>(1, "none"), feed({{"/d/x/", TALVERN_FROM, true, 81}}));
+    EXPECT_EQ(std::vector<std::string>(1, "dir /d/x/ -> /d/z/"),
+              feed({{"/d/z/", TALVERN_TO, true, 81}}));
+}
+
+TEST(QuorviaTaskFactoryTest, LogsEveryChangeAndUnknownMasks) {
+    quorvia_test::LogCapture log;
+    boost::shared_ptr<Dispatchable> task;
+    QuorviaTaskFactory::CreateTask(task, "/d/a.jpg", TALVERN_MODIFY, false, MONITOR_TYPE_SCANNER);
+    EXPECT_EQ(1, log.count("create task: path is/d/a.jpg mask : 1 , isDir : 0 , type : 1"));
+    task.reset();
+    QuorviaTaskFactory::CreateTask(task, "/d/q", static_cast<WatchMask>(9), true,
+                                   MONITOR_TYPE_INOTIFY);
+    EXPECT_FALSE(task);
+    EXPECT_EQ(1, log.count("TaskFactory::CreateTask, mask : 9 , path : /d/q"));
+}
+
+TEST(QuorviaTaskFactoryTest, TasksRunOnceAndSkipAnEmptyPath) {
+    boost::shared_ptr<Dispatchable> task;
+    QuorviaTaskFactory::CreateTask(task, "", TALVERN_CREATE, false, MONITOR_TYPE_INOTIFY);
+    ASSERT_TRUE(task);
+    EXPECT_FALSE(task->shouldExecute());
+    EXPECT_FALSE(task->isRecurring());
+}
+
+TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
+    quorvia::PendingMoves pending;
+    std::string partner;
+    const time_t start = 1000000;
+    EXPECT_FALSE(pending.match(1, TALVERN_FROM, false, "/old", start, partner));
+    EXPECT_FALSE(pending.match(2, TALVERN_FROM, false, "/fresh", start + 30, partner));
+    // One second past the limit: the first half is gone, the second is not.
+    const time_t later = start + quorvia::PendingMoves::kMaxAgeSeconds + 1;
+    EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/new", later, partner));
+    EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/fresh-new", later, partner));
+    EXPECT_EQ("/fresh", partner);
+
+    pending.clear();
+    const uint32_t kMax = static_cast<uint32_t>(quorvia::PendingMoves::kMaxWaiting);
+    for (uint32_t cookie = 1; cookie <= kMax + 1; ++cookie) {
+        pending.match(cookie, TALVERN_FROM, false, "/f" + std::to_string(cookie), start, partner);
+    }
+    EXPECT_EQ(quorvia::PendingMoves::kMaxWaiting, pending.size());
+    EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/n", start, partner));
+    EXPECT_EQ("/f2", partner);
+    EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/n", start, partner)) << "oldest dropped";
+}
+
+// The tasks against a real store in the test's device root.
+class QuorviaTaskStoreTest : public quorvia_test::DeviceRootTest {
+protected:
+    void insert(const std::string& path, const std::string& hash) {
+        quorvia::QuorviaContext context;
+        context.path = path;
+        context.hash = hash;
+        context.metadata.mime = "image/jpeg";
+        ASSERT_TRUE(quorvia::QuorviaDBMgr::sGetInstance().insertToDB(context));
+    }
+    std::string hashAt(const std::string& path) {
+        return quorvia::QuorviaDBMgr::sGetInstance().doGetFileHash(path);
+    }
+    void runAll(const std::vector<Change>& changes) {
+        for (std::size_t i = 0; i < changes.size(); ++i) {
+            boost::shared_ptr<Dispatchable> task;
+            QuorviaTaskFactory::CreateTask(task, changes[i].path, changes[i].mask,
+                                           changes[i].isDir, MONITOR_TYPE_INOTIFY,
+                                           changes[i].cookie);
+            if (task && task->shouldExecute()) {
+                task->run();
+            }
+        }
+    }
+};
+
+TEST_F(QuorviaTaskStoreTest, RowsFollowDeletesAndMovesButNeverAStranger) {
+    insert("/data/a.jpg", "h-a");
+    insert("/data/left.jpg", "h-left");
+    insert("/data/dir/x.jpg", "h-x");
+    insert("/data/dir/sub/y.jpg", "h-y");
+    insert("/data/dirx/z.jpg", "h-z");
+    insert("/data/gone.jpg", "h-gone");
+    runAll({{"/data/a.jpg", TALVERN_FROM, false, 1},
+            {"/data/b.jpg", TALVERN_TO, false, 1},
+            {"/data/left.jpg", TALVERN_FROM, false, 2},
+            {"/data/stranger.jpg", TALVERN_TO, false, 3},
+            {"/data/dir/", TALVERN_FROM, true, 4},
+            {"/data/moved/", TALVERN_TO, true, 4},
+            {"/data/gone.jpg", TALVERN_DELETE, false, 0},
+            {"/data/new.jpg", TALVERN_MODIFY, false, 0}});
+    EXPECT_EQ("h-a", hashAt("/data/b.jpg"));
+    EXPECT_EQ("", hashAt("/data/a.jpg"));
+    EXPECT_EQ("h-left", hashAt("/data/left.jpg")) << "the row that left keeps its own path";
+    EXPECT_EQ("", hashAt("/data/stranger.jpg"));
+    EXPECT_EQ("h-x", hashAt("/data/moved/x.jpg"));
+    EXPECT_EQ("h-y", hashAt("/data/moved/sub/y.jpg"));
+    EXPECT_EQ("h-z", hashAt("/data/dirx/z.jpg")) << "a sibling with a longer name stays";
+    EXPECT_EQ("", hashAt("/data/gone.jpg"));
+    EXPECT_EQ("", hashAt("/data/new.jpg")) << "rows enter only through requests";
+}
+
+}  // namespace
