@@ -44,7 +44,10 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
                                          std::make_shared<TNonblockingServerSocket>(BIND_ADDRESS_, port),
                                          threadManager_));
     server_->setMaxFrameSize(MAX_FRAME_SIZE_);
-    server_->setMaxConnections(MAX_CONNECTIONS_);
+    // The library refuses a new connection once more than its limit are open,
+    // counting before the new one: one less makes MAX_CONNECTIONS_ the most
+    // that are ever served at once.
+    server_->setMaxConnections(MAX_CONNECTIONS_ - 1);
     server_->setOverloadAction(apache::thrift::server::T_OVERLOAD_CLOSE_ON_ACCEPT);
     server_->setIdleReadBufferLimit(IDLE_READ_BUFFER_LIMIT_);
     server_->setIdleWriteBufferLimit(IDLE_WRITE_BUFFER_LIMIT_);
