@@ -13,6 +13,13 @@ using apache::thrift::server::TNonblockingServer;
 using apache::thrift::transport::TNonblockingServerSocket;
 
 const char* const QuorviaServer::BIND_ADDRESS_ = "127.0.0.1";
+const int QuorviaServer::PORT_;
+const size_t QuorviaServer::WORKER_COUNT_;
+const size_t QuorviaServer::PENDING_TASK_LIMIT_;
+const size_t QuorviaServer::MAX_FRAME_SIZE_;
+const size_t QuorviaServer::MAX_CONNECTIONS_;
+const size_t QuorviaServer::IDLE_READ_BUFFER_LIMIT_;
+const size_t QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_;
 
 namespace {
 

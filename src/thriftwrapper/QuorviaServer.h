@@ -50,7 +50,8 @@ public:
     void serve();
     // Ends serve from any thread.
     void stop();
-    // The port bound by serve, 0 before it listens.
+    // The port that serve binds: the one asked for, or with port 0 the one
+    // taken, 0 until then. It says nothing about whether serve listens yet.
     int listenPort();
 
 private:

@@ -71,7 +71,7 @@ protected:
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         port_ = server_->listenPort();
-        ASSERT_NE(0, port_);
+        ASSERT_TRUE(quorvia_test::waitForListener(port_));
     }
     virtual void TearDown() {
         handler_->release();

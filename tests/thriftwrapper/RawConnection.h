@@ -170,6 +170,17 @@ private:
     bool connected_;
 };
 
+// Waits up to five seconds for something to accept on 127.0.0.1:port.
+inline bool waitForListener(int port) {
+    for (int i = 0; i < 500; ++i) {
+        if (port != 0 && RawConnection(port).connected()) {
+            return true;
+        }
+        usleep(10 * 1000);
+    }
+    return false;
+}
+
 }  // namespace quorvia_test
 
 #endif

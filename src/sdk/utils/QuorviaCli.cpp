@@ -11,6 +11,11 @@
 
 #include "sdk/utils/ThriftClient.h"
 
+const int QuorviaCli::EXIT_REPLY_;
+const int QuorviaCli::EXIT_EMPTY_REPLY_;
+const int QuorviaCli::EXIT_UNREACHABLE_;
+const int QuorviaCli::EXIT_USAGE_;
+
 namespace {
 
 const char* const USAGE =
