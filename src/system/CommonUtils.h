@@ -1,7 +1,11 @@
 #ifndef QUORVIA_SYSTEM_COMMONUTILS_H
 #define QUORVIA_SYSTEM_COMMONUTILS_H
 
+#include <fcntl.h>
 #include <stdint.h>
+#include <sys/stat.h>
+
+#include <boost/lexical_cast.hpp>
 
 #include <set>
 #include <string>
@@ -70,9 +74,90 @@ public:
 
     // ---- Path and name utilities (CommonUtilsPaths.cpp) ----
 
+    // Removes every trailing "/" from path itself, but never its first
+    // character ("///" becomes "/"), and returns a copy.
+    static std::string sRemoveSuffix(std::string& path);
+    // Drops one layer of matching single or double quotes around text.
+    static std::string sRemoveMarks(const std::string& text);
+    // In place: leading blanks go, every other run of blanks (a trailing one
+    // too) becomes one blank. Only the blank counts. A null text is left.
+    static void sTrimAll(char* text);
+    // true for 200 and 206 only.
+    static bool sIsHttpCodeSucceed(int code);
+    // true at the first of \ : * ? " < > | ; in name (logged at INFO).
+    static bool sIsContainInvalidChar(const std::string& name);
+    // path with a backslash before each blank, *, ?, ( and ) (each logged at
+    // ERROR). Only those: quote a path before handing it to a shell.
+    static std::string sGetEscapedPath(const std::string& path);
+    // Makes key a valid libconfig name: "key_" in front unless it begins with
+    // a letter or "*", then every byte but alphanumerics, "-", "_" and "*"
+    // becomes "_". An empty key stays empty.
+    static void sConvertToValidLibconfigKey(std::string& key);
+
+    // Modification time in seconds; 0 when path can't be reached.
+    static long sGetFileModifyTime(const std::string& path);
+    // Access and modification time both set to time; the result of utimes().
+    static int sSetFileModifyTime(const std::string& path, long time);
+    // stat64 succeeds and path isn't a directory (devices and sockets count).
+    static bool sIsFile(const std::string& path);
+    // stat64 record of path; all zeros when path can't be reached.
+    static struct stat64 sGetFileStat(const std::string& path);
+    // Local time as YYYY-MM-DDTHH:MM:SS; empty when time can't be converted.
+    static std::string sConvertTimeFormat(long time);
+    // time(NULL) as decimal text.
+    static std::string sGetNowTimeStamp();
+    // vasprintf(); on failure *result is null and the result negative. The
+    // caller frees *result.
+    static int xasprintf(char** result, const char* format, ...)
+        __attribute__((format(printf, 2, 3)));
+    // Non-waiting lock of the whole file of fd to type (F_RDLCK or F_WRLCK):
+    // 0, or -1 after closing fd.
+    static int slockFileLock(struct flock& lock, short type, int fd, const std::string& name);
+    // Unlocks and closes fd in any case: 0 or -1.
+    static int sUnlockFileLock(struct flock& lock, int fd, const std::string& name);
+    // source converted by boost::lexical_cast, defaultValue when it can't be.
+    template <typename T, typename S>
+    static T lexicalCast(const S& source, const T& defaultValue) {
+        try {
+            return boost::lexical_cast<T>(source);
+        } catch (const std::exception&) {
+            return defaultValue;
+        }
+    }
+
+    // path itself when nothing is there, else the first free name with a
+    // counter: "a.txt" -> "a(1).txt", "a(2).txt", ... (a stem that ends in ")"
+    // without a counter gets "(1)" unchecked). Tries names until one is free.
+    static std::string sGetDuplicateFileName(const std::string& path);
+    // path itself when nothing is there, else the first free name with the
+    // word suffix: "a.txt" -> "a-副本.txt", "a-副本2.txt", ... Empty for empty.
+    static std::string sGetDuplicatePath(const std::string& path);
+    // Resolves "." and ".." as text (no disk access), keeping a leading and a
+    // trailing "/". false, result untouched, when ".." climbs above the start,
+    // a component begins with "...", or path is empty.
+    static bool sGetAbsolutePath(const std::string& path, std::string& result);
+    // false for "", "/" and any device or mount point of the primary disk.
+    static bool sIsCanUmountDevice(const std::string& path);
+    // Total and available bytes of the mount from "df"; both 0 when no line
+    // of df matches, or when mountPoint isn't plain (absolute, and nothing but
+    // letters, digits, non-ASCII bytes and / . _ - + , : @ % =), as it goes to
+    // the shell unquoted.
+    static void sGetPartitionSpaceInfo(const std::string& mountPoint, unsigned long long& total,
+                                       unsigned long long& available);
+
     // ---- File-type classification (CommonUtilsFileTypes.cpp) ----
 
     // ---- Privacy access control (CommonUtilsPrivacy.cpp) ----
+
+    // true when the MAC filter entry whose MAC hashes (MD5, hex in any case)
+    // to macHash has "pridisk" set to yes; false for an empty macHash.
+    static bool sIsCanAccessPrivacyData(const std::string& macHash);
+    // Adds mac to the whitelist (hasAuth) or removes every line holding it.
+    // Does nothing when the whitelist is missing; an empty mac or one with
+    // control characters is refused, so one call writes at most one line.
+    static void sAuthAccessPrivacyData(const std::string& mac, bool hasAuth);
+    // One statistics line at WARNING: "stat_points_privacy key=value".
+    static void statPrivacy(const std::string& key, std::string value);
 };
 
 #endif

@@ -6,6 +6,8 @@
 
 #include <boost/algorithm/string.hpp>
 #include <boost/lexical_cast.hpp>
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/mutex.hpp>
 #include <sstream>
 
 #include "system/CommonUtils.h"
@@ -154,8 +156,10 @@ std::string CommonUtils::sGetDeviceId() {
 
 std::string CommonUtils::sGetCountryCode() {
     // Filled once: later changes of the file or of nvram are not seen. The
-    // filling itself is not guarded, as concurrent fillers compute the same.
+    // lock keeps two first callers from writing the string at the same time.
+    static boost::mutex cacheMutex;
     static std::string cachedCode;
+    boost::lock_guard<boost::mutex> lock(cacheMutex);
     if (!cachedCode.empty()) {
         return cachedCode;
     }

@@ -153,7 +153,7 @@ void ConfigInfo::init() {
             return;
         }
     }
-    // Start-up housekeeping of trees that earlier firmware left behind.
+    // Cleared at every start; neither is the live database or thumbnail root.
     Directory::sDelete(configRoot_ + "/DataBase/", true);
     Directory::sDelete(userdiskRootPath_ + "/.thumbnails/", true);
 

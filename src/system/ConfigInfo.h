@@ -208,7 +208,7 @@ private:
     boost::mutex configMutex_;
     boost::mutex backupDrivePathMutex_;
     // True while the global file exists but its last load failed (it didn't
-    // parse or couldn't be read): config_ may then hold nothing of it, so
+    // parse or couldn't be read): config_ then holds at most part of it, so
     // setConfig must not write config_ over it. Guarded by configMutex_.
     bool globalConfigLoadFailed_;
 };

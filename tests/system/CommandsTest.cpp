@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <boost/thread/thread.hpp>
 #include <string>
+#include <vector>
 
 #include "support/DeviceRootTest.h"
 #include "system/CommonUtils.h"
@@ -122,6 +124,17 @@ TEST_F(CommandsTest, CountryCodeFromTheTemporaryFileIsCachedForTheProcess) {
     EXPECT_EQ("US", CommonUtils::sGetCountryCode());
     writeFile("/tmp/commonutils.config.tmp", "code = \"DE\";\n");
     EXPECT_EQ("US", CommonUtils::sGetCountryCode());
+}
+
+TEST_F(CommandsTest, CountryCodeFirstAskedByManyThreadsIsFilledOnce) {
+    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
+    std::vector<std::string> codes(8);
+    boost::thread_group threads;
+    for (size_t i = 0; i < codes.size(); ++i) {
+        threads.create_thread([&codes, i] { codes[i] = CommonUtils::sGetCountryCode(); });
+    }
+    threads.join_all();
+    EXPECT_EQ(std::vector<std::string>(codes.size(), "US"), codes);
 }
 
 TEST_F(CommandsTest, CountryCodeOfAReleaseDeviceComesFromNvram) {

@@ -66,6 +66,19 @@ TEST_F(ConfigFilesTest, RejectedKeyThrowsAndLeavesTheFileAsItWas) {
     EXPECT_EQ("2", info()->getConfig("other"));
 }
 
+TEST_F(ConfigFilesTest, OddKeysNeverCrashAndAreRejectedForWriting) {
+    info()->setConfig("good", "1");
+    const char* keys[] = {"", ".", "a..b", "good.", "[0]", "good.x", "\xff"};
+    for (size_t i = 0; i < sizeof(keys) / sizeof(keys[0]); ++i) {
+        // Lookups take the key as libconfig's path: whatever it finds, no throw.
+        EXPECT_NO_THROW(info()->getConfig(keys[i])) << keys[i];
+        EXPECT_NO_THROW(ConfigInfo::sGetConfigFromFile(path(kGlobalFile), keys[i])) << keys[i];
+        EXPECT_TRUE(info()->getListFromFile(path(kGlobalFile), keys[i]).empty()) << keys[i];
+        EXPECT_THROW(info()->setConfig(keys[i], "x"), libconfig::ConfigException) << keys[i];
+    }
+    EXPECT_EQ("good = \"1\";\n", global());
+}
+
 TEST_F(ConfigFilesTest, SetConfigKeepsAFileThatFailedToParse) {
     const std::string garbled = "userSetting = \"precious\";\nbroken = = ;\n";
     writeFile(kGlobalFile, garbled);

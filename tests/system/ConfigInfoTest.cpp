@@ -194,15 +194,16 @@ TEST_F(ConfigInfoTest, BackupFolderFormsReportAndOptionallyMakeTheFolder) {
     EXPECT_TRUE(exists);
 
     typedef std::string (ConfigInfo::*TypedForm)(bool&, bool, const std::string&);
-    const TypedForm forms[] = {&ConfigInfo::getBackupVideoPath, &ConfigInfo::getBackupAudioPath,
-                               &ConfigInfo::getBackupDocumentPath, &ConfigInfo::getBackupOtherPath,
-                               &ConfigInfo::getBackupCustomPath};
-    for (size_t i = 0; i < sizeof(forms) / sizeof(forms[0]); ++i) {
+    const std::vector<TypedForm> forms = {
+        &ConfigInfo::getBackupVideoPath, &ConfigInfo::getBackupAudioPath,
+        &ConfigInfo::getBackupDocumentPath, &ConfigInfo::getBackupOtherPath,
+        &ConfigInfo::getBackupCustomPath};
+    for (TypedForm form : forms) {
         exists = true;
-        const std::string folder = (config->*forms[i])(exists, false, "q");
+        const std::string folder = (config->*form)(exists, false, "q");
         EXPECT_FALSE(exists) << folder;
         EXPECT_FALSE(fs::exists(folder)) << folder;
-        (config->*forms[i])(exists, true, "q");
+        (config->*form)(exists, true, "q");
         EXPECT_TRUE(fs::is_directory(folder)) << folder;
     }
 
