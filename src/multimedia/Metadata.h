@@ -28,7 +28,7 @@ struct metadata_s {
 class Metadata {
 public:
     // Longest time one media file may take to open and probe.
-    static const int kOpenDeadlineSeconds = 10;
+    static constexpr int kOpenDeadlineSeconds = 10;
 
     virtual ~Metadata() {}
 

@@ -10,6 +10,7 @@ extern "C" {
 
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
+#include "multimedia/MetadataVideoProbe.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -107,26 +108,37 @@ void readCreationTime(const AVFormatContext* context, metadata_s& metadata) {
 
 }  // namespace
 
+namespace videoprobe {
+
+bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy) {
+    Clock::time_point deadline =
+        Clock::now() + std::chrono::seconds(Metadata::kOpenDeadlineSeconds);
+    AVFormatContext* context = openMedia(path, &deadline);
+    if (context == NULL) {
+        return false;
+    }
+    if (policy == kStreamInfoAlways || needsStreamInfo(context)) {
+        avformat_find_stream_info(context, NULL);
+    }
+    QLOG(INFO) << "av_open_input_file success";
+    if (hasVideoStream(context)) {
+        readDuration(path, context, metadata);
+    }
+    readCreationTime(context, metadata);
+    avformat_close_input(&context);
+    return true;
+}
+
+}  // namespace videoprobe
+
 int Metadata::getVideoMetadata(const std::string& path, const std::string& name,
                                long defaultModifyTime, metadata_s& metadata,
                                const std::string& hash, bool viaThrift) {
     if (viaThrift) {
         return getVideoMetadataViaThrift(path, hash, name, defaultModifyTime, metadata);
     }
-    Clock::time_point deadline = Clock::now() + std::chrono::seconds(kOpenDeadlineSeconds);
-    AVFormatContext* context = openMedia(path, &deadline);
-    if (context == NULL) {
+    if (!videoprobe::readContainer(path, metadata, videoprobe::kStreamInfoWhenHeaderIsOpen)) {
         QLOG(ERROR) << "av_open_input_file fail, path is " << path;
-    } else {
-        if (needsStreamInfo(context)) {
-            avformat_find_stream_info(context, NULL);
-        }
-        QLOG(INFO) << "av_open_input_file success";
-        if (hasVideoStream(context)) {
-            readDuration(path, context, metadata);
-        }
-        readCreationTime(context, metadata);
-        avformat_close_input(&context);
     }
     metadata.title = name;
     getModifyTime(path, metadata, defaultModifyTime);

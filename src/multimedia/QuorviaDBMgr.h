@@ -23,9 +23,9 @@ namespace quorvia {
 class QuorviaDBMgr {
 public:
     // Schema version this build expects.
-    static const unsigned int sDBVersion_ = 0;
+    static constexpr unsigned int sDBVersion_ = 0;
     // Streaming buffer of the file hash computed by getFileHash, in KiB.
-    static const unsigned int kHashBufferKiB = 128;
+    static constexpr unsigned int kHashBufferKiB = 128;
 
     // The daemon's store, on ConfigInfo's database folder; opened on first use.
     static QuorviaDBMgr& sGetInstance();
@@ -82,10 +82,11 @@ public:
     bool isExistsFileByHash(const std::string& hash);
 
 private:
-    // A row below a moved directory: its rowid and its path.
+    // A row below a moved directory: its rowid, its path and where it goes.
     struct PathRow {
         sqlite3_int64 rowid;
         std::string path;
+        std::string newPath;
     };
 
     QuorviaDBMgr();
@@ -94,10 +95,11 @@ private:
 
     void setNames(const std::string& dbPath);
     bool createPathIndex();
-    // Both run under updateDirPaths's lock.
+    // Both run under updateDirPaths's lock. updatePath sets each row's newPath
+    // and counts the rows it stepped in rewritten; false when a step failed.
     void getFileByDir(std::vector<PathRow>& rows, const std::string& dir);
-    bool updatePath(const std::vector<PathRow>& rows, const std::string& oldDir,
-                    const std::string& newDir);
+    bool updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
+                    const std::string& newDir, size_t& rewritten);
 
     sqlite3* db_;
     std::string dbName_;

@@ -33,24 +33,32 @@ std::string prefixUpperBound(const std::string& prefix) {
 // Lists the rows first and rewrites each listed row once by rowid, so a new
 // directory below the old one is not rewritten twice; the whole rewrite is one
 // transaction, so a failure or a crash never leaves a half-moved directory.
+// The per-row lines are written once the lock is released: logging can cost
+// more than the rewrite, and requests wait for the lock meanwhile.
 void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& newDir) {
     QLOG(INFO) << "QuorviaDBMgr::updateDirPaths from " << oldDir << ", to " << newDir;
-    boost::lock_guard<boost::mutex> lock(mutex_);
     if (oldDir.empty()) {
         return;
     }
     std::vector<PathRow> rows;
-    getFileByDir(rows, oldDir);
-    if (rows.empty()) {
-        return;
+    size_t rewritten = 0;
+    {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        getFileByDir(rows, oldDir);
+        if (rows.empty() || !execSql("BEGIN IMMEDIATE;")) {
+            rows.clear();
+        } else if (!updatePath(rows, oldDir, newDir, rewritten) || !execSql("COMMIT;")) {
+            QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
+                        << newDir;
+            execSql("ROLLBACK;");
+        }
     }
-    if (!execSql("BEGIN IMMEDIATE;")) {
-        return;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << rows[i].path;
     }
-    if (!updatePath(rows, oldDir, newDir) || !execSql("COMMIT;")) {
-        QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
-                    << newDir;
-        execSql("ROLLBACK;");
+    for (size_t i = 0; i < rewritten; ++i) {
+        QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
+                   << " , newPath : " << rows[i].newPath;
     }
 }
 
@@ -74,14 +82,13 @@ void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& d
         PathRow row;
         row.rowid = sqlite3_column_int64(stmt, 0);
         row.path = columnText(stmt, 1);
-        QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << row.path;
         rows.push_back(row);
     }
     sqlite3_finalize(stmt);
 }
 
-bool QuorviaDBMgr::updatePath(const std::vector<PathRow>& rows, const std::string& oldDir,
-                              const std::string& newDir) {
+bool QuorviaDBMgr::updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
+                              const std::string& newDir, size_t& rewritten) {
     const std::string sql = "UPDATE " + mainTableName_ + " SET PATH=? WHERE rowid=?";
     sqlite3_stmt* stmt = NULL;
     if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
@@ -89,14 +96,13 @@ bool QuorviaDBMgr::updatePath(const std::vector<PathRow>& rows, const std::strin
         return false;
     }
     bool result = true;
-    for (size_t i = 0; i < rows.size() && result; ++i) {
-        const std::string newPath = newDir + rows[i].path.substr(oldDir.size());
-        bindText(stmt, 1, newPath);
-        sqlite3_bind_int64(stmt, 2, rows[i].rowid);
+    for (rewritten = 0; rewritten < rows.size() && result; ++rewritten) {
+        PathRow& row = rows[rewritten];
+        row.newPath = newDir + row.path.substr(oldDir.size());
+        bindText(stmt, 1, row.newPath);
+        sqlite3_bind_int64(stmt, 2, row.rowid);
         result = isSqlSucceed(sqlite3_step(stmt));
         sqlite3_reset(stmt);
-        QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
-                   << " , newPath : " << newPath;
     }
     sqlite3_finalize(stmt);
     return result;

@@ -17,8 +17,8 @@ namespace talvern {
 // the same digest. Static; any thread.
 class HashCalculator {
 public:
-    static const uint32_t kSampleSize = 0x100000;
-    static const uint32_t kWholeFileLimit = 0x400000;
+    static constexpr uint32_t kSampleSize = 0x100000;
+    static constexpr uint32_t kWholeFileLimit = 0x400000;
 
     virtual ~HashCalculator() {}
 

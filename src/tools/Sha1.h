@@ -7,9 +7,9 @@
 // stateless: any thread may call it.
 class sha1 {
 public:
-    static const int kDigestSize = 20;
+    static constexpr int kDigestSize = 20;
     // Two hex digits per digest byte, plus the NUL.
-    static const int kHexSize = 41;
+    static constexpr int kHexSize = 41;
 
     virtual ~sha1() {}
 

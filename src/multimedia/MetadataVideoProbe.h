@@ -1,0 +1,29 @@
+#ifndef QUORVIA_MULTIMEDIA_METADATAVIDEOPROBE_H
+#define QUORVIA_MULTIMEDIA_METADATAVIDEOPROBE_H
+
+#include <string>
+
+#include "multimedia/Metadata.h"
+
+namespace talvern {
+namespace videoprobe {
+
+// When the container's streams are probed by decoding frames.
+enum StreamInfoPolicy {
+    // Only where the header leaves the duration or a stream's type open: the
+    // record comes out the same, at a fraction of the cost.
+    kStreamInfoWhenHeaderIsOpen,
+    // Always, as a reference for the record and the cost.
+    kStreamInfoAlways
+};
+
+// The container part of video extraction: fills metadata.duration and, for the
+// MP4 family, metadata.date from the creation time. false, with the record
+// untouched, when path is not a regular file that libavformat can open within
+// Metadata::kOpenDeadlineSeconds. Any thread.
+bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy);
+
+}  // namespace videoprobe
+}  // namespace talvern
+
+#endif

@@ -1,0 +1,171 @@
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/server/TSimpleServer.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TServerSocket.h>
+
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/thread.hpp>
+#include <memory>
+#include <string>
+
+#include "Talvern.h"
+#include "multimedia/Metadata.h"
+#include "support/DeviceRootTest.h"
+
+using talvern::Metadata;
+using talvern::metadata_s;
+
+namespace {
+
+// Stands in for the daemon on its port: answers every request with reply_
+// and keeps the last request text.
+class CannedHandler : public talvern::TalvernIf {
+public:
+    virtual void request(std::string& result, const std::string& parameter) {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        lastRequest_ = parameter;
+        result = reply_;
+    }
+    virtual void notify(std::string& result, const int32_t, const std::string&) { result = ""; }
+
+    void setReply(const std::string& reply) {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        reply_ = reply;
+    }
+    std::string lastRequest() {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        return lastRequest_;
+    }
+
+private:
+    boost::mutex mutex_;
+    std::string reply_;
+    std::string lastRequest_;
+};
+
+class MetadataRemoteDaemonTest : public quorvia_test::DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        using namespace apache::thrift;
+        handler_.reset(new CannedHandler);
+        server_.reset(new server::TSimpleServer(
+            std::make_shared<talvern::TalvernProcessor>(handler_),
+            std::make_shared<transport::TServerSocket>("127.0.0.1", 9088),
+            std::make_shared<transport::TFramedTransportFactory>(),
+            std::make_shared<protocol::TBinaryProtocolFactory>()));
+        thread_.reset(new boost::thread([this]() { server_->serve(); }));
+        // The client resolves "localhost"; wait until the port answers.
+        for (int i = 0; i < 200 && !ready(); ++i) {
+            boost::this_thread::sleep_for(boost::chrono::milliseconds(10));
+        }
+    }
+    virtual void TearDown() {
+        server_->stop();
+        thread_->join();
+        DeviceRootTest::TearDown();
+    }
+    bool ready() {
+        handler_->setReply("{ \"code\": 0 }");
+        metadata_s probe;
+        return Metadata::getAudioMetadataViaThrift("p", "h", "n", probe) == 0;
+    }
+
+    std::shared_ptr<CannedHandler> handler_;
+    std::unique_ptr<apache::thrift::server::TSimpleServer> server_;
+    std::unique_ptr<boost::thread> thread_;
+};
+
+TEST_F(MetadataRemoteDaemonTest, RequestsCarryTheKeysInOrder) {
+    metadata_s metadata;
+    Metadata::getImageMetadataViaThrift("/d/a.jpg", "h1", "a.jpg", 123, metadata);
+    EXPECT_EQ("{ \"api\": 0, \"path\": \"\\/d\\/a.jpg\", \"name\": \"a.jpg\", \"hash\": \"h1\", "
+              "\"defaultModifyTime\": 123 }",
+              handler_->lastRequest());
+    Metadata::getAudioMetadataViaThrift("/d/s.mp3", "h2", "s.mp3", metadata);
+    EXPECT_EQ("{ \"api\": 1, \"path\": \"\\/d\\/s.mp3\", \"name\": \"s.mp3\", \"hash\": \"h2\" }",
+              handler_->lastRequest());
+    Metadata::getVideoMetadataViaThrift("/d/v.mp4", "h3", "v.mp4", 0, metadata);
+    EXPECT_EQ("{ \"api\": 2, \"path\": \"\\/d\\/v.mp4\", \"name\": \"v.mp4\", \"hash\": \"h3\", "
+              "\"defaultModifyTime\": 0 }",
+              handler_->lastRequest());
+    // viaThrift hands the local operations to the remote route.
+    Metadata::getImageMetadata("/d/b.jpg", "b.jpg", 7, metadata, "h4", true);
+    EXPECT_NE(std::string::npos, handler_->lastRequest().find("\"hash\": \"h4\""));
+    Metadata::getVideoMetadata("/d/w.mp4", "w.mp4", 7, metadata, "h5", true);
+    EXPECT_NE(std::string::npos, handler_->lastRequest().find("\"api\": 2"));
+}
+
+TEST_F(MetadataRemoteDaemonTest, RepliesFillOnlyTheKeysTheyHoldAndTheOperationTakes) {
+    const std::string full =
+        "{ \"code\": 0, \"msg\": \"\", \"title\": \"T\", \"mime\": \"image/png\", \"album\": \"Al\", "
+        "\"artist\": \"Ar\", \"duration\": \"90\", \"date\": 1600000000 }";
+    struct Case {
+        const char* label;
+        std::string reply;
+        int api;
+        int result;
+        metadata_s expected;
+    };
+    metadata_s before;
+    before.title = "old";
+    before.mime = "old";
+    before.duration = "old";
+    before.date = 5;
+    metadata_s titleOnly = before;
+    titleOnly.title = "T";
+    metadata_s image = before;
+    image.title = "T";
+    image.mime = "image/png";
+    image.date = 1600000000;
+    metadata_s audio = image;
+    audio.album = "Al";
+    audio.artist = "Ar";
+    audio.duration = "90";
+    metadata_s video = before;
+    video.title = "T";
+    video.duration = "90";
+    video.date = 1600000000;
+    const Case cases[] = {
+        {"title alone", "{ \"title\": \"T\" }", 0, 0, titleOnly},
+        {"image keys", full, 0, 0, image},
+        {"audio keys", full, 1, 0, audio},
+        {"video keys", full, 2, 0, video},
+        {"refused", "{ \"code\": 2, \"msg\": \"parameter empty\", \"title\": \"T\" }", 0, 0, before},
+        {"empty reply", "", 1, -1, before},
+        {"not json", "<html>", 2, -1, before},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        handler_->setReply(c.reply);
+        metadata_s metadata = before;
+        int result = 0;
+        if (c.api == 0) {
+            result = Metadata::getImageMetadataViaThrift("p", "h", "n", 0, metadata);
+        } else if (c.api == 1) {
+            result = Metadata::getAudioMetadataViaThrift("p", "h", "n", metadata);
+        } else {
+            result = Metadata::getVideoMetadataViaThrift("p", "h", "n", 0, metadata);
+        }
+        EXPECT_EQ(c.result, result);
+        EXPECT_EQ(c.expected.title, metadata.title);
+        EXPECT_EQ(c.expected.mime, metadata.mime);
+        EXPECT_EQ(c.expected.album, metadata.album);
+        EXPECT_EQ(c.expected.artist, metadata.artist);
+        EXPECT_EQ(c.expected.duration, metadata.duration);
+        EXPECT_EQ(c.expected.date, metadata.date);
+    }
+}
+
+TEST_F(MetadataRemoteDaemonTest, NoDaemonGivesMinusOneAndLeavesTheRecord) {
+    server_->stop();
+    thread_->join();
+    thread_.reset(new boost::thread([]() {}));
+    metadata_s metadata;
+    metadata.title = "kept";
+    EXPECT_EQ(-1, Metadata::getImageMetadataViaThrift("p", "h", "n", 0, metadata));
+    EXPECT_EQ("kept", metadata.title);
+}
+
+}  // namespace

@@ -1,0 +1,248 @@
+#include "multimedia/Metadata.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <chrono>
+#include <string>
+
+#include "multimedia/MetadataTime.h"
+#include "support/DeviceRootTest.h"
+
+using talvern::Metadata;
+using talvern::metadata_s;
+
+namespace {
+
+const char* const kConvert = "/usr/bin/convert";
+
+// Local wall-clock time in the test's zone.
+long localTime(int year, int month, int day, int hour, int minute, int second) {
+    struct tm parts = {};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return static_cast<long>(mktime(&parts));
+}
+
+class MetadataTest : public quorvia_test::DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        // A zone with summer time, so that reading as local time shows.
+        setenv("TZ", "Europe/Berlin", 1);
+        tzset();
+    }
+
+    // A small JPEG without EXIF, then the given exiftool arguments applied.
+    std::string jpeg(const std::string& name, const std::string& exiftoolArgs) {
+        const std::string file = path("/" + name);
+        EXPECT_EQ(0, shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
+        if (!exiftoolArgs.empty()) {
+            EXPECT_EQ(0, shell("exiftool -q -overwrite_original " + exiftoolArgs + " '" + file +
+                               "' >/dev/null"));
+        }
+        return file;
+    }
+    void setModified(const std::string& file, long seconds) {
+        EXPECT_EQ(0, shell("touch -d @" + std::to_string(seconds) + " '" + file + "'"));
+    }
+};
+
+TEST_F(MetadataTest, NameDecidesTypeAndTitleOfNonJpegImages) {
+    struct Case {
+        const char* name;
+        const char* mime;
+    } cases[] = {{"a.png", "image/png"},   {"A.PNG", "image/png"},  {"x.gif", "image/gif"},
+                 {"x.bmp", "image/bmp"},   {"x.tiff", "image/tiff"}, {"x.tif", "image/null"},
+                 {"x.webp", "image/null"}, {"", "image/null"},      {"png", "image/png"}};
+    // The file is never opened: its path has no suffix, and isn't there.
+    const std::string file = path("/no-suffix");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getImageMetadata(file, c.name, 777, metadata, "", false));
+        EXPECT_EQ(c.mime, metadata.mime);
+        EXPECT_EQ(c.name, metadata.title);
+        EXPECT_EQ(777, metadata.date);
+        metadata_s none;
+        Metadata::getImageMetadata(file, c.name, 0, none, "", false);
+        EXPECT_EQ(0, none.date);
+    }
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
+    const long defaultTime = 1600000000;
+    const long mtime = 1500000000;
+    struct Case {
+        const char* label;
+        std::string exiftool;
+        long defaultModifyTime;
+        long expected;
+    } cases[] = {
+        {"original, summer", "-DateTimeOriginal='2015:06:07 08:09:10'", defaultTime,
+         localTime(2015, 6, 7, 8, 9, 10)},
+        {"original, winter", "-DateTimeOriginal='2015:01:07 08:09:10'", 0,
+         localTime(2015, 1, 7, 8, 9, 10)},
+        {"digitized only", "-CreateDate='2012:03:04 05:06:07'", defaultTime,
+         localTime(2012, 3, 4, 5, 6, 7)},
+        {"original wins", "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'",
+         0, localTime(2015, 6, 7, 8, 9, 10)},
+        {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", defaultTime,
+         localTime(1980, 1, 1, 0, 0, 0)},
+        {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
+         defaultTime},
+        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime},
+        {"no date tag, default", "-Make=Quorvia", defaultTime, defaultTime},
+        {"no date tag, mtime", "-Make=Quorvia", 0, mtime},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        const std::string file = jpeg("p" + std::to_string(n++) + ".jpg", c.exiftool);
+        setModified(file, mtime);
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getImageMetadata(file, "PHOTO.JPG", c.defaultModifyTime, metadata,
+                                                "", false));
+        EXPECT_EQ(c.expected, metadata.date);
+        EXPECT_EQ("image/jpeg", metadata.mime);
+        EXPECT_EQ("PHOTO.JPG", metadata.title);
+        EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
+    }
+}
+
+TEST_F(MetadataTest, JpegRouteFollowsTheNameNotThePath) {
+    const std::string file = path("/plain");
+    ASSERT_EQ(0, shell("mv '" + jpeg("plain.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'") +
+                       "' '" + file + "'"));
+    for (const char* name : {"a.JpEg", "notjpg"}) {
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getImageMetadata(file, name, 0, metadata, "", false));
+        EXPECT_EQ(localTime(2015, 6, 7, 8, 9, 10), metadata.date);
+    }
+}
+
+TEST_F(MetadataTest, JpegWithoutExifKeepsDefaultAndFails) {
+    const std::string file = jpeg("bare.jpg", "");
+    setModified(file, 1500000000);
+    metadata_s metadata;
+    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 0, metadata, "", false));
+    EXPECT_EQ(0, metadata.date);
+    EXPECT_EQ("image/jpeg", metadata.mime);
+    EXPECT_EQ("bare.jpg", metadata.title);
+    EXPECT_EQ(1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
+    metadata_s withDefault;
+    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 55, withDefault, "", false));
+    EXPECT_EQ(55, withDefault.date);
+}
+
+TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
+    const std::string good = jpeg("good.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'");
+    ASSERT_EQ(0, shell("head -c 300 '" + good + "' > '" + path("/cut.jpg") + "'"));
+    ASSERT_EQ(0, shell("head -c 20000 /dev/urandom > '" + path("/noise.jpg") + "'"));
+    // EXIF block whose offsets point past its end.
+    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") + "' && printf '\\377\\377\\377\\377' | "
+                       "dd of='" + path("/offsets.jpg") + "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
+    // A month and hour that don't exist: the text doesn't parse.
+    const std::string badDate = jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
+    ASSERT_EQ(0, mkfifo(path("/fifo.jpg").c_str(), 0600));
+    ASSERT_EQ(0, shell("mkdir '" + path("/dir.jpg") + "'"));
+    struct Case {
+        std::string file;
+        bool dateKnown;
+    } cases[] = {{path("/cut.jpg"), false},   {path("/offsets.jpg"), false},
+                 {path("/noise.jpg"), true},  {badDate, true},
+                 {path("/fifo.jpg"), true},   {path("/dir.jpg"), true},
+                 {"/dev/zero", true},         {path("/missing.jpg"), true}};
+    const auto start = std::chrono::steady_clock::now();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        metadata_s metadata;
+        const int result =
+            Metadata::getImageMetadata(c.file, "x.jpg", 1600000000, metadata, "", false);
+        EXPECT_TRUE(result == 0 || result == -1);
+        EXPECT_EQ("x.jpg", metadata.title);
+        if (c.dateKnown) {
+            EXPECT_EQ(1600000000, metadata.date);
+        }
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    for (const char* file : {"/fifo.jpg", "/dir.jpg", "/missing.jpg"}) {
+        EXPECT_EQ(1, log_.count(path(file) + " exif_data is NULL", google::GLOG_ERROR));
+    }
+    EXPECT_EQ(1, log_.count("/dev/zero exif_data is NULL", google::GLOG_ERROR));
+}
+
+TEST_F(MetadataTest, ModifyTimeKeepsBelievableDatesOnly) {
+    writeFile("/f", "x");
+    const std::string file = path("/f");
+    setModified(file, 1500000000);
+    struct Case {
+        long date;
+        long defaultModifyTime;
+        long expected;
+    } cases[] = {
+        {1600000000, 0, 1600000000},
+        {localTime(1980, 1, 1, 0, 0, 0), 5, localTime(1980, 1, 1, 0, 0, 0)},
+        {localTime(1979, 12, 31, 23, 59, 59), 5, 5},
+        {0, 5, 5},
+        {0, 0, 1500000000},
+        {-100, 0, 1500000000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.date);
+        metadata_s metadata;
+        metadata.date = c.date;
+        Metadata::getModifyTime(file, metadata, c.defaultModifyTime);
+        EXPECT_EQ(c.expected, metadata.date);
+    }
+    metadata_s missing;
+    Metadata::getModifyTime(path("/missing"), missing, 0);
+    EXPECT_EQ(0, missing.date);
+}
+
+TEST_F(MetadataTest, LocalTimeTextsParseInBothSeparatorsOrLeaveTheDate) {
+    struct Case {
+        const char* text;
+        const char* format;
+        long expected;
+    } cases[] = {
+        {"2024:01:02 10:20:30", "%Y:%m:%d %H:%M:%S", localTime(2024, 1, 2, 10, 20, 30)},
+        {"2024-07-02 10:20:30", "%Y-%m-%d %H:%M:%S", localTime(2024, 7, 2, 10, 20, 30)},
+        {"2024-07-02 10:20:30.000000Z", "%Y-%m-%d %H:%M:%S", localTime(2024, 7, 2, 10, 20, 30)},
+        {"2024-01-02", "%Y-%m-%d %H:%M:%S", 42},
+        {"2024-01-02 1", "%Y-%m-%d %H:%M:%S", 42},
+        {"not a date at all", "%Y-%m-%d %H:%M:%S", 42},
+        {"", "%Y-%m-%d %H:%M:%S", 42},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        long date = 42;
+        talvern::metadatatime::parseLocalTime(c.text, c.format, date);
+        EXPECT_EQ(c.expected, date);
+    }
+}
+
+TEST_F(MetadataTest, AudioRecordHoldsTheTitleAlone) {
+    writeFile("/song.mp3", "not really audio");
+    metadata_s metadata;
+    EXPECT_EQ(0, Metadata::getAudioMetadata(path("/song.mp3"), "Song.mp3", metadata));
+    EXPECT_EQ("Song.mp3", metadata.title);
+    EXPECT_EQ("", metadata.mime);
+    EXPECT_EQ("", metadata.duration);
+    EXPECT_EQ("", metadata.artist);
+    EXPECT_EQ("", metadata.album);
+    EXPECT_EQ(0, metadata.date);
+    metadata_s untouched;
+    untouched.title = "before";
+    EXPECT_EQ(0, Metadata::getAudioMetadata("", "Song.mp3", untouched));
+    EXPECT_EQ("before", untouched.title);
+}
+
+}  // namespace

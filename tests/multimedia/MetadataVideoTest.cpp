@@ -1,0 +1,169 @@
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "multimedia/Metadata.h"
+#include "multimedia/MetadataVideoProbe.h"
+#include "support/DeviceRootTest.h"
+
+using talvern::Metadata;
+using talvern::metadata_s;
+
+namespace {
+
+const long kMtime = 1500000000;
+const long kDefault = 1600000000;
+
+long localTime(int year, int month, int day, int hour, int minute, int second) {
+    struct tm parts = {};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return static_cast<long>(mktime(&parts));
+}
+
+// A sample made with ffmpeg at test time.
+struct Sample {
+    const char* name;
+    const char* ffmpegArgs;
+    const char* duration;
+    long date;  // with defaultModifyTime kDefault
+};
+
+const char* const kVideo = "-f lavfi -i color=c=blue:size=32x32:rate=10 -c:v mpeg4";
+const char* const kAudio = "-f lavfi -i sine=frequency=440:sample_rate=8000";
+
+class MetadataVideoTest : public quorvia_test::DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        setenv("TZ", "Europe/Berlin", 1);
+        tzset();
+    }
+
+    std::string make(const std::string& name, const std::string& args) {
+        const std::string file = path("/" + name);
+        EXPECT_EQ(0, shell("ffmpeg -nostdin -loglevel error -y " + args + " '" + file + "'"))
+            << args;
+        EXPECT_EQ(0, shell("touch -d @" + std::to_string(kMtime) + " '" + file + "'"));
+        return file;
+    }
+
+    static std::vector<Sample> samples() {
+        static const std::string created =
+            std::string(kVideo) + " -t 3 -metadata creation_time=2024-07-02T10:20:30Z";
+        static const std::string old =
+            std::string(kVideo) + " -t 1 -metadata creation_time=1975-01-01T10:00:00Z";
+        static const std::string audio =
+            std::string(kAudio) + " -t 2 -c:a aac -metadata creation_time=2024-01-02T10:20:30Z";
+        static const std::string mkv =
+            std::string(kVideo) + " -t 2 -metadata creation_time=2024-01-02T10:20:30Z";
+        static const std::string mixed = std::string(kVideo) + " " + kAudio + " -t 4 -c:a aac";
+        static const std::string x264 =
+            "-f lavfi -i testsrc=size=64x48:rate=10 -t 2 -c:v libx264 -preset ultrafast";
+        static const std::string v90 = std::string(kVideo) + " -t 90.9";
+        static const std::string half = std::string(kVideo) + " -t 0.5";
+        static const std::string plain = std::string(kVideo) + " -t 2";
+        static const std::string flv =
+            "-f lavfi -i color=c=blue:size=32x32:rate=10 -t 2 -c:v flv1";
+        static const std::string webm =
+            "-f lavfi -i color=c=blue:size=32x32:rate=10 -t 2 -c:v libvpx";
+        const Sample list[] = {
+            // The wall-clock time is read as local time, summer time included.
+            {"created.mp4", created.c_str(), "3", localTime(2024, 7, 2, 10, 20, 30)},
+            {"old.mp4", old.c_str(), "1", kDefault},
+            {"audio.m4a", audio.c_str(), "", localTime(2024, 1, 2, 10, 20, 30)},
+            {"meta.mkv", mkv.c_str(), "2", kDefault},
+            {"mixed.mov", mixed.c_str(), "4", kDefault},
+            {"x264.mp4", x264.c_str(), "2", kDefault},
+            {"long.mp4", v90.c_str(), "90", kDefault},
+            {"half.mp4", half.c_str(), "0", kDefault},
+            {"plain.avi", plain.c_str(), "2", kDefault},
+            {"plain.ts", plain.c_str(), "2", kDefault},
+            {"plain.flv", flv.c_str(), "2", kDefault},
+            {"plain.webm", webm.c_str(), "2", kDefault},
+        };
+        return std::vector<Sample>(list, list + sizeof(list) / sizeof(list[0]));
+    }
+};
+
+TEST_F(MetadataVideoTest, DurationAndCreationTimeFromTheContainer) {
+    for (const Sample& sample : samples()) {
+        SCOPED_TRACE(sample.name);
+        const std::string file = make(sample.name, sample.ffmpegArgs);
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getVideoMetadata(file, "Clip", kDefault, metadata, "", false));
+        EXPECT_EQ("Clip", metadata.title);
+        EXPECT_EQ(sample.duration, metadata.duration);
+        EXPECT_EQ(sample.date, metadata.date);
+        EXPECT_EQ("", metadata.mime);
+        // Without a default, the file's time stands in for an absent date.
+        metadata_s noDefault;
+        Metadata::getVideoMetadata(file, "Clip", 0, noDefault, "", false);
+        EXPECT_EQ(sample.date == kDefault ? kMtime : sample.date, noDefault.date);
+    }
+    EXPECT_TRUE(log_.contains("creation_time is 2024-07-02T10:20:30.000000Z", google::GLOG_INFO));
+    EXPECT_EQ(2, log_.count("video " + path("/long.mp4") + " raw duration is 90"));
+    EXPECT_EQ(0, log_.count("av_open_input_file fail", google::GLOG_ERROR));
+}
+
+// Probing the streams only where the header leaves things open gives the
+// record that probing always gives.
+TEST_F(MetadataVideoTest, RecordIsTheSameWhetherStreamsAreAlwaysProbedOrNot) {
+    using namespace talvern::videoprobe;
+    for (const Sample& sample : samples()) {
+        SCOPED_TRACE(sample.name);
+        const std::string file = make(sample.name, sample.ffmpegArgs);
+        metadata_s lazy, always;
+        ASSERT_TRUE(readContainer(file, lazy, kStreamInfoWhenHeaderIsOpen));
+        ASSERT_TRUE(readContainer(file, always, kStreamInfoAlways));
+        EXPECT_EQ(always.duration, lazy.duration);
+        EXPECT_EQ(always.date, lazy.date);
+        EXPECT_EQ(always.title, lazy.title);
+    }
+}
+
+TEST_F(MetadataVideoTest, FilesThatAreNoVideoFailQuicklyWithATitleAndADate) {
+    const std::string good = make("good.mp4", std::string(kVideo) + " -t 2");
+    // Half the file: the index of an MP4 written this way is at its end.
+    ASSERT_EQ(0, shell("head -c $(($(stat -c %s '" + good + "') / 2)) '" + good + "' > '" +
+                       path("/cut.mp4") + "'"));
+    ASSERT_EQ(0, shell("head -c 50000 /dev/urandom > '" + path("/noise.mp4") + "'"));
+    ASSERT_EQ(0, shell("printf '#EXTM3U\\n#EXT-X-TARGETDURATION:10\\n#EXTINF:10,\\n"
+                       "http://127.0.0.1:9/x.ts\\n#EXT-X-ENDLIST\\n' > '" +
+                       path("/playlist.mp4") + "'"));
+    ASSERT_EQ(0, mkfifo(path("/fifo.mp4").c_str(), 0600));
+    ASSERT_EQ(0, shell("mkdir '" + path("/dir.mp4") + "'"));
+    const std::string files[] = {path("/missing.mp4"), path("/fifo.mp4"), path("/dir.mp4"),
+                                 "/dev/zero",          path("/cut.mp4"),  path("/noise.mp4"),
+                                 path("/playlist.mp4")};
+    const auto start = std::chrono::steady_clock::now();
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getVideoMetadata(file, "v.mp4", kDefault, metadata, "", false));
+        EXPECT_EQ("v.mp4", metadata.title);
+        EXPECT_EQ(kDefault, metadata.date);
+        EXPECT_EQ("", metadata.duration);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    for (const char* file : {"/missing.mp4", "/fifo.mp4", "/dir.mp4"}) {
+        EXPECT_EQ(1, log_.count("av_open_input_file fail, path is " + path(file),
+                                google::GLOG_ERROR));
+    }
+    EXPECT_EQ(1, log_.count("av_open_input_file fail, path is /dev/zero", google::GLOG_ERROR));
+
+    metadata_s missing;
+    Metadata::getVideoMetadata(path("/missing.mp4"), "v.mp4", 0, missing, "", false);
+    EXPECT_EQ(0, missing.date);
+}
+
+}  // namespace
