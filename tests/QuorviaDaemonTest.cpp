@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -100,6 +101,8 @@ protected:
         pid_ = fork();
         ASSERT_GE(pid_, 0);
         if (pid_ == 0) {
+            // The daemon goes with the test, also when the test dies early.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             const int out = open(path("/daemon.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             const int err = open(path("/daemon.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             dup2(out, 1);

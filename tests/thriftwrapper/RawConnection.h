@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <stdint.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -90,7 +91,9 @@ public:
         if (!readExactly(4, length)) {
             return false;
         }
-        const uint32_t size = ntohl(*reinterpret_cast<const uint32_t*>(length.data()));
+        uint32_t big = 0;
+        memcpy(&big, length.data(), 4);
+        const uint32_t size = ntohl(big);
         return readExactly(size, body);
     }
 
@@ -151,8 +154,9 @@ private:
         reply.exceptionType = -1;
         while (at < body.size() && body[at] != '\0') {
             const int fieldType = body[at];
-            const int16_t id = static_cast<int16_t>(
-                ntohs(*reinterpret_cast<const uint16_t*>(body.data() + at + 1)));
+            uint16_t bigId = 0;
+            memcpy(&bigId, body.data() + at + 1, 2);
+            const int16_t id = static_cast<int16_t>(ntohs(bigId));
             at += 3;
             if (fieldType == 11) {
                 reply.text = readStr(body, at);
