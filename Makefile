@@ -39,5 +39,11 @@ fuzz: deps
 	@cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@sh fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
 
+# The daemon in the foreground on a demo device root under the build folder.
+run: build
+	@sh scripts/make-demo-root.sh $(BUILD_DIR)/demo-root
+	@QUORVIA_ROOT=$(CURDIR)/$(BUILD_DIR)/demo-root PATH=$(CURDIR)/tools/device:$$PATH \
+		$(BUILD_DIR)/bin/quorvia -d
+
 clean:
 	@rm -rf build build-*

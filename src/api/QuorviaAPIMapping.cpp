@@ -8,6 +8,8 @@
 #include "api/ApiBase.h"
 #include "system/Log.h"
 
+const unsigned int QuorviaAPIMapping::LAST_API_;
+
 namespace {
 
 struct JsonRelease {

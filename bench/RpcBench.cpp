@@ -1,0 +1,307 @@
+// Figures of the request road: a bare server of the daemon's settings with an
+// empty handler (the ceiling), the daemon's hit path against a store of
+// 100,000 rows at 1, 3 and 16 connections with and without its INFO lines,
+// its miss path for a JPEG with EXIF and a 10-second MP4, and its memory.
+// Prints figures; asserts nothing. BENCH_SECONDS sets each run's length.
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+#include <fcntl.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/thread/thread.hpp>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LoadGenerator.h"
+#include "multimedia/QuorviaDBMgr.h"
+#include "system/ConfigInfo.h"
+#include "thriftwrapper/QuorviaServer.h"
+
+namespace {
+
+using quorvia_bench::LoadFigures;
+using quorvia_bench::LoadGenerator;
+
+const int DAEMON_PORT = 9088;
+const int STORE_ROWS = 100000;
+
+class EmptyHandler : virtual public talvern::TalvernIf {
+public:
+    virtual void request(std::string&, const std::string&) {}
+    virtual void notify(std::string&, const int32_t, const std::string&) {}
+};
+
+double benchSeconds() {
+    const char* text = getenv("BENCH_SECONDS");
+    return text != NULL && atof(text) > 0 ? atof(text) : 3.0;
+}
+
+bool accepting(int port) {
+    try {
+        apache::thrift::transport::TSocket socket("127.0.0.1", port);
+        socket.open();
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool waitAccepting(int port) {
+    for (int i = 0; i < 1000; ++i) {
+        if (port != 0 && accepting(port)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+void print(const std::string& label, const LoadFigures& figures, double ceiling = 0) {
+    printf("%-56s %9.0f req/s  p50 %7.1f us  p99 %7.1f us", label.c_str(),
+           figures.requestsPerSecond, figures.p50Micros, figures.p99Micros);
+    if (ceiling > 0) {
+        printf("  (%.2f of bare)", figures.requestsPerSecond / ceiling);
+    }
+    if (figures.failures > 0) {
+        printf("  %ld failed", figures.failures);
+    }
+    printf("\n");
+    fflush(stdout);
+}
+
+std::string imageRequest(const std::string& path, const std::string& hash) {
+    return "{\"api\":0,\"path\":\"" + path + "\",\"name\":\"photo.jpg\",\"hash\":\"" + hash +
+           "\",\"defaultModifyTime\":0}";
+}
+
+std::string videoRequest(const std::string& path, const std::string& hash) {
+    return "{\"api\":2,\"path\":\"" + path + "\",\"name\":\"clip.mp4\",\"hash\":\"" + hash +
+           "\",\"defaultModifyTime\":0}";
+}
+
+// The bare ceiling: the same server, a handler that does nothing.
+void benchBareServer(double seconds, double& bareOne, double& bareSixteen) {
+    QuorviaServer server(std::make_shared<EmptyHandler>(), 0);
+    boost::thread serving([&server] { server.serve(); });
+    waitAccepting(server.listenPort());
+    const int port = server.listenPort();
+    const LoadGenerator::RequestOf request = [](int, long) {
+        return std::string("{\"api\":0,\"path\":\"/p\",\"name\":\"a.jpg\",\"hash\":\"h\"}");
+    };
+    LoadFigures one = LoadGenerator::sRun(port, 1, seconds, request);
+    LoadFigures sixteen = LoadGenerator::sRun(port, 16, seconds, request);
+    print("bare server, 1 connection", one);
+    print("bare server, 16 connections", sixteen);
+    bareOne = one.requestsPerSecond;
+    bareSixteen = sixteen.requestsPerSecond;
+    server.stop();
+    serving.join();
+}
+
+// A device root whose store holds STORE_ROWS rows with hashes h0 ... and a
+// data folder with a photo and a clip.
+std::string makeRoot() {
+    char pattern[] = "/tmp/quorvia-bench-XXXXXX";
+    const std::string root = mkdtemp(pattern);
+    setenv("QUORVIA_ROOT", root.c_str(), 1);
+    const std::string data = root + "/userdisk/data";
+    const std::string command =
+        "mkdir -p " + data + " " + root + "/glog && cd " + data +
+        " && convert -size 640x480 gradient:skyblue-white photo.jpg"
+        " && exiftool -q -overwrite_original '-DateTimeOriginal=2021:05:06 07:08:09' photo.jpg"
+        " && ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=320x240:rate=25"
+        " -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 clip.mp4";
+    if (system(command.c_str()) != 0) {
+        fprintf(stderr, "could not make the sample media\n");
+    }
+    const std::string dbPath = talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath() + "/quorvia.db";
+    { quorvia::QuorviaDBMgr schema(dbPath); }
+    sqlite3* db = NULL;
+    sqlite3_open(dbPath.c_str(), &db);
+    sqlite3_exec(db, "BEGIN", NULL, NULL, NULL);
+    sqlite3_stmt* insert = NULL;
+    sqlite3_prepare_v2(db,
+                       "INSERT OR REPLACE INTO quorvia(HASH,PATH,TITLE,DATE,MIME,DURATION,ARTIST,ALBUM)"
+                       "VALUES (?,?,?,?,?,?,?,?);",
+                       -1, &insert, NULL);
+    for (int i = 0; i < STORE_ROWS; ++i) {
+        const std::string hash = "h" + std::to_string(i);
+        const std::string path = data + "/photos/IMG_" + std::to_string(i) + ".jpg";
+        const std::string title = "IMG_" + std::to_string(i) + ".jpg";
+        sqlite3_bind_text(insert, 1, hash.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 2, path.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 3, title.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_int64(insert, 4, 1600000000 + i);
+        sqlite3_bind_text(insert, 5, "image/jpeg", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 6, "", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 7, "", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 8, "", -1, SQLITE_STATIC);
+        sqlite3_step(insert);
+        sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    sqlite3_exec(db, "COMMIT", NULL, NULL, NULL);
+    sqlite3_close(db);
+    return root;
+}
+
+std::string daemonPath() {
+    char exe[4096] = {0};
+    const ssize_t size = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    std::string path(exe, size > 0 ? static_cast<size_t>(size) : 0);
+    path = path.substr(0, path.rfind('/'));
+    return path.substr(0, path.rfind('/')) + "/bin/quorvia";
+}
+
+// The real daemon, logging to files under the root like a deployed one;
+// quiet drops its INFO lines (glog's minimum level from the environment).
+pid_t startDaemon(const std::string& root, bool quiet) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, 1);
+        dup2(null, 2);
+        setenv("GLOG_log_dir", (root + "/glog").c_str(), 1);
+        if (quiet) {
+            setenv("GLOG_minloglevel", "1", 1);
+        }
+        const std::string path = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
+        setenv("PATH", path.c_str(), 1);
+        const std::string binary = daemonPath();
+        execl(binary.c_str(), binary.c_str(), static_cast<char*>(NULL));
+        _exit(127);
+    }
+    waitAccepting(DAEMON_PORT);
+    return pid;
+}
+
+void stopDaemon(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, NULL, 0);
+}
+
+// A field of /proc/PID/status in KiB ("VmRSS:", "RssAnon:", "RssFile:").
+long statusKiB(pid_t pid, const std::string& field) {
+    std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, field.size(), field) == 0) {
+            return atol(line.c_str() + field.size());
+        }
+    }
+    return -1;
+}
+
+long rssKiB(pid_t pid) { return statusKiB(pid, "VmRSS:"); }
+
+LoadGenerator::RequestOf hitRequests(const std::string& root) {
+    return [root](int thread, long n) {
+        const long row = (n * 7919 + thread * 104729) % STORE_ROWS;
+        return imageRequest(root + "/userdisk/data/photos/IMG_" + std::to_string(row) + ".jpg",
+                            "h" + std::to_string(row));
+    };
+}
+
+void benchHitPath(const std::string& root, bool quiet, double seconds, double bareOne,
+                  double bareSixteen) {
+    const pid_t pid = startDaemon(root, quiet);
+    const std::string how = quiet ? " (INFO lines off)" : " (INFO lines on)";
+    for (int connections : {1, 3, 16}) {
+        const LoadFigures figures = LoadGenerator::sRun(DAEMON_PORT, connections, seconds, hitRequests(root));
+        const double ceiling = connections == 1 ? bareOne : connections == 16 ? bareSixteen : 0;
+        print("daemon hit, " + std::to_string(connections) + " connection(s)" + how, figures, ceiling);
+    }
+    stopDaemon(pid);
+}
+
+// With the INFO lines off, so that 100,000 requests take a minute and not
+// the hour that a machine without a syslog daemon needs for their lines.
+void benchMemory(const std::string& root) {
+    const pid_t pid = startDaemon(root, true);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const long idle = rssKiB(pid);
+    printf("daemon RSS idle: %ld KiB (anonymous %ld KiB, mapped files %ld KiB)\n", idle,
+           statusKiB(pid, "RssAnon:"), statusKiB(pid, "RssFile:"));
+    LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root));
+    const long after10k = rssKiB(pid);
+    LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root));
+    const long after100k = rssKiB(pid);
+    printf("daemon RSS: idle %ld KiB, after 10,000 requests %ld KiB, after 100,000 %ld KiB "
+           "(growth from 10,000 to 100,000: %ld KiB)\n",
+           idle, after10k, after100k, after100k - after10k);
+    fflush(stdout);
+    stopDaemon(pid);
+}
+
+// Microseconds that opening and closing the clip costs, without probing.
+double openAloneMicros(const std::string& path) {
+    const int rounds = 200;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < rounds; ++i) {
+        AVFormatContext* context = NULL;
+        if (avformat_open_input(&context, path.c_str(), NULL, NULL) == 0) {
+            avformat_close_input(&context);
+        }
+    }
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() /
+           rounds;
+}
+
+void benchMissPath(const std::string& root, double seconds, bool quiet) {
+    const pid_t pid = startDaemon(root, quiet);
+    const std::string how = quiet ? " (INFO lines off)" : " (INFO lines on)";
+    const std::string photo = root + "/userdisk/data/photo.jpg";
+    const std::string clip = root + "/userdisk/data/clip.mp4";
+    const LoadFigures image = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [photo, how](int, long n) {
+        return imageRequest(photo, how + "jpeg-miss-" + std::to_string(n));
+    });
+    print("daemon miss, JPEG with EXIF" + how, image);
+    const LoadFigures video = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [clip, how](int, long n) {
+        return videoRequest(clip, how + "mp4-miss-" + std::to_string(n));
+    });
+    print("daemon miss, 10 s MP4" + how, video);
+    const LoadFigures inserts = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [root, how](int, long n) {
+        return "{\"api\":1,\"path\":\"" + root + "/none.mp3\",\"name\":\"a.mp3\",\"hash\":\"" + how +
+               "audio-miss-" + std::to_string(n) + "\"}";
+    });
+    print("daemon miss, audio: no file read, the insert" + how, inserts);
+    const double open = openAloneMicros(clip);
+    printf("MP4 open alone %.1f us; video miss p50 %.1f us = %.2f x open + %.1f us of audio miss "
+           "(insert and round trip)\n",
+           open, video.p50Micros, (video.p50Micros - inserts.p50Micros) / open, inserts.p50Micros);
+    fflush(stdout);
+    stopDaemon(pid);
+}
+
+}  // namespace
+
+int main() {
+    const double seconds = benchSeconds();
+    double bareOne = 0;
+    double bareSixteen = 0;
+    benchBareServer(seconds, bareOne, bareSixteen);
+    if (accepting(DAEMON_PORT)) {
+        printf("port %d is taken: no daemon figures\n", DAEMON_PORT);
+        return 0;
+    }
+    const std::string root = makeRoot();
+    benchHitPath(root, false, seconds, bareOne, bareSixteen);
+    benchHitPath(root, true, seconds, bareOne, bareSixteen);
+    benchMemory(root);
+    benchMissPath(root, seconds, false);
+    benchMissPath(root, seconds, true);
+    const std::string cleanup = "rm -rf '" + root + "'";
+    return system(cleanup.c_str()) == 0 ? 0 : 1;
+}

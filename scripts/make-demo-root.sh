@@ -1,0 +1,55 @@
+#!/bin/sh
+# Makes a demo device root for `make run`: a user disk whose data folder holds
+# a few media files made here with ImageMagick, exiftool and ffmpeg, the
+# sample localisation folder, the stand-in device tools and their values.
+# Usage: make-demo-root.sh ROOT   (ROOT is made if missing; files that exist
+# are kept, so a second run is quick). Prints two quorvia-cli commands that
+# work against a daemon started on it from the source tree's top.
+set -eu
+
+root=${1:?usage: make-demo-root.sh ROOT}
+here=$(cd "$(dirname "$0")/.." && pwd)
+mkdir -p "$root"
+root=$(cd "$root" && pwd)
+data="$root/userdisk/data"
+tools="$here/tools/device"
+
+mkdir -p "$data" "$root/etc/talvernconfig" "$root/sbin" "$root/usr/sbin" "$root/tmp"
+
+# Photos with the dates a camera writes.
+make_photo() { # file colours exif-date
+    [ -f "$data/$1" ] && return 0
+    convert -size 320x240 "gradient:$2" "$data/$1"
+    exiftool -q -overwrite_original "-DateTimeOriginal=$3" "$data/$1"
+}
+make_photo photo.jpg skyblue-white "2021:05:06 07:08:09"
+make_photo sunset.jpg orange-purple "2019:08:15 19:45:00"
+[ -f "$data/drawing.png" ] || convert -size 64x64 xc:seagreen "$data/drawing.png"
+
+# Ten seconds of video with a creation time, and five of audio.
+[ -f "$data/clip.mp4" ] || ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=160x120:rate=10 \
+    -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 "$data/clip.mp4"
+[ -f "$data/song.mp3" ] || ffmpeg -v error -y -f lavfi -i sine=frequency=440:duration=5 \
+    -metadata title=Tone "$data/song.mp3"
+
+# Localised folder names, and the device's tools with what they answer.
+[ -d "$root/etc/talvernconfig/localization" ] ||
+    cp -r "$here/data/localization" "$root/etc/talvernconfig/localization"
+ln -sf "$tools/uci" "$root/sbin/uci"
+ln -sf "$tools/sysapi" "$root/usr/sbin/sysapi"
+set_tool_value() { # tool key value
+    mkdir -p "$root/device/$1"
+    printf '%s\n' "$3" > "$root/device/$1/$(printf '%s' "$2" | tr / _)"
+}
+set_tool_value uci brendle_version.version.ROM 2.10.3
+set_tool_value uci brendle_version.version.CHANNEL release
+set_tool_value nvram SN DEMO0001
+set_tool_value nvram CountryCode CN
+
+relative=${data#"$here"/}
+cat <<EOT
+Demo device root: $root
+Try, from $here in another shell:
+  build/bin/quorvia-cli '{"api":0,"path":"$relative/photo.jpg","name":"photo.jpg","hash":"demo-photo","defaultModifyTime":0}'
+  build/bin/quorvia-cli '{"api":2,"path":"$relative/clip.mp4","name":"clip.mp4","hash":"demo-clip","defaultModifyTime":0}'
+EOT

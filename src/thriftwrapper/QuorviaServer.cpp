@@ -1,0 +1,139 @@
+#include "thriftwrapper/QuorviaServer.h"
+
+#include <sys/socket.h>
+
+#include <thrift/concurrency/ThreadFactory.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TNonblockingServerSocket.h>
+#include <thrift/transport/TSocket.h>
+
+using apache::thrift::TProcessor;
+using apache::thrift::concurrency::ThreadFactory;
+using apache::thrift::concurrency::ThreadManager;
+using apache::thrift::protocol::TBinaryProtocolFactory;
+using apache::thrift::protocol::TProtocol;
+using apache::thrift::protocol::TProtocolFactory;
+using apache::thrift::server::TServerEventHandler;
+using apache::thrift::server::TNonblockingServer;
+using apache::thrift::transport::TNonblockingServerSocket;
+using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransport;
+
+const char* const QuorviaServer::BIND_ADDRESS_ = "127.0.0.1";
+const int QuorviaServer::PORT_;
+const size_t QuorviaServer::WORKER_COUNT_;
+const size_t QuorviaServer::PENDING_TASK_LIMIT_;
+const size_t QuorviaServer::MAX_FRAME_SIZE_;
+const size_t QuorviaServer::MAX_CONNECTIONS_;
+const size_t QuorviaServer::IDLE_READ_BUFFER_LIMIT_;
+const size_t QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_;
+
+namespace {
+
+// The socket of the connection whose call a worker is processing.
+struct ConnectionContext {
+    ConnectionContext() : socket(-1) {}
+    int socket;
+};
+
+// Gives each connection a context and, before each call, the socket.
+class ConnectionTracker : public TServerEventHandler {
+public:
+    virtual void* createContext(std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
+        return new ConnectionContext;
+    }
+    virtual void deleteContext(void* context, std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
+        delete static_cast<ConnectionContext*>(context);
+    }
+    virtual void processContext(void* context, std::shared_ptr<TTransport> transport) {
+        std::shared_ptr<TSocket> socket = std::dynamic_pointer_cast<TSocket>(transport);
+        if (context != NULL && socket) {
+            static_cast<ConnectionContext*>(context)->socket = socket->getSocketFD();
+        }
+    }
+};
+
+// A message that is neither a call nor a one-way call makes the processor
+// answer false, which should drop the connection; this server's workers only
+// stop reading that frame. A frame that breaks the protocol (a bad version
+// word, a length beyond the frame) ends in an exception, after which they
+// would go on reading from a peer that has lost step. Both cases drop the
+// connection here: shutting the socket down (not closing it: the I/O thread
+// still owns the descriptor) ends it for the peer, and the I/O thread closes
+// it at its next read. Exceptions of the handler never get here: the
+// generated code turns them into exception replies.
+class DroppingProcessor : public TProcessor {
+public:
+    explicit DroppingProcessor(const std::shared_ptr<TProcessor>& processor) : processor_(processor) {}
+
+    virtual bool process(std::shared_ptr<TProtocol> in, std::shared_ptr<TProtocol> out,
+                         void* context) {
+        bool served = false;
+        try {
+            served = processor_->process(in, out, context);
+        } catch (...) {
+            drop(context);
+            throw;
+        }
+        if (!served) {
+            drop(context);
+        }
+        return served;
+    }
+
+private:
+    static void drop(void* context) {
+        if (context != NULL && static_cast<ConnectionContext*>(context)->socket >= 0) {
+            shutdown(static_cast<ConnectionContext*>(context)->socket, SHUT_RDWR);
+        }
+    }
+
+    std::shared_ptr<TProcessor> processor_;
+};
+
+// No size limits at protocol level (the frame limit bounds a message), strict
+// read off so that calls without the version word are served, strict write on.
+std::shared_ptr<TProtocolFactory> makeProtocolFactory() {
+    return std::make_shared<TBinaryProtocolFactory>(0, 0, false, true);
+}
+
+// Detached worker threads. The thread factory of this Thrift generation has
+// no scheduling policy, priority or stack size to set: the workers run with
+// the system's defaults.
+std::shared_ptr<ThreadManager> makeStartedThreadManager() {
+    std::shared_ptr<ThreadManager> threadManager = ThreadManager::newSimpleThreadManager(
+        QuorviaServer::WORKER_COUNT_, QuorviaServer::PENDING_TASK_LIMIT_);
+    threadManager->threadFactory(std::make_shared<ThreadFactory>(true));
+    threadManager->start();
+    return threadManager;
+}
+
+}  // namespace
+
+QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
+    std::shared_ptr<TProcessor> processor = std::make_shared<DroppingProcessor>(
+        std::make_shared<talvern::TalvernProcessor>(handler));
+    std::shared_ptr<TProtocolFactory> protocolFactory = makeProtocolFactory();
+    threadManager_ = makeStartedThreadManager();
+    // The server socket takes the address: that is what binds loopback only.
+    server_.reset(new TNonblockingServer(processor, protocolFactory,
+                                         std::make_shared<TNonblockingServerSocket>(BIND_ADDRESS_, port),
+                                         threadManager_));
+    server_->setServerEventHandler(std::make_shared<ConnectionTracker>());
+    server_->setMaxFrameSize(MAX_FRAME_SIZE_);
+    // The library refuses a new connection once more than its limit are open,
+    // counting before the new one: one less makes MAX_CONNECTIONS_ the most
+    // that are ever served at once.
+    server_->setMaxConnections(MAX_CONNECTIONS_ - 1);
+    server_->setOverloadAction(apache::thrift::server::T_OVERLOAD_CLOSE_ON_ACCEPT);
+    server_->setIdleReadBufferLimit(IDLE_READ_BUFFER_LIMIT_);
+    server_->setIdleWriteBufferLimit(IDLE_WRITE_BUFFER_LIMIT_);
+}
+
+QuorviaServer::~QuorviaServer() {}
+
+void QuorviaServer::serve() { server_->serve(); }
+
+void QuorviaServer::stop() { server_->stop(); }
+
+int QuorviaServer::listenPort() { return server_->getListenPort(); }

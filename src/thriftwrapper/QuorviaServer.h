@@ -1,0 +1,65 @@
+#ifndef QUORVIA_THRIFTWRAPPER_QUORVIASERVER_H
+#define QUORVIA_THRIFTWRAPPER_QUORVIASERVER_H
+
+#include <stddef.h>
+
+#include <memory>
+
+#include <thrift/concurrency/ThreadManager.h>
+#include <thrift/server/TNonblockingServer.h>
+
+#include "Talvern.h"
+
+// The daemon's Thrift server: framed binary protocol on 127.0.0.1, one I/O
+// thread (the one that calls serve) and a pool of workers that run one
+// request each. Every setting is a constant: the daemon reads no
+// configuration for them.
+class QuorviaServer {
+public:
+    static const char* const BIND_ADDRESS_;
+    static const int PORT_ = 9088;
+    // Up to this many requests run at once; the others wait in the pool's
+    // queue, which has no limit (0), so a request is never refused for load.
+    static const size_t WORKER_COUNT_ = 3;
+    static const size_t PENDING_TASK_LIMIT_ = 0;
+
+    // Limits that keep one peer from costing the others memory or service.
+    // A request holds a path, a name and a hash: a few KiB even with every
+    // character escaped, so a frame of 64 KiB is ample and a larger one is
+    // refused by closing that connection. 512 connections of at most one
+    // frame each bound the buffers to 32 MiB, while hundreds of idle peers
+    // still leave room for the busy ones; past the limit new connections are
+    // closed at accept, and accepting resumes below 80% of it (the library's
+    // hysteresis). A connection that once carried a big frame gives its
+    // buffers back when idle beyond 8 KiB.
+    static const size_t MAX_FRAME_SIZE_ = 64 * 1024;
+    static const size_t MAX_CONNECTIONS_ = 512;
+    static const size_t IDLE_READ_BUFFER_LIMIT_ = 8 * 1024;
+    static const size_t IDLE_WRITE_BUFFER_LIMIT_ = 8 * 1024;
+
+    // Builds the processor around handler, the protocol factory, and the
+    // worker pool, which is started here: the workers exist from the end of
+    // construction. Throws (an apache::thrift::TException or std::exception)
+    // when a worker can't be started. port 0 takes any free port (tests and
+    // benchmarks); the daemon passes PORT_.
+    QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port);
+    virtual ~QuorviaServer();
+
+    // Binds and runs the I/O loop on the calling thread; returns only after
+    // stop. Throws apache::thrift::TException when the socket can't be bound.
+    void serve();
+    // Ends serve from any thread.
+    void stop();
+    // The port that serve binds: the one asked for, or with port 0 the one
+    // taken, 0 until then. It says nothing about whether serve listens yet.
+    int listenPort();
+
+private:
+    QuorviaServer(const QuorviaServer&);
+    QuorviaServer& operator=(const QuorviaServer&);
+
+    std::shared_ptr<apache::thrift::concurrency::ThreadManager> threadManager_;
+    std::unique_ptr<apache::thrift::server::TNonblockingServer> server_;
+};
+
+#endif
