@@ -46,10 +46,12 @@ set_tool_value uci brendle_version.version.CHANNEL release
 set_tool_value nvram SN DEMO0001
 set_tool_value nvram CountryCode CN
 
-relative=${data#"$here"/}
 cat <<EOT
 Demo device root: $root
 Try, from $here in another shell:
-  build/bin/quorvia-cli '{"api":0,"path":"$relative/photo.jpg","name":"photo.jpg","hash":"demo-photo","defaultModifyTime":0}'
-  build/bin/quorvia-cli '{"api":2,"path":"$relative/clip.mp4","name":"clip.mp4","hash":"demo-clip","defaultModifyTime":0}'
+  build/bin/quorvia-cli '{"api":0,"path":"$data/photo.jpg","name":"photo.jpg","hash":"demo-photo","defaultModifyTime":0}'
+  build/bin/quorvia-cli '{"api":2,"path":"$data/clip.mp4","name":"clip.mp4","hash":"demo-clip","defaultModifyTime":0}'
+Then move a file and watch its row follow within about a second:
+  mkdir "$data/album" && mv "$data/photo.jpg" "$data/album/"
+  sqlite3 "$data/.systemconfig/DataBase/quorvia.db" 'SELECT HASH, PATH FROM quorvia'
 EOT

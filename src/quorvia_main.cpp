@@ -1,4 +1,4 @@
-// The daemon: logging, then the Thrift service on 127.0.0.1:9088 from the main
+// The daemon: logging, the file-following side, then the Thrift service on 127.0.0.1:9088 from the main
 // thread for the life of the process. It stays in the foreground; whatever
 // supervises it starts and restarts it, and a signal ends it.
 
@@ -9,6 +9,7 @@
 #include <exception>
 #include <memory>
 
+#include "multimedia/QuorviaManager.h"
 #include "system/Log.h"
 #include "thriftwrapper/QuorviaHandler.h"
 #include "thriftwrapper/QuorviaServer.h"
@@ -26,17 +27,20 @@ int main(int argc, char** argv) {
     }
     google::InstallFailureSignalHandler();
     QLOG(WARNING) << "quorvia daemon started.";
+    talvern::Log::sKeepSyslogOffConsole();
 
     // The demuxers of this FFmpeg generation register themselves: there is no
     // registration call to make before the first video request.
 
-    // Place of the file-following side (the manager's dispatcher and monitor
-    // thread): it has to be running before the server accepts its first
-    // connection.
-
-    // A port that is taken or a worker that can't start ends the process with
-    // one line and a non-zero status, rather than a daemon that serves nothing.
+    // A thread that can't start or a port that is taken ends the process
+    // with one line and a non-zero status, rather than a daemon that serves
+    // nothing.
     try {
+        // The file-following side (the dispatcher's worker and the monitor
+        // thread) runs before the server accepts its first connection; the
+        // manager stays alive through its own instance pointer.
+        quorvia::QuorviaManager::sGetInstance()->run();
+
         std::shared_ptr<talvern::TalvernIf> handler = std::make_shared<QuorviaHandler>();
         QuorviaServer server(handler, QuorviaServer::PORT_);
         server.serve();

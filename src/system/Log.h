@@ -8,4 +8,21 @@
 // Use as QLOG(INFO) << "text"; severities are INFO, WARNING and ERROR.
 #define QLOG(severity) SYSLOG(severity)
 
+namespace talvern {
+
+class Log {
+public:
+    virtual ~Log() {}
+
+    // glog opens syslog at its first syslog line with the console fallback
+    // on, so that on a device whose syslog daemon is down every later line is
+    // written to the console, at about a millisecond a line, on the thread
+    // that logs. Call this once after the first QLOG line: syslog is opened
+    // again under the same name without that fallback; lines still reach
+    // glog's own sinks either way.
+    static void sKeepSyslogOffConsole();
+};
+
+}  // namespace talvern
+
 #endif

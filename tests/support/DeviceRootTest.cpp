@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "system/Log.h"
+
 namespace fs = boost::filesystem;
 
 namespace quorvia_test {
@@ -14,10 +16,12 @@ namespace quorvia_test {
 namespace {
 
 void initLoggingOnce() {
+    FLAGS_logtostderr = true;
     if (!google::IsGoogleLoggingInitialized()) {
         google::InitGoogleLogging("quorvia-test");
+        QLOG(INFO) << "quorvia tests log to stderr";
+        talvern::Log::sKeepSyslogOffConsole();
     }
-    FLAGS_logtostderr = true;
 }
 
 std::string toolFileName(const std::string& key) {
@@ -40,6 +44,7 @@ std::string sampleLocalizationDir() {
 
 void DeviceRootTest::SetUp() {
     initLoggingOnce();
+    log_.clear();
     char pattern[] = "/tmp/quorvia-test-XXXXXX";
     ASSERT_TRUE(mkdtemp(pattern) != NULL);
     root_ = pattern;
