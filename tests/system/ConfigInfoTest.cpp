@@ -40,13 +40,6 @@ TEST_F(ConfigInfoTest, ChineseDeviceGetsChineseNamesAndFixedPathsUnderTheRoot) {
     EXPECT_EQ(path("/tmp/sdz9.txt"), config->getPTPCameraExistPath());
 }
 
-TEST_F(ConfigInfoTest, EnglishDeviceGetsEnglishNames) {
-    writeFile("/tmp/commonutils.config.tmp", "code = \"US\";\n");
-    EXPECT_EQ("Photos", info()->getBackupImageDirName());
-    EXPECT_EQ("backup", info()->getBackupMark());
-    EXPECT_EQ(path("/userdisk/data/Downloads/"), info()->getDownloadFolderPath());
-}
-
 TEST_F(ConfigInfoTest, MissingLocalisationLeavesNamesEmptyExceptTheCameraFolder) {
     fs::remove_all(path("/etc/talvernconfig/localization"));
     ConfigInfo* config = info();

@@ -48,8 +48,8 @@ const struct {
     {"aa:aa:aa:aa:aa:aa", "pridisk", 0}, {"00:11:22:33:44:99", "pridisk", 0},
     {"00:11:22:33:44:5", "pridisk", 1}, {"00:11:22:33:44:550", "pridisk", 0},
     {"00:11:22:33:44:ab", "pridisk", 1}, {"00:11:22:33:44:ab0", "pridisk", 0},
-    {"12:34:56:78:9a:bc", "pridisk", 0}, {"12:34:56:78:9a:bc", "lan", 1},
-    {"", "pridisk", 0}, {"", "lan", 1},
+    {"12:34:56:78:9a:bc", "pridisk", 0}, {"12:34:56:78:9a:bc", "lan", 1}, {"", "pridisk", 0},
+    {"", "lan", 1},
 };
 
 class PrivacyAccessTest : public quorvia_test::DeviceRootTest {
