@@ -19,20 +19,19 @@ struct NameCase {
 }  // namespace
 
 TEST(CommonUtilsFileType, SuffixesCountInAnyCaseAndNearMissesDont) {
+    const Predicate raw = CommonUtils::sIsCameraRawImage, image = CommonUtils::sIsImage,
+                    audio = CommonUtils::sIsAudio, video = CommonUtils::sIsVideo,
+                    document = CommonUtils::sIsDocument, supported = CommonUtils::sIsSupportedImage;
     const NameCase cases[] = {
-        {CommonUtils::sIsCameraRawImage, "/a b/N.tiff", true}, {CommonUtils::sIsImage, ".nef", true},
-        {CommonUtils::sIsImage, "/a/B.JPG", true},  {CommonUtils::sIsAudio, "SONG.FLAC", true},
-        {CommonUtils::sIsAudio, ".wavpack", true},  {CommonUtils::sIsVideo, "Clip.M2TS", true},
-        {CommonUtils::sIsVideo, ".3gp", true},      {CommonUtils::sIsDocument, "Report.DocX", true},
-        {CommonUtils::sIsDocument, ".ett", true},   {CommonUtils::sIsImage, "/a/photo.jpg.txt", false},
-        {CommonUtils::sIsImage, "/a/photojpg", false}, {CommonUtils::sIsImage, "/a/p.jpe", false},
-        {CommonUtils::sIsImage, "", false},         {CommonUtils::sIsCameraRawImage, "a.jpg", false},
-        {CommonUtils::sIsCameraRawImage, "a.tifx", false}, {CommonUtils::sIsAudio, "s.mp4", false},
-        {CommonUtils::sIsAudio, "s.mp3.part", false}, {CommonUtils::sIsVideo, "ts", false},
-        {CommonUtils::sIsVideo, "c.webm", false},   {CommonUtils::sIsDocument, "s.xlsm", false},
-        {CommonUtils::sIsSupportedImage, ".JPEG", true}, {CommonUtils::sIsSupportedImage, ".Png", true},
-        {CommonUtils::sIsSupportedImage, ".tif", false}, {CommonUtils::sIsSupportedImage, "jpg", false},
-        {CommonUtils::sIsSupportedImage, "a.jpg", false}, {CommonUtils::sIsSupportedImage, ".jpg ", false},
+        {raw, "/a b/N.tiff", true},   {image, ".nef", true},          {image, "/a/B.JPG", true},
+        {audio, "SONG.FLAC", true},   {audio, ".wavpack", true},      {video, "Clip.M2TS", true},
+        {video, ".3gp", true},        {document, "Report.DocX", true}, {document, ".ett", true},
+        {image, "/a/p.jpg.txt", false}, {image, "/a/photojpg", false}, {image, "/a/p.jpe", false},
+        {image, "", false},           {raw, "a.jpg", false},          {raw, "a.tifx", false},
+        {audio, "s.mp4", false},      {audio, "s.mp3.part", false},   {video, "ts", false},
+        {video, "c.webm", false},     {document, "s.xlsm", false},    {supported, ".JPEG", true},
+        {supported, ".Png", true},    {supported, ".tif", false},     {supported, "jpg", false},
+        {supported, "a.jpg", false},  {supported, ".jpg ", false},
     };
     for (const NameCase& c : cases) {
         EXPECT_EQ(c.expected, c.predicate(c.name)) << c.name;

@@ -160,9 +160,9 @@ TEST_F(CommonUtilsPathsTest, FileLockIsExclusiveAcrossProcessesAndUnlockCloses) 
 
 TEST_F(CommonUtilsPathsTest, DuplicateFileNameCounts) {
     const std::string stem(251, 'n');
-    for (const std::string& name : {"a.txt", "b.txt", "b(1).txt", "b(2).txt", "c(7).txt",
-                                    "e(x).txt", "e(x)(1).txt", "f().txt", "照片.jpg", "noext", ".hidden"}) {
-        writeFile("/d/" + name, "");
+    for (const char* name : {"a.txt", "b.txt", "b(1).txt", "b(2).txt", "c(7).txt", "f().txt",
+                             "e(x).txt", "e(x)(1).txt", "照片.jpg", "noext", ".hidden"}) {
+        writeFile(std::string("/d/") + name, "");
     }
     writeFile("/d/" + stem + ".txt", "");
     const TextCase cases[] = {
@@ -194,7 +194,8 @@ TEST_F(CommonUtilsPathsTest, DuplicatePathUsesWordSuffix) {
         EXPECT_EQ(d + c.out, CommonUtils::sGetDuplicatePath(d + c.in)) << c.in;
     }
     EXPECT_EQ("", CommonUtils::sGetDuplicatePath(""));
-    EXPECT_EQ(3, log_.count("CommonUtils::sGetDuplicatePath return newPath: " + d + "b-副本3.txt"));
+    EXPECT_EQ(3, log_.count("CommonUtils::sGetDuplicatePath return newPath: " + d +
+                            "b-副本3.txt"));
 }
 
 TEST(CommonUtilsNames, AbsolutePathTable) {

@@ -18,7 +18,8 @@ TEST(CommonUtilsPrimitives, PrefixSuffixAndCase) {
 }
 
 TEST(CommonUtilsPrimitives, UnifyPathStyleRemovesOneTrailingSlash) {
-    const char* cases[][2] = {{"", ""}, {"/", "/"}, {"a//", "a/"}, {"/a/b/", "/a/b"}, {"/a/b", "/a/b"}};
+    const char* cases[][2] = {
+        {"", ""}, {"/", "/"}, {"a//", "a/"}, {"/a/b/", "/a/b"}, {"/a/b", "/a/b"}};
     for (const auto& c : cases) {
         EXPECT_EQ(c[1], CommonUtils::sUnifyPathStyle(c[0])) << c[0];
     }

@@ -30,7 +30,9 @@ protected:
         writeFile("/dev/" + name, "");
         return path("/dev/" + name);
     }
-    void setPrimary(const std::string& p) { writeFile("/tmp/userdisk_info", "PRIMARY=" + p + "\n"); }
+    void setPrimary(const std::string& primary) {
+        writeFile("/tmp/userdisk_info", "PRIMARY=" + primary + "\n");
+    }
     void setGetdisk(const std::string& output) { setToolValue("getdisk", "mnt", output); }
 };
 
@@ -119,11 +121,12 @@ TEST_F(DeviceMountInfoTest, PlugInLooksAtCameraMarkerOnlyForCameraMount) {
 
 TEST(UsbDeployBeginsWith, Table) {
     const struct { const char* text; const char* prefix; int expected; } cases[] = {
-        {NULL, "a", -1}, {"a", NULL, -1}, {"abc", "", 1}, {"abc", "abc", 1},
-        {"/dev/sda1 /mnt", "/dev/sd", 1}, {"ab", "abc", 0}, {"/DEV/sda", "/dev/sd", 0}, {"", "a", 0},
+        {NULL, "a", -1},   {"a", NULL, -1},  {"abc", "", 1}, {"abc", "abc", 1}, {"ab", "abc", 0},
+        {"/dev/sda1 /mnt", "/dev/sd", 1},   {"/DEV/sda", "/dev/sd", 0},        {"", "a", 0},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(c.expected, usbdeploy_begins_with(c.text, c.prefix)) << (c.text ? c.text : "NULL");
+        EXPECT_EQ(c.expected, usbdeploy_begins_with(c.text, c.prefix))
+            << (c.text ? c.text : "NULL");
     }
 }
 
@@ -175,7 +178,8 @@ TEST_F(DeviceMountInfoTest, UsbDeployRootPathReportsMissingInputsAndSkipsAbsentD
     char buffer[DeviceMountInfo::kUsbDeployFieldSize] = "unchanged";
     EXPECT_EQ(0, get_usb_deploy_root_path(buffer));
     const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, printed.find("get_usb_deploy_root_path error : root_path is NULL"));
+    EXPECT_NE(std::string::npos,
+              printed.find("get_usb_deploy_root_path error : root_path is NULL"));
     EXPECT_NE(std::string::npos, printed.find("open /proc/mounts fail"));
 
     writeFile("/proc/mounts", "/dev/sdzz9 /mnt/usb ext4 rw 0 0\n");

@@ -39,7 +39,8 @@ TEST_F(LocalizationHelperTest, LineRules) {
         {"three", "value"},        {"single", "one"},  {"spaced", "text with blanks"},
         {"\ttabbed\t", "\tkept\t"}, {"tabbed", ""},     {"empty", ""},
         {"noseparator", ""},       {"", "leading"},    {"dup", "second"},
-        {"utf8", "照片"},          {"last", "no line end"}, {std::string("bin\0ary", 7), "v\xff\xfe"},
+        {"utf8", "照片"},          {"last", "no line end"},
+        {std::string("bin\0ary", 7), "v\xff\xfe"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.value, loc.getValue(c.key)) << "key '" << c.key << "'";

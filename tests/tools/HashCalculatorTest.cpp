@@ -65,7 +65,8 @@ TEST(Sha1Test, KnownDigestsAndAgreementWithOpensslOnEveryPaddingCase) {
         lengths.push_back(n);
     }
     for (size_t n : lengths) {
-        ASSERT_EQ(opensslSha1(bytes.substr(0, n)), sha1::calculate(bytes.data(), static_cast<int>(n)))
+        ASSERT_EQ(opensslSha1(bytes.substr(0, n)),
+                  sha1::calculate(bytes.data(), static_cast<int>(n)))
             << "length " << n;
     }
 }
