@@ -47,34 +47,29 @@ protected:
 
 }  // namespace
 
-TEST(ImageUtilSampleSize, TableForTheMiddleTarget) {
+// raw 0: the initial size is not checked for that row.
+TEST(ImageUtilSampleSize, Table) {
     struct Case {
-        int width, height, raw, factor;
+        int width, height, side, pixels, raw, factor;
     } const cases[] = {
-        {800, 600, 1, 1},     {1280, 720, 1, 1},   {720, 1280, 1, 1},
-        {1281, 721, 2, 2},    {1920, 1080, 2, 2},  {3264, 2448, 3, 4},
-        {4000, 3000, 4, 4},   {6000, 4000, 6, 8},  {10000, 10000, 11, 16},
+        {800, 600, 1280, 921600, 1, 1},     {1280, 720, 1280, 921600, 1, 1},
+        {720, 1280, 1280, 921600, 1, 1},    {1281, 721, 1280, 921600, 2, 2},
+        {1920, 1080, 1280, 921600, 2, 2},   {3264, 2448, 1280, 921600, 3, 4},
+        {4000, 3000, 1280, 921600, 4, 4},   {6000, 4000, 1280, 921600, 6, 8},
+        {10000, 10000, 1280, 921600, 11, 16}, {10, 10, 1280, 921600, 0, 1},
+        {5000, 5000, -1, -1, 1, 1},
+        {5000, 5000, -1, 1000000, 5, 8},  // only a pixel bound: lowBound, as highBound is 128
+        {3000, 4000, 1000, -1, 3, 4},     // only a side bound
+        {17000, 17000, 1000, -1, 0, 24},  // above 8: up to a multiple of 8
     };
     ImageUtil util;
     for (const Case& c : cases) {
-        EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, 1280, 921600))
-            << c.width << "x" << c.height;
-        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, 1280, 921600))
-            << c.width << "x" << c.height;
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        if (c.raw != 0) {
+            EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, c.side, c.pixels));
+        }
+        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, c.side, c.pixels));
     }
-}
-
-TEST(ImageUtilSampleSize, AbsentBoundsAndRounding) {
-    ImageUtil util;
-    EXPECT_EQ(1, util.computeInitialSampleSize(5000, 5000, -1, -1));
-    // Only a pixel bound: lowBound, as highBound is 128.
-    EXPECT_EQ(5, util.computeInitialSampleSize(5000, 5000, -1, 1000000));
-    EXPECT_EQ(8, util.computeSampleSize(5000, 5000, -1, 1000000));
-    // Only a side bound.
-    EXPECT_EQ(3, util.computeInitialSampleSize(3000, 4000, 1000, -1));
-    // Factors above 8 round up to a multiple of 8; nothing gives below 1.
-    EXPECT_EQ(24, util.computeSampleSize(17000, 17000, 1000, -1));
-    EXPECT_EQ(1, util.computeSampleSize(10, 10, 1280, 921600));
 }
 
 TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReduced) {
@@ -224,33 +219,32 @@ TEST_F(ImageUtilJpegTest, SourcesThatAreNotRegularFilesFailAtOnce) {
 TEST_F(ImageUtilJpegTest, TwoThreadsResizeAtOnce) {
     const std::string good = dir_ + "/good.jpg";
     ASSERT_TRUE(makeRedBlue(good, 2000, 1500, false));
-    const std::string bytes = readAll(good);
     const std::string bad = dir_ + "/bad.jpg";
-    writeAll(bad, bytes.substr(0, bytes.size() / 2));
-    int goodResults[2] = {0, 0};
+    writeAll(bad, readAll(good).substr(0, readAll(good).size() / 2));
+    int rightResults[2] = {0, 0};
     boost::thread_group threads;
     for (int t = 0; t < 2; ++t) {
-        threads.create_thread([this, t, &good, &bad, &goodResults] {
+        threads.create_thread([this, t, &good, &bad, &rightResults] {
             ImageUtil util;
             for (int i = 0; i < 10; ++i) {
                 std::string target = dir_ + "/t" + std::to_string(t) + ".jpg";
                 unsigned char* buffer = NULL;
                 unsigned long size = 0;
                 int sw, sh, ow, oh;
-                const std::string& source = (i + t) % 2 == 0 ? good : bad;
-                const int result = util.resizeJpeg(source, target, &buffer, &size, &sw, &sh,
-                                                   1280, 720, &ow, &oh, 0);
+                const bool isGood = (i + t) % 2 == 0;
+                const int result = util.resizeJpeg(isGood ? good : bad, target, &buffer, &size,
+                                                   &sw, &sh, 1280, 720, &ow, &oh, 0);
                 std::free(buffer);
-                goodResults[t] += (result == 0) == (&source == &good) ? 1 : 0;
+                rightResults[t] += (result == 0) == isGood ? 1 : 0;
             }
         });
     }
     threads.join_all();
-    EXPECT_EQ(10, goodResults[0]);
-    EXPECT_EQ(10, goodResults[1]);
+    EXPECT_EQ(10, rightResults[0]);
+    EXPECT_EQ(10, rightResults[1]);
 }
 
-TEST_F(ImageUtilJpegTest, SlowWriteOfOneBlockPausesOnce) {
+TEST_F(ImageUtilJpegTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableResults) {
     const std::string block(ImageUtil::kChunkSize, 'x');
     const std::string path = dir_ + "/block.bin";
     const auto start = std::chrono::steady_clock::now();
@@ -260,23 +254,17 @@ TEST_F(ImageUtilJpegTest, SlowWriteOfOneBlockPausesOnce) {
     EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
     EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
     EXPECT_EQ(block, readAll(path));
-    EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + path +
-                            ", isUseChunk 1"));
-
+    EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
     const std::string odd(2500, 'y');
     EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(odd.data()),
                                          odd.size(), path, 1));
     EXPECT_EQ(odd, readAll(path));
-}
 
-TEST_F(ImageUtilJpegTest, EmptyOrUnwritableResultsAreFailures) {
-    const std::string path = dir_ + "/empty.jpg";
-    const unsigned char none[1] = {0};
-    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 0, path, 0));
-    EXPECT_FALSE(exists(path));
-    EXPECT_EQ(1, log_.count("jpeg file " + path + " is empty, delete it. useChunk is 0"));
-
+    const std::string empty = dir_ + "/empty.jpg";
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(nullptr, 0, empty, 0));
+    EXPECT_FALSE(exists(empty));
+    EXPECT_EQ(1, log_.count("jpeg file " + empty + " is empty, delete it. useChunk is 0"));
     const std::string nowhere = dir_ + "/no/such/dir/x.jpg";
-    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 1, nowhere, 0));
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>("x"), 1, nowhere, 0));
     EXPECT_EQ(1, log_.count("open file" + nowhere + " fail"));
 }

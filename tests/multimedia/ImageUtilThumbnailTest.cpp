@@ -111,7 +111,7 @@ TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
     EXPECT_GT(usable, 0);
 }
 
-TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitAndResizesAbove) {
+TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIsSharedByHash) {
     const std::string atLimit = dir_ + "/at-limit.jpg";
     ASSERT_TRUE(makeRedBlue(atLimit, 1600, 1200, false));
     padTo(atLimit, ImageUtil::kCopyWithoutResizeSize);
@@ -120,29 +120,20 @@ TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitAndResizesAbove) 
     EXPECT_EQ(middleRoot_ + "/ab/cd/abcdef01.jpg", thumb);
     EXPECT_EQ(readAll(atLimit), readAll(thumb));
     EXPECT_EQ(1, log_.count(atLimit + " too small, no need to resize"));
-
-    // A second request finds the thumbnail and reads nothing.
+    // Another file of the same content finds the thumbnail and reads nothing.
     unlink(atLimit.c_str());
-    EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/copy.jpg", thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(1, log_.count(thumb + " has resized middle thumbnail, no need to resize again"));
 
     const std::string above = dir_ + "/above.jpg";
-    ASSERT_TRUE(makeRedBlue(above, 1600, 1200, false));
-    padTo(above, ImageUtil::kCopyWithoutResizeSize + 1);
+    ASSERT_TRUE(makeRedBlue(above, 1600, 1200, true));
+    ASSERT_TRUE(addExifThumbnail(above, 6, dir_));
+    ASSERT_GT(readAll(above).size(), ImageUtil::kCopyWithoutResizeSize);
     EXPECT_EQ(0, util_.getThumbnail(above, thumb, talvern::THUMBNAIL_MIDDLE, "1234", 0));
     EXPECT_EQ(middleRoot_ + "/12/34/1234.jpg", thumb);
-    EXPECT_EQ("800x600", geometryOf(thumb));
-    EXPECT_EQ(1, log_.count(above + " try use resize algorithm"));
-}
-
-TEST_F(ImageUtilThumbnailTest, MiddleTierFollowsOrientationAndReportsCopies) {
-    const std::string turned = dir_ + "/turned.jpg";
-    ASSERT_TRUE(makeRedBlue(turned, 1600, 1200, true));
-    ASSERT_TRUE(addExifThumbnail(turned, 6, dir_));
-    std::string thumb;
-    EXPECT_EQ(0, util_.getThumbnail(turned, thumb, talvern::THUMBNAIL_MIDDLE, "feed01", 0));
     EXPECT_EQ("600x800", geometryOf(thumb));
     EXPECT_EQ("RRBB", quarters(thumb));
+    EXPECT_EQ(1, log_.count(above + " try use resize algorithm"));
 
     // Large in bytes but needing no scaling: a copy, and still -1.
     const std::string hd = dir_ + "/hd.jpg";
@@ -150,28 +141,7 @@ TEST_F(ImageUtilThumbnailTest, MiddleTierFollowsOrientationAndReportsCopies) {
     ASSERT_GT(readAll(hd).size(), ImageUtil::kCopyWithoutResizeSize);
     EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, talvern::THUMBNAIL_MIDDLE, "beef02", 0));
     EXPECT_EQ(readAll(hd), readAll(thumb));
-
     EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, static_cast<talvern::ThumbnailSize>(2), "x", 0));
-}
-
-TEST_F(ImageUtilThumbnailTest, SameContentHasOneMiddleButTwoSmallThumbnails) {
-    const std::string first = dir_ + "/first.jpg";
-    ASSERT_TRUE(makeRedBlue(first, 320, 240, false));
-    ASSERT_TRUE(addExifThumbnail(first, 1, dir_));
-    const std::string second = dir_ + "/sub/second.jpg";
-    ASSERT_EQ(0, mkdir((dir_ + "/sub").c_str(), 0755));
-    writeAll(second, readAll(first));
-
-    std::string middleA, middleB, smallA, smallB;
-    EXPECT_EQ(0, util_.getThumbnail(first, middleA, talvern::THUMBNAIL_MIDDLE, "c0ffee", 0));
-    EXPECT_EQ(0, util_.getThumbnail(second, middleB, talvern::THUMBNAIL_MIDDLE, "c0ffee", 0));
-    EXPECT_EQ(middleA, middleB);
-    EXPECT_EQ(1, log_.count(middleA + " has resized middle thumbnail, no need to resize again"));
-    EXPECT_EQ(0, util_.getThumbnail(first, smallA, talvern::THUMBNAIL_SMALL, "", 0));
-    EXPECT_EQ(0, util_.getThumbnail(second, smallB, talvern::THUMBNAIL_SMALL, "", 0));
-    EXPECT_NE(smallA, smallB);
-    EXPECT_TRUE(exists(smallA));
-    EXPECT_TRUE(exists(smallB));
 }
 
 TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {

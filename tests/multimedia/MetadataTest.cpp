@@ -19,14 +19,7 @@ const char* const kConvert = "/usr/bin/convert";
 
 // Local wall-clock time in the test's zone.
 long localTime(int year, int month, int day, int hour, int minute, int second) {
-    struct tm parts = {};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    parts.tm_isdst = -1;
+    struct tm parts = {second, minute, hour, day, month - 1, year - 1900, 0, 0, -1, 0, NULL};
     return static_cast<long>(mktime(&parts));
 }
 
@@ -131,15 +124,14 @@ TEST_F(MetadataTest, JpegRouteFollowsTheNameNotThePath) {
 TEST_F(MetadataTest, JpegWithoutExifKeepsDefaultAndFails) {
     const std::string file = jpeg("bare.jpg", "");
     setModified(file, 1500000000);
-    metadata_s metadata;
-    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 0, metadata, "", false));
-    EXPECT_EQ(0, metadata.date);
-    EXPECT_EQ("image/jpeg", metadata.mime);
-    EXPECT_EQ("bare.jpg", metadata.title);
-    EXPECT_EQ(1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
-    metadata_s withDefault;
-    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 55, withDefault, "", false));
-    EXPECT_EQ(55, withDefault.date);
+    for (long defaultModifyTime : {0L, 55L}) {
+        metadata_s metadata;
+        EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", defaultModifyTime, metadata, "", false));
+        EXPECT_EQ(defaultModifyTime, metadata.date);
+        EXPECT_EQ("image/jpeg", metadata.mime);
+        EXPECT_EQ("bare.jpg", metadata.title);
+    }
+    EXPECT_EQ(2, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
 }
 
 TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
@@ -233,12 +225,9 @@ TEST_F(MetadataTest, AudioRecordHoldsTheTitleAlone) {
     writeFile("/song.mp3", "not really audio");
     metadata_s metadata;
     EXPECT_EQ(0, Metadata::getAudioMetadata(path("/song.mp3"), "Song.mp3", metadata));
-    EXPECT_EQ("Song.mp3", metadata.title);
-    EXPECT_EQ("", metadata.mime);
-    EXPECT_EQ("", metadata.duration);
-    EXPECT_EQ("", metadata.artist);
-    EXPECT_EQ("", metadata.album);
-    EXPECT_EQ(0, metadata.date);
+    EXPECT_EQ("Song.mp3|||||0", metadata.title + "|" + metadata.mime + "|" + metadata.duration +
+                                    "|" + metadata.artist + "|" + metadata.album + "|" +
+                                    std::to_string(metadata.date));
     metadata_s untouched;
     untouched.title = "before";
     EXPECT_EQ(0, Metadata::getAudioMetadata("", "Song.mp3", untouched));

@@ -30,37 +30,31 @@ protected:
         fs::create_directories(fs::path(data_ + "/" + below).parent_path());
         std::ofstream out((data_ + "/" + below).c_str());
     }
-    std::vector<std::size_t> groupSizes() {
-        std::vector<std::size_t> sizes;
-        for (std::size_t i = 0; i < observer_->batches.size(); ++i) {
-            sizes.push_back(observer_->batches[i].size());
-        }
-        return sizes;
-    }
-
     std::string data_;
     boost::shared_ptr<RecordingObserver> observer_;
     quorvia::QuorviaScanner scanner_;
 };
 
 TEST_F(QuorviaScannerTest, GroupsOfTenAndTheRestAtTheEnd) {
-    for (int i = 0; i < 25; ++i) {
-        touch("a/p" + std::to_string(i) + ".jpg");
+    const std::vector<std::vector<std::size_t>> cases = {{}, {10}, {10, 10, 5}};
+    for (std::size_t c = 0; c < cases.size(); ++c) {
+        const std::string dir = "c" + std::to_string(c);
+        fs::create_directories(data_ + "/" + dir);
+        std::vector<std::size_t> sizes;
+        for (std::size_t n = 0; n < cases[c].size(); ++n) {
+            for (std::size_t i = 0; i < cases[c][n]; ++i) {
+                touch(dir + "/p" + std::to_string(n) + "-" + std::to_string(i) + ".jpeg");
+            }
+        }
+        observer_->batches.clear();
+        scanner_.start_scanner(std::vector<std::string>(1, data_ + "/" + dir));
+        for (const std::vector<FileChangeItem>& batch : observer_->batches) {
+            sizes.push_back(batch.size());
+        }
+        EXPECT_EQ(cases[c], sizes);
     }
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_EQ(std::vector<std::size_t>({10, 10, 5}), groupSizes());
     EXPECT_EQ(MONITOR_TYPE_SCANNER, observer_->types[0]);
     EXPECT_EQ(TALVERN_MODIFY, observer_->batches[0][0].mask);
-}
-
-TEST_F(QuorviaScannerTest, ExactlyTenGiveOneGroupAndAnEmptyTreeNone) {
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_TRUE(observer_->batches.empty());
-    for (int i = 0; i < 10; ++i) {
-        touch("p" + std::to_string(i) + ".jpeg");
-    }
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_EQ(std::vector<std::size_t>(1, 10), groupSizes());
 }
 
 TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesOnly) {
