@@ -78,22 +78,26 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         std::string exiftool;
         long defaultModifyTime;
         long expected;
+        int result;
     } cases[] = {
         {"original, summer", "-DateTimeOriginal='2015:06:07 08:09:10'", defaultTime,
-         localTime(2015, 6, 7, 8, 9, 10)},
+         localTime(2015, 6, 7, 8, 9, 10), 0},
         {"original, winter", "-DateTimeOriginal='2015:01:07 08:09:10'", 0,
-         localTime(2015, 1, 7, 8, 9, 10)},
+         localTime(2015, 1, 7, 8, 9, 10), 0},
         {"digitized only", "-CreateDate='2012:03:04 05:06:07'", defaultTime,
-         localTime(2012, 3, 4, 5, 6, 7)},
+         localTime(2012, 3, 4, 5, 6, 7), 0},
         {"original wins", "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'",
-         0, localTime(2015, 6, 7, 8, 9, 10)},
+         0, localTime(2015, 6, 7, 8, 9, 10), 0},
         {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", defaultTime,
-         localTime(1980, 1, 1, 0, 0, 0)},
+         localTime(1980, 1, 1, 0, 0, 0), 0},
         {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
-         defaultTime},
-        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime},
-        {"no date tag, default", "-Make=Quorvia", defaultTime, defaultTime},
-        {"no date tag, mtime", "-Make=Quorvia", 0, mtime},
+         defaultTime, 0},
+        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime, 0},
+        {"no date tag, default", "-Make=Quorvia", defaultTime, defaultTime, 0},
+        {"no date tag, mtime", "-Make=Quorvia", 0, mtime, 0},
+        // Without EXIF the default stands, even when there is none.
+        {"no exif, no default", "", 0, 0, -1},
+        {"no exif, default", "", 55, 55, -1},
     };
     int n = 0;
     for (const Case& c : cases) {
@@ -101,12 +105,13 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         const std::string file = jpeg("p" + std::to_string(n++) + ".jpg", c.exiftool);
         setModified(file, mtime);
         metadata_s metadata;
-        EXPECT_EQ(0, Metadata::getImageMetadata(file, "PHOTO.JPG", c.defaultModifyTime, metadata,
-                                                "", false));
+        EXPECT_EQ(c.result, Metadata::getImageMetadata(file, "PHOTO.JPG", c.defaultModifyTime,
+                                                       metadata, "", false));
         EXPECT_EQ(c.expected, metadata.date);
         EXPECT_EQ("image/jpeg", metadata.mime);
         EXPECT_EQ("PHOTO.JPG", metadata.title);
         EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
+        EXPECT_EQ(c.result == 0 ? 0 : 1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
     }
 }
 
@@ -119,19 +124,6 @@ TEST_F(MetadataTest, JpegRouteFollowsTheNameNotThePath) {
         EXPECT_EQ(0, Metadata::getImageMetadata(file, name, 0, metadata, "", false));
         EXPECT_EQ(localTime(2015, 6, 7, 8, 9, 10), metadata.date);
     }
-}
-
-TEST_F(MetadataTest, JpegWithoutExifKeepsDefaultAndFails) {
-    const std::string file = jpeg("bare.jpg", "");
-    setModified(file, 1500000000);
-    for (long defaultModifyTime : {0L, 55L}) {
-        metadata_s metadata;
-        EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", defaultModifyTime, metadata, "", false));
-        EXPECT_EQ(defaultModifyTime, metadata.date);
-        EXPECT_EQ("image/jpeg", metadata.mime);
-        EXPECT_EQ("bare.jpg", metadata.title);
-    }
-    EXPECT_EQ(2, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
 }
 
 TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
