@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/quorviatask/PendingMoves.h"
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
@@ -47,16 +46,12 @@ std::string describe(const boost::shared_ptr<Dispatchable>& task) {
     return t ? "unknown" : "none";
 }
 
-// Makes a task per change, runs it when asked, and describes each.
-std::vector<std::string> feed(const std::vector<Change>& changes, bool run = false) {
+std::vector<std::string> feed(const std::vector<Change>& changes) {
     std::vector<std::string> tasks;
     for (const Change& change : changes) {
         boost::shared_ptr<Dispatchable> task;
         QuorviaTaskFactory::CreateTask(task, change.path, change.mask, change.isDir,
                                        MONITOR_TYPE_INOTIFY, change.cookie);
-        if (run && task && task->shouldExecute()) {
-            task->run();
-        }
         tasks.push_back(describe(task));
     }
     return tasks;
@@ -148,48 +143,6 @@ TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
     EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/n", start, partner));
     EXPECT_EQ("/f2", partner);
     EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/n", start, partner)) << "oldest dropped";
-}
-
-// The tasks against a real store in the test's device root.
-class QuorviaTaskStoreTest : public quorvia_test::DeviceRootTest {
-protected:
-    void insert(const std::string& path, const std::string& hash) {
-        quorvia::QuorviaContext context;
-        context.path = path;
-        context.hash = hash;
-        context.metadata.mime = "image/jpeg";
-        ASSERT_TRUE(quorvia::QuorviaDBMgr::sGetInstance().insertToDB(context));
-    }
-    std::string hashAt(const std::string& path) {
-        return quorvia::QuorviaDBMgr::sGetInstance().doGetFileHash(path);
-    }
-};
-
-TEST_F(QuorviaTaskStoreTest, RowsFollowDeletesAndMovesButNeverAStranger) {
-    insert("/data/a.jpg", "h-a");
-    insert("/data/left.jpg", "h-left");
-    insert("/data/dir/x.jpg", "h-x");
-    insert("/data/dir/sub/y.jpg", "h-y");
-    insert("/data/dirx/z.jpg", "h-z");
-    insert("/data/gone.jpg", "h-gone");
-    feed({{"/data/a.jpg", TALVERN_FROM, false, 1},
-            {"/data/b.jpg", TALVERN_TO, false, 1},
-            {"/data/left.jpg", TALVERN_FROM, false, 2},
-            {"/data/stranger.jpg", TALVERN_TO, false, 3},
-            {"/data/dir/", TALVERN_FROM, true, 4},
-            {"/data/moved/", TALVERN_TO, true, 4},
-            {"/data/gone.jpg", TALVERN_DELETE, false, 0},
-            {"/data/new.jpg", TALVERN_MODIFY, false, 0}},
-         true);
-    EXPECT_EQ("h-a", hashAt("/data/b.jpg"));
-    EXPECT_EQ("", hashAt("/data/a.jpg"));
-    EXPECT_EQ("h-left", hashAt("/data/left.jpg")) << "the row that left keeps its own path";
-    EXPECT_EQ("", hashAt("/data/stranger.jpg"));
-    EXPECT_EQ("h-x", hashAt("/data/moved/x.jpg"));
-    EXPECT_EQ("h-y", hashAt("/data/moved/sub/y.jpg"));
-    EXPECT_EQ("h-z", hashAt("/data/dirx/z.jpg")) << "a sibling with a longer name stays";
-    EXPECT_EQ("", hashAt("/data/gone.jpg"));
-    EXPECT_EQ("", hashAt("/data/new.jpg")) << "rows enter only through requests";
 }
 
 }  // namespace
