@@ -89,7 +89,8 @@ TEST(FileChangeMaskTest, KernelMasksMapInTableOrder) {
     const char* const texts[] = {"", "TALVERN_MODIFY", "TALVERN_CREATE", "TALVERN_DELETE",
                                  "TALVERN_FROM", "TALVERN_TO", "", "", "", ""};
     for (int mask = 0; mask < 10; ++mask) {
-        EXPECT_EQ(texts[mask], FileChangeMonitor::convertWatchMaskToString(static_cast<WatchMask>(mask)));
+        const WatchMask watchMask = static_cast<WatchMask>(mask);
+        EXPECT_EQ(texts[mask], FileChangeMonitor::convertWatchMaskToString(watchMask));
     }
 }
 
@@ -195,7 +196,8 @@ TEST_F(FileChangeFoldingTest, QuietPassDeliversOnceWhenTheGateIsOpen) {
     EXPECT_EQ(1u, observer->batches.size());
     EXPECT_TRUE(monitor_->changes().empty());
 
-    monitor_->registerObserver(boost::shared_ptr<IFileChangeMonitorObserver>(new ThrowingObserver));
+    monitor_->registerObserver(
+        boost::shared_ptr<IFileChangeMonitorObserver>(new ThrowingObserver));
     fold({{IN_CLOSE_WRITE, "b.jpg", 0}});
     monitor_->runPass();
     EXPECT_TRUE(log_.contains("observer failed", google::GLOG_ERROR));

@@ -65,8 +65,8 @@ protected:
         }
         const std::vector<FileChangeItem>& batch = observer_->batches.back();
         for (std::size_t i = 0; i < batch.size(); ++i) {
-            lines.push_back(FileChangeMonitor::convertWatchMaskToString(batch[i].mask).substr(8) + " " +
-                            batch[i].path.substr(data_.size() + 1));
+            lines.push_back(FileChangeMonitor::convertWatchMaskToString(batch[i].mask).substr(8) +
+                            " " + batch[i].path.substr(data_.size() + 1));
         }
         return lines;
     }
@@ -206,7 +206,8 @@ TEST_F(FileChangeMonitorTest, OddNamesAndDeepChainsAreWatchedAndReportedByteForB
     for (int i = 0; i < 200; ++i) {
         chain += "d/";
     }
-    const std::string names[] = {"new\nline", "qu\"o'te", "bad\xff\xfe", std::string(255, 'd'), chain};
+    const std::string names[] = {"new\nline", "qu\"o'te", "bad\xff\xfe", std::string(255, 'd'),
+                                 chain};
     for (const std::string& name : names) {
         mkdirs(name);
     }

@@ -154,13 +154,10 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
     jpeg_set_defaults(&cinfo);
     // DC first, then each AC coefficient alone at one bit less precision,
     // then each refined.
-    std::vector<jpeg_scan_info> script;
-    jpeg_scan_info dc = {1, {0, 0, 0, 0}, 0, 0, 0, 0};
-    script.push_back(dc);
+    std::vector<jpeg_scan_info> script(1, jpeg_scan_info{1, {0, 0, 0, 0}, 0, 0, 0, 0});
     for (int al = 1; al >= 0; --al) {
         for (int k = 1; k < 64; ++k) {
-            jpeg_scan_info ac = {1, {0, 0, 0, 0}, k, k, al == 1 ? 0 : 1, al};
-            script.push_back(ac);
+            script.push_back(jpeg_scan_info{1, {0, 0, 0, 0}, k, k, al == 1 ? 0 : 1, al});
         }
     }
     cinfo.scan_info = script.data();

@@ -97,7 +97,8 @@ TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReduced) {
 TEST_F(ImageUtilJpegTest, OutputLargerThanFirstBufferGrowsWithoutLoss) {
     const std::string source = dir_ + "/noise.jpg";
     const std::string target = dir_ + "/noise-small.jpg";
-    ASSERT_TRUE(makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
+    ASSERT_TRUE(
+        makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
     EXPECT_EQ(0, resize(source, target, 1300, 1300));
     EXPECT_GT(bufferSize_, static_cast<unsigned long>(ImageUtil::kFirstBufferSize));
     EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), bufferSize_);
@@ -230,7 +231,8 @@ TEST_F(ImageUtilJpegTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableRes
     EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
     EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
     EXPECT_EQ(block, readAll(path));
-    EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
+    EXPECT_EQ(1,
+              log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
     const std::string odd(2500, 'y');
     EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(odd.data()),
                                          odd.size(), path, 1));
@@ -241,6 +243,7 @@ TEST_F(ImageUtilJpegTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableRes
     EXPECT_FALSE(exists(empty));
     EXPECT_EQ(1, log_.count("jpeg file " + empty + " is empty, delete it. useChunk is 0"));
     const std::string nowhere = dir_ + "/no/such/dir/x.jpg";
-    EXPECT_EQ(-1, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>("x"), 1, nowhere, 0));
+    EXPECT_EQ(-1,
+              util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>("x"), 1, nowhere, 0));
     EXPECT_EQ(1, log_.count("open file" + nowhere + " fail"));
 }

@@ -122,7 +122,8 @@ TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIs
     EXPECT_EQ(1, log_.count(atLimit + " too small, no need to resize"));
     // Another file of the same content finds the thumbnail and reads nothing.
     unlink(atLimit.c_str());
-    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/copy.jpg", thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(
+        0, util_.getThumbnail(dir_ + "/copy.jpg", thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(1, log_.count(thumb + " has resized middle thumbnail, no need to resize again"));
 
     const std::string above = dir_ + "/above.jpg";

@@ -104,7 +104,8 @@ std::string fields(const metadata_s& m) {
 
 TEST_F(MetadataRemoteDaemonTest, RepliesFillOnlyTheKeysTheyHoldAndTheOperationTakes) {
     const std::string full =
-        "{ \"code\": 0, \"msg\": \"\", \"title\": \"T\", \"mime\": \"image/png\", \"album\": \"Al\", "
+        "{ \"code\": 0, \"msg\": \"\", \"title\": \"T\", \"mime\": \"image/png\", "
+        "\"album\": \"Al\", "
         "\"artist\": \"Ar\", \"duration\": \"90\", \"date\": 1600000000 }";
     struct Case {
         std::string reply;
@@ -116,7 +117,8 @@ TEST_F(MetadataRemoteDaemonTest, RepliesFillOnlyTheKeysTheyHoldAndTheOperationTa
         {full, 0, 0, "T|image/png|||old|1600000000"},
         {full, 1, 0, "T|image/png|Al|Ar|90|1600000000"},
         {full, 2, 0, "T|old|||90|1600000000"},
-        {"{ \"code\": 2, \"msg\": \"parameter empty\", \"title\": \"T\" }", 0, 0, "old|old|||old|5"},
+        {"{ \"code\": 2, \"msg\": \"parameter empty\", \"title\": \"T\" }", 0, 0,
+         "old|old|||old|5"},
         {"", 1, -1, "old|old|||old|5"},
         {"<html>", 2, -1, "old|old|||old|5"},
     };

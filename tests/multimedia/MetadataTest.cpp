@@ -35,7 +35,8 @@ protected:
     // A small JPEG without EXIF, then the given exiftool arguments applied.
     std::string jpeg(const std::string& name, const std::string& exiftoolArgs) {
         const std::string file = path("/" + name);
-        EXPECT_EQ(0, shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
+        EXPECT_EQ(0,
+                  shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
         if (!exiftoolArgs.empty()) {
             EXPECT_EQ(0, shell("exiftool -q -overwrite_original " + exiftoolArgs + " '" + file +
                                "' >/dev/null"));
@@ -86,8 +87,9 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
          localTime(2015, 1, 7, 8, 9, 10), 0},
         {"digitized only", "-CreateDate='2012:03:04 05:06:07'", defaultTime,
          localTime(2012, 3, 4, 5, 6, 7), 0},
-        {"original wins", "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'",
-         0, localTime(2015, 6, 7, 8, 9, 10), 0},
+        {"original wins",
+         "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'", 0,
+         localTime(2015, 6, 7, 8, 9, 10), 0},
         {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", defaultTime,
          localTime(1980, 1, 1, 0, 0, 0), 0},
         {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
@@ -111,7 +113,8 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         EXPECT_EQ("image/jpeg", metadata.mime);
         EXPECT_EQ("PHOTO.JPG", metadata.title);
         EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
-        EXPECT_EQ(c.result == 0 ? 0 : 1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
+        EXPECT_EQ(c.result == 0 ? 0 : 1,
+                  log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
     }
 }
 
@@ -131,8 +134,9 @@ TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
     ASSERT_EQ(0, shell("head -c 300 '" + good + "' > '" + path("/cut.jpg") + "'"));
     ASSERT_EQ(0, shell("head -c 20000 /dev/urandom > '" + path("/noise.jpg") + "'"));
     // EXIF block whose offsets point past its end.
-    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") + "' && printf '\\377\\377\\377\\377' | "
-                       "dd of='" + path("/offsets.jpg") + "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
+    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") +
+                       "' && printf '\\377\\377\\377\\377' | dd of='" + path("/offsets.jpg") +
+                       "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
     // A month and hour that don't exist: the text doesn't parse.
     const std::string badDate = jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
     ASSERT_EQ(0, mkfifo(path("/fifo.jpg").c_str(), 0600));

@@ -90,7 +90,8 @@ TEST_F(QuorviaDBMgrTest, FreshFileGetsBothTablesThePathIndexAndNoVersionRow) {
           "DELETE FROM quorvia WHERE Path='a';", "UPDATE quorvia SET PATH ='b' WHERE PATH='a';",
           "SELECT HASH FROM quorvia WHERE PATH='a';"}) {
         std::string plan;
-        for (const std::string& step : raw.column(std::string("EXPLAIN QUERY PLAN ") + statement, 3)) {
+        for (const std::string& step :
+             raw.column(std::string("EXPLAIN QUERY PLAN ") + statement, 3)) {
             plan += step + ";";
         }
         EXPECT_NE(std::string::npos, plan.find("INDEX quorvia_path")) << statement << plan;
@@ -146,9 +147,9 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
     EXPECT_FALSE(store.deleteMetadataByRootPath("/mnt/usb1"));
     EXPECT_FALSE(store.updateFilePath("/p", "/q"));
     store.updateDirPaths("/a/", "/b/");
-    for (const char* line : {"prepare deleteMetadataByPath error: ",
-                             "prepare deleteMetadataByRootPath error: ",
-                             "prepare updateFilePath error: ", "QuorviaDBMgr::getFileByDir error : "}) {
+    for (const char* line :
+         {"prepare deleteMetadataByPath error: ", "prepare deleteMetadataByRootPath error: ",
+          "prepare updateFilePath error: ", "QuorviaDBMgr::getFileByDir error : "}) {
         EXPECT_TRUE(log_.contains(line, google::GLOG_ERROR)) << line;
     }
     EXPECT_EQ("", store.doGetFileHash("/p"));
@@ -212,9 +213,10 @@ TEST_F(QuorviaDBMgrTest, DeleteAndUpdateByPathTakeTheExactPathOnly) {
 }
 
 TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
-    const Texts paths = {"/mnt/usb1",        "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg", "/mnt/usb10/a.jpg",
-                         "/mnt/usb1x",       "/mnt/usb%/c.jpg", "/mnt/usb_/d.jpg", "/mnt/usbX/e.jpg",
-                         "/mnt/us\\b/f.jpg", "/mnt/usb\\/g",    "/mnt/ÄUSB/h",     "/mnt/äusb/i"};
+    const Texts paths = {"/mnt/usb1",        "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg",
+                         "/mnt/usb10/a.jpg", "/mnt/usb1x",      "/mnt/usb%/c.jpg",
+                         "/mnt/usb_/d.jpg",  "/mnt/usbX/e.jpg", "/mnt/us\\b/f.jpg",
+                         "/mnt/usb\\/g",     "/mnt/ÄUSB/h",     "/mnt/äusb/i"};
     struct Case {
         const char* root;
         bool ran;
