@@ -66,23 +66,6 @@ TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
     }
 }
 
-TEST_F(ImageUtilThumbnailTest, ExifRouteFailures) {
-    const std::string plain = dir_ + "/plain.jpg";
-    ASSERT_TRUE(makeRedBlue(plain, 64, 48, false));
-    std::string thumb;
-    EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, talvern::THUMBNAIL_SMALL, "", 0));
-    EXPECT_EQ(1, log_.count("get thumbnail from exif, there is no thumbnail in exif " + plain));
-    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, talvern::THUMBNAIL_SMALL, "", 0));
-    EXPECT_EQ(1, log_.count("get thumbnail from exif, path " + dir_ + "/gone.jpg not exist"));
-
-    _ExifData* data = NULL;
-    EXPECT_EQ(-1, util_.getExifData("", data));
-    EXPECT_EQ(1, log_.count("get thumbnail from exif, path is empty"));
-    int orientation = 5;
-    EXPECT_EQ(-1, util_.getImageOrientation(NULL, orientation));
-    EXPECT_EQ(1, log_.count("get image orientation error, exif_data is NULL"));
-    EXPECT_FALSE(exists(smallRoot_ + plain));
-}
 
 TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
     const std::string source = dir_ + "/exif.jpg";
@@ -171,7 +154,24 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     EXPECT_FALSE(exists(smallRoot_ + wide));
 }
 
-TEST_F(ImageUtilThumbnailTest, NothingIsWrittenOutsideTheTree) {
+// No EXIF thumbnail, no file, no regular file, a path or hash that would
+// leave the thumbnail tree: each fails with its reason and writes nothing.
+TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
+    const std::string plain = dir_ + "/plain.jpg";
+    ASSERT_TRUE(makeRedBlue(plain, 64, 48, false));
+    std::string thumb;
+    EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, there is no thumbnail in exif " + plain));
+    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, path " + dir_ + "/gone.jpg not exist"));
+
+    _ExifData* data = NULL;
+    EXPECT_EQ(-1, util_.getExifData("", data));
+    EXPECT_EQ(1, log_.count("get thumbnail from exif, path is empty"));
+    int orientation = 5;
+    EXPECT_EQ(-1, util_.getImageOrientation(NULL, orientation));
+    EXPECT_EQ(1, log_.count("get image orientation error, exif_data is NULL"));
+    EXPECT_FALSE(exists(smallRoot_ + plain));
     const std::string source = dir_ + "/a.jpg";
     ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
     ASSERT_TRUE(addExifThumbnail(source, 1, dir_));
@@ -180,7 +180,6 @@ TEST_F(ImageUtilThumbnailTest, NothingIsWrittenOutsideTheTree) {
         climbing += "/..";
     }
     climbing += source;
-    std::string thumb;
     EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(1, log_.count("generate thumb path, " + climbing +
                             " would leave the thumbnail tree"));
@@ -192,28 +191,25 @@ TEST_F(ImageUtilThumbnailTest, NothingIsWrittenOutsideTheTree) {
     }
     EXPECT_EQ(middleRoot_ + "/ab//ab.jpg", util_.getMiddleIconsHashPath("ab"));
     EXPECT_EQ("", util_.generateThumbPath(source, static_cast<talvern::ThumbnailSize>(2), "ab"));
-}
-
-TEST_F(ImageUtilThumbnailTest, SourcesThatAreNotRegularFilesFailAtOnce) {
     const std::string fifo = dir_ + "/pipe.jpg";
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
     const std::string fifoPng = dir_ + "/pipe.png";
     ASSERT_EQ(0, mkfifo(fifoPng.c_str(), 0644));
     const std::string folder = dir_ + "/folder.gif";
     ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
-    int hash = 10;
-    for (const std::string& source : {fifo, fifoPng, folder}) {
-        std::string thumb;
-        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_MIDDLE,
-                                         std::to_string(++hash), 0));
+    int serial = 10;
+    for (const std::string& odd : {fifo, fifoPng, folder}) {
+        thumb = "untouched";
+        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, talvern::THUMBNAIL_MIDDLE,
+                                         std::to_string(++serial), 0));
         EXPECT_EQ("", thumb);
-        EXPECT_EQ(1, log_.count("generate thumbnail, " + source +
-                                " is not a readable regular file"));
-        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+        EXPECT_EQ(1, log_.count("generate thumbnail, " + odd + " is not a readable regular file"));
+        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     }
     EXPECT_EQ(-1, util_.rotateImage(fifo, 90));
     EXPECT_EQ(1, log_.count("read jpg " + fifo + " fail"));
 }
+
 
 TEST_F(ImageUtilThumbnailTest, PngResizeReadsTheHeaderFirst) {
     const std::string png = dir_ + "/p.png";

@@ -139,9 +139,7 @@ TEST_F(MetadataRemoteDaemonTest, RepliesFillOnlyTheKeysTheyHoldAndTheOperationTa
         EXPECT_EQ(c.result, result);
         EXPECT_EQ(c.expected, fields(metadata));
     }
-}
-
-TEST_F(MetadataRemoteDaemonTest, NoDaemonGivesMinusOneAndLeavesTheRecord) {
+    // No daemon: -1 and the record left alone.
     server_->stop();
     thread_->join();
     thread_.reset(new boost::thread([]() {}));
