@@ -8,7 +8,6 @@
 
 #include <boost/chrono.hpp>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +21,7 @@ namespace monitor_test {
 // told to refuse, and never has events to read.
 class FakeKernel : public InotifyKernel {
 public:
-    FakeKernel() : initErrno(0), refuseAll(0), nextWd(0) {}
+    FakeKernel() : initErrno(0), nextWd(0) {}
 
     virtual int init() {
         if (initErrno != 0) {
@@ -32,22 +31,14 @@ public:
         return 1000;
     }
     virtual int addWatch(int, const std::string& path, uint32_t) {
-        std::map<std::string, int>::iterator refused = refuse.find(path);
-        if (refuseAll != 0 || refused != refuse.end()) {
-            errno = refuseAll != 0 ? refuseAll : refused->second;
+        if (refuse.count(path) != 0) {
+            errno = refuse[path];
             return -1;
         }
-        std::map<std::string, int>::iterator known = wds.find(path);
-        if (known != wds.end()) {
-            return known->second;
-        }
-        wds[path] = ++nextWd;
-        return nextWd;
+        int& wd = wds[path];
+        return wd != 0 ? wd : (wd = ++nextWd);
     }
-    virtual int removeWatch(int, int wd) {
-        removed.push_back(wd);
-        return 0;
-    }
+    virtual int removeWatch(int, int) { return 0; }
     virtual int waitReadable(int, int) { return 0; }
     virtual ssize_t read(int, char*, std::size_t) {
         errno = EAGAIN;
@@ -56,10 +47,8 @@ public:
     virtual void close(int) {}
 
     int initErrno;
-    int refuseAll;                     // errno for every watch, 0 for none
     std::map<std::string, int> refuse;  // path with "/" -> errno
     std::map<std::string, int> wds;
-    std::vector<int> removed;
     int nextWd;
 };
 
@@ -93,7 +82,6 @@ public:
     }
     const char* data() const { return bytes_.data(); }
     std::size_t size() const { return bytes_.size(); }
-    void clear() { bytes_.clear(); }
 
 private:
     std::string bytes_;

@@ -154,13 +154,10 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
     jpeg_set_defaults(&cinfo);
     // DC first, then each AC coefficient alone at one bit less precision,
     // then each refined.
-    std::vector<jpeg_scan_info> script;
-    jpeg_scan_info dc = {1, {0, 0, 0, 0}, 0, 0, 0, 0};
-    script.push_back(dc);
+    std::vector<jpeg_scan_info> script(1, jpeg_scan_info{1, {0, 0, 0, 0}, 0, 0, 0, 0});
     for (int al = 1; al >= 0; --al) {
         for (int k = 1; k < 64; ++k) {
-            jpeg_scan_info ac = {1, {0, 0, 0, 0}, k, k, al == 1 ? 0 : 1, al};
-            script.push_back(ac);
+            script.push_back(jpeg_scan_info{1, {0, 0, 0, 0}, k, k, al == 1 ? 0 : 1, al});
         }
     }
     cinfo.scan_info = script.data();
@@ -182,10 +179,9 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
 }
 
 inline void appendBigEndian(std::string& out, uint32_t value) {
-    out += static_cast<char>(value >> 24);
-    out += static_cast<char>((value >> 16) & 0xFF);
-    out += static_cast<char>((value >> 8) & 0xFF);
-    out += static_cast<char>(value & 0xFF);
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out += static_cast<char>((value >> shift) & 0xFF);
+    }
 }
 
 // A PNG signature and IHDR chunk claiming width x height (its CRC right
@@ -206,12 +202,16 @@ inline std::string pngHeader(uint32_t width, uint32_t height, bool breakCrc) {
     return png + "IDAT";
 }
 
+// Where the frames of a GIF start: behind the header and its colour table.
+inline size_t gifFramesStart(const std::string& gif) {
+    const unsigned char flags = static_cast<unsigned char>(gif[10]);
+    return 13 + ((flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0);
+}
+
 // A GIF of frames copies of the one frame in oneFrameGif, written by hand
 // (ImageMagick takes minutes to write a thousand frames).
 inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
-    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
-    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
-    const size_t framesStart = 13 + tableSize;
+    const size_t framesStart = gifFramesStart(oneFrameGif);
     const std::string frame =
         oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
     std::string gif = oneFrameGif.substr(0, framesStart);
@@ -223,9 +223,7 @@ inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
 
 // oneFrameGif with its screen and its first frame claiming width pixels.
 inline std::string gifClaimingWidth(std::string oneFrameGif, int width) {
-    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
-    const size_t tableSize = (flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0;
-    const size_t descriptor = oneFrameGif.find(',', 13 + tableSize);
+    const size_t descriptor = oneFrameGif.find(',', gifFramesStart(oneFrameGif));
     for (size_t at : {size_t(6), descriptor + 5}) {
         oneFrameGif[at] = static_cast<char>(width & 0xFF);
         oneFrameGif[at + 1] = static_cast<char>(width >> 8);

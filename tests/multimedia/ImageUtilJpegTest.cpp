@@ -47,34 +47,29 @@ protected:
 
 }  // namespace
 
-TEST(ImageUtilSampleSize, TableForTheMiddleTarget) {
+// raw 0: the initial size is not checked for that row.
+TEST(ImageUtilSampleSize, Table) {
     struct Case {
-        int width, height, raw, factor;
+        int width, height, side, pixels, raw, factor;
     } const cases[] = {
-        {800, 600, 1, 1},     {1280, 720, 1, 1},   {720, 1280, 1, 1},
-        {1281, 721, 2, 2},    {1920, 1080, 2, 2},  {3264, 2448, 3, 4},
-        {4000, 3000, 4, 4},   {6000, 4000, 6, 8},  {10000, 10000, 11, 16},
+        {800, 600, 1280, 921600, 1, 1},     {1280, 720, 1280, 921600, 1, 1},
+        {720, 1280, 1280, 921600, 1, 1},    {1281, 721, 1280, 921600, 2, 2},
+        {1920, 1080, 1280, 921600, 2, 2},   {3264, 2448, 1280, 921600, 3, 4},
+        {4000, 3000, 1280, 921600, 4, 4},   {6000, 4000, 1280, 921600, 6, 8},
+        {10000, 10000, 1280, 921600, 11, 16}, {10, 10, 1280, 921600, 0, 1},
+        {5000, 5000, -1, -1, 1, 1},
+        {5000, 5000, -1, 1000000, 5, 8},  // only a pixel bound: lowBound, as highBound is 128
+        {3000, 4000, 1000, -1, 3, 4},     // only a side bound
+        {17000, 17000, 1000, -1, 0, 24},  // above 8: up to a multiple of 8
     };
     ImageUtil util;
     for (const Case& c : cases) {
-        EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, 1280, 921600))
-            << c.width << "x" << c.height;
-        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, 1280, 921600))
-            << c.width << "x" << c.height;
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        if (c.raw != 0) {
+            EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, c.side, c.pixels));
+        }
+        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, c.side, c.pixels));
     }
-}
-
-TEST(ImageUtilSampleSize, AbsentBoundsAndRounding) {
-    ImageUtil util;
-    EXPECT_EQ(1, util.computeInitialSampleSize(5000, 5000, -1, -1));
-    // Only a pixel bound: lowBound, as highBound is 128.
-    EXPECT_EQ(5, util.computeInitialSampleSize(5000, 5000, -1, 1000000));
-    EXPECT_EQ(8, util.computeSampleSize(5000, 5000, -1, 1000000));
-    // Only a side bound.
-    EXPECT_EQ(3, util.computeInitialSampleSize(3000, 4000, 1000, -1));
-    // Factors above 8 round up to a multiple of 8; nothing gives below 1.
-    EXPECT_EQ(24, util.computeSampleSize(17000, 17000, 1000, -1));
-    EXPECT_EQ(1, util.computeSampleSize(10, 10, 1280, 921600));
 }
 
 TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReduced) {
@@ -102,7 +97,8 @@ TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReduced) {
 TEST_F(ImageUtilJpegTest, OutputLargerThanFirstBufferGrowsWithoutLoss) {
     const std::string source = dir_ + "/noise.jpg";
     const std::string target = dir_ + "/noise-small.jpg";
-    ASSERT_TRUE(makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
+    ASSERT_TRUE(
+        makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
     EXPECT_EQ(0, resize(source, target, 1300, 1300));
     EXPECT_GT(bufferSize_, static_cast<unsigned long>(ImageUtil::kFirstBufferSize));
     EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), bufferSize_);
@@ -145,112 +141,87 @@ TEST_F(ImageUtilJpegTest, SideLimitRefusesBeforeDecoding) {
     }
 }
 
-TEST_F(ImageUtilJpegTest, DamagedAndUnsupportedFilesTakeTheErrorRoute) {
-    const std::string whole = dir_ + "/whole.jpg";
-    ASSERT_TRUE(makeRedBlue(whole, 2000, 1500, true, "-quality 80"));
-    const std::string bytes = readAll(whole);
-    const std::string gray = dir_ + "/gray.jpg";
-    ASSERT_TRUE(makeRedBlue(gray, 2000, 1500, false, "-colorspace Gray"));
-    const std::string cmyk = dir_ + "/cmyk.jpg";
-    ASSERT_TRUE(makeRedBlue(cmyk, 2000, 1500, false, "-colorspace CMYK"));
-    const std::string midHeader = dir_ + "/mid-header.jpg";
-    writeAll(midHeader, bytes.substr(0, sofDimensionsOffset(bytes) + 2));
-    const std::string midScan = dir_ + "/mid-scan.jpg";
-    writeAll(midScan, bytes.substr(0, bytes.size() / 2));
-    const std::string corrupt = dir_ + "/corrupt.jpg";
+// Damaged, unsupported, oversized or unreadable: each fails at once with its
+// reason, leaving neither a buffer nor a target.
+TEST_F(ImageUtilJpegTest, BadSourcesFailWithTheirReason) {
+    ASSERT_TRUE(makeRedBlue(dir_ + "/whole.jpg", 2000, 1500, true, "-quality 80"));
+    const std::string bytes = readAll(dir_ + "/whole.jpg");
+    ASSERT_TRUE(makeRedBlue(dir_ + "/gray.jpg", 2000, 1500, false, "-colorspace Gray"));
+    ASSERT_TRUE(makeRedBlue(dir_ + "/cmyk.jpg", 2000, 1500, false, "-colorspace CMYK"));
+    writeAll(dir_ + "/mid-header.jpg", bytes.substr(0, sofDimensionsOffset(bytes) + 2));
+    writeAll(dir_ + "/mid-scan.jpg", bytes.substr(0, bytes.size() / 2));
     std::string damaged(bytes);
     // Restart markers in the middle of entropy-coded data, where none belong.
     for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 64; i += 2) {
         damaged[i] = static_cast<char>(0xFF);
         damaged[i + 1] = static_cast<char>(0xD0 + i % 8);
     }
-    writeAll(corrupt, damaged);
-    const std::string notJpeg = dir_ + "/text.jpg";
-    writeAll(notJpeg, "not a picture at all");
-    const std::string empty = dir_ + "/empty.jpg";
-    writeAll(empty, "");
-
-    for (const std::string& source : {gray, cmyk, midHeader, midScan, corrupt, notJpeg, empty}) {
-        const std::string target = dir_ + "/out.jpg";
-        log_.clear();
-        EXPECT_EQ(-1, resize(source, target)) << source;
-        EXPECT_FALSE(bufferReturned_) << source;
-        EXPECT_FALSE(exists(target)) << source;
-        EXPECT_TRUE(log_.contains("libjpeg: ", google::GLOG_ERROR)) << source;
-        unlink(target.c_str());
-    }
-}
-
-TEST_F(ImageUtilJpegTest, ProgressiveFileWithTooManyScansIsGivenUp) {
-    const std::string source = dir_ + "/scans.jpg";
-    int scans = 0;
-    ASSERT_TRUE(writeManyScanJpeg(source, 2000, 1500, &scans));
-    ASSERT_GT(scans, ImageUtil::kMaxJpegScans);
-    const std::string target = dir_ + "/scans-out.jpg";
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(-1, resize(source, target));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_FALSE(exists(target));
-    EXPECT_EQ(1, log_.count("jpeg has more than 100 scans, give up"));
-}
-
-TEST_F(ImageUtilJpegTest, ProgressiveDecodeIsBoundedInMemory) {
+    writeAll(dir_ + "/corrupt.jpg", damaged);
+    writeAll(dir_ + "/text.jpg", "not a picture at all");
+    writeAll(dir_ + "/empty.jpg", "");
     // A progressive decode keeps every coefficient: 10000 x 10000 in colour
     // would take about 300 MB before a single scan is read.
-    const std::string small = dir_ + "/progressive.jpg";
-    ASSERT_TRUE(makeRedBlue(small, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
-    const std::string source = dir_ + "/huge-progressive.jpg";
-    writeAll(source, withClaimedSize(readAll(small), 10000, 10000));
-    const std::string target = dir_ + "/huge-out.jpg";
-    EXPECT_EQ(-1, resize(source, target));
-    EXPECT_FALSE(exists(target));
-    EXPECT_EQ(1, log_.count("libjpeg: Backing store not supported"));
-}
-
-TEST_F(ImageUtilJpegTest, SourcesThatAreNotRegularFilesFailAtOnce) {
-    const std::string fifo = dir_ + "/pipe.jpg";
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
-    const std::string directory = dir_ + "/folder.jpg";
-    ASSERT_EQ(0, mkdir(directory.c_str(), 0755));
-    const std::string missing = dir_ + "/missing.jpg";
-    for (const std::string& source : {fifo, directory, missing}) {
+    const std::string progressive = dir_ + "/progressive.jpg";
+    ASSERT_TRUE(makeRedBlue(progressive, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
+    writeAll(dir_ + "/huge.jpg", withClaimedSize(readAll(progressive), 10000, 10000));
+    int scans = 0;
+    ASSERT_TRUE(writeManyScanJpeg(dir_ + "/scans.jpg", 2000, 1500, &scans));
+    ASSERT_GT(scans, ImageUtil::kMaxJpegScans);
+    ASSERT_EQ(0, mkfifo((dir_ + "/pipe.jpg").c_str(), 0644));
+    ASSERT_EQ(0, mkdir((dir_ + "/folder.jpg").c_str(), 0755));
+    const std::string decoder = "libjpeg: ";
+    struct Case {
+        const char* name;
+        std::string line;
+    } const cases[] = {
+        {"gray.jpg", decoder}, {"cmyk.jpg", decoder}, {"mid-header.jpg", decoder},
+        {"mid-scan.jpg", decoder}, {"corrupt.jpg", decoder}, {"text.jpg", decoder},
+        {"empty.jpg", decoder}, {"huge.jpg", decoder + "Backing store not supported"},
+        {"scans.jpg", "jpeg has more than 100 scans, give up"},
+        {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
+        {"folder.jpg", "resize jpeg, open file " + dir_ + "/folder.jpg fail"},
+        {"missing.jpg", "resize jpeg, open file " + dir_ + "/missing.jpg fail"},
+    };
+    const auto start = std::chrono::steady_clock::now();
+    for (const Case& c : cases) {
         log_.clear();
-        EXPECT_EQ(-1, resize(source, dir_ + "/out.jpg"));
-        EXPECT_EQ(1, log_.count("resize jpeg, open file " + source + " fail")) << source;
+        EXPECT_EQ(-1, resize(dir_ + "/" + c.name, dir_ + "/out.jpg")) << c.name;
+        EXPECT_FALSE(bufferReturned_) << c.name;
+        EXPECT_FALSE(exists(dir_ + "/out.jpg")) << c.name;
+        EXPECT_TRUE(log_.contains(c.line, google::GLOG_ERROR)) << c.name;
     }
-    EXPECT_FALSE(exists(dir_ + "/out.jpg"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(ImageUtilJpegTest, TwoThreadsResizeAtOnce) {
     const std::string good = dir_ + "/good.jpg";
     ASSERT_TRUE(makeRedBlue(good, 2000, 1500, false));
-    const std::string bytes = readAll(good);
     const std::string bad = dir_ + "/bad.jpg";
-    writeAll(bad, bytes.substr(0, bytes.size() / 2));
-    int goodResults[2] = {0, 0};
+    writeAll(bad, readAll(good).substr(0, readAll(good).size() / 2));
+    int rightResults[2] = {0, 0};
     boost::thread_group threads;
     for (int t = 0; t < 2; ++t) {
-        threads.create_thread([this, t, &good, &bad, &goodResults] {
+        threads.create_thread([this, t, &good, &bad, &rightResults] {
             ImageUtil util;
             for (int i = 0; i < 10; ++i) {
                 std::string target = dir_ + "/t" + std::to_string(t) + ".jpg";
                 unsigned char* buffer = NULL;
                 unsigned long size = 0;
                 int sw, sh, ow, oh;
-                const std::string& source = (i + t) % 2 == 0 ? good : bad;
-                const int result = util.resizeJpeg(source, target, &buffer, &size, &sw, &sh,
-                                                   1280, 720, &ow, &oh, 0);
+                const bool isGood = (i + t) % 2 == 0;
+                const int result = util.resizeJpeg(isGood ? good : bad, target, &buffer, &size,
+                                                   &sw, &sh, 1280, 720, &ow, &oh, 0);
                 std::free(buffer);
-                goodResults[t] += (result == 0) == (&source == &good) ? 1 : 0;
+                rightResults[t] += (result == 0) == isGood ? 1 : 0;
             }
         });
     }
     threads.join_all();
-    EXPECT_EQ(10, goodResults[0]);
-    EXPECT_EQ(10, goodResults[1]);
+    EXPECT_EQ(10, rightResults[0]);
+    EXPECT_EQ(10, rightResults[1]);
 }
 
-TEST_F(ImageUtilJpegTest, SlowWriteOfOneBlockPausesOnce) {
+TEST_F(ImageUtilJpegTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableResults) {
     const std::string block(ImageUtil::kChunkSize, 'x');
     const std::string path = dir_ + "/block.bin";
     const auto start = std::chrono::steady_clock::now();
@@ -260,23 +231,19 @@ TEST_F(ImageUtilJpegTest, SlowWriteOfOneBlockPausesOnce) {
     EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
     EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
     EXPECT_EQ(block, readAll(path));
-    EXPECT_EQ(1, log_.count("save to jpeg file success, target path is " + path +
-                            ", isUseChunk 1"));
-
+    EXPECT_EQ(1,
+              log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
     const std::string odd(2500, 'y');
     EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(odd.data()),
                                          odd.size(), path, 1));
     EXPECT_EQ(odd, readAll(path));
-}
 
-TEST_F(ImageUtilJpegTest, EmptyOrUnwritableResultsAreFailures) {
-    const std::string path = dir_ + "/empty.jpg";
-    const unsigned char none[1] = {0};
-    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 0, path, 0));
-    EXPECT_FALSE(exists(path));
-    EXPECT_EQ(1, log_.count("jpeg file " + path + " is empty, delete it. useChunk is 0"));
-
+    const std::string empty = dir_ + "/empty.jpg";
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(nullptr, 0, empty, 0));
+    EXPECT_FALSE(exists(empty));
+    EXPECT_EQ(1, log_.count("jpeg file " + empty + " is empty, delete it. useChunk is 0"));
     const std::string nowhere = dir_ + "/no/such/dir/x.jpg";
-    EXPECT_EQ(-1, util_.save_to_jpeg_file(none, 1, nowhere, 0));
+    EXPECT_EQ(-1,
+              util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>("x"), 1, nowhere, 0));
     EXPECT_EQ(1, log_.count("open file" + nowhere + " fail"));
 }

@@ -19,14 +19,7 @@ const char* const kConvert = "/usr/bin/convert";
 
 // Local wall-clock time in the test's zone.
 long localTime(int year, int month, int day, int hour, int minute, int second) {
-    struct tm parts = {};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    parts.tm_isdst = -1;
+    struct tm parts = {second, minute, hour, day, month - 1, year - 1900, 0, 0, -1, 0, NULL};
     return static_cast<long>(mktime(&parts));
 }
 
@@ -42,7 +35,8 @@ protected:
     // A small JPEG without EXIF, then the given exiftool arguments applied.
     std::string jpeg(const std::string& name, const std::string& exiftoolArgs) {
         const std::string file = path("/" + name);
-        EXPECT_EQ(0, shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
+        EXPECT_EQ(0,
+                  shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
         if (!exiftoolArgs.empty()) {
             EXPECT_EQ(0, shell("exiftool -q -overwrite_original " + exiftoolArgs + " '" + file +
                                "' >/dev/null"));
@@ -85,22 +79,27 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         std::string exiftool;
         long defaultModifyTime;
         long expected;
+        int result;
     } cases[] = {
         {"original, summer", "-DateTimeOriginal='2015:06:07 08:09:10'", defaultTime,
-         localTime(2015, 6, 7, 8, 9, 10)},
+         localTime(2015, 6, 7, 8, 9, 10), 0},
         {"original, winter", "-DateTimeOriginal='2015:01:07 08:09:10'", 0,
-         localTime(2015, 1, 7, 8, 9, 10)},
+         localTime(2015, 1, 7, 8, 9, 10), 0},
         {"digitized only", "-CreateDate='2012:03:04 05:06:07'", defaultTime,
-         localTime(2012, 3, 4, 5, 6, 7)},
-        {"original wins", "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'",
-         0, localTime(2015, 6, 7, 8, 9, 10)},
+         localTime(2012, 3, 4, 5, 6, 7), 0},
+        {"original wins",
+         "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'", 0,
+         localTime(2015, 6, 7, 8, 9, 10), 0},
         {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", defaultTime,
-         localTime(1980, 1, 1, 0, 0, 0)},
+         localTime(1980, 1, 1, 0, 0, 0), 0},
         {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
-         defaultTime},
-        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime},
-        {"no date tag, default", "-Make=Quorvia", defaultTime, defaultTime},
-        {"no date tag, mtime", "-Make=Quorvia", 0, mtime},
+         defaultTime, 0},
+        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime, 0},
+        {"no date tag, default", "-Make=Quorvia", defaultTime, defaultTime, 0},
+        {"no date tag, mtime", "-Make=Quorvia", 0, mtime, 0},
+        // Without EXIF the default stands, even when there is none.
+        {"no exif, no default", "", 0, 0, -1},
+        {"no exif, default", "", 55, 55, -1},
     };
     int n = 0;
     for (const Case& c : cases) {
@@ -108,12 +107,14 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         const std::string file = jpeg("p" + std::to_string(n++) + ".jpg", c.exiftool);
         setModified(file, mtime);
         metadata_s metadata;
-        EXPECT_EQ(0, Metadata::getImageMetadata(file, "PHOTO.JPG", c.defaultModifyTime, metadata,
-                                                "", false));
+        EXPECT_EQ(c.result, Metadata::getImageMetadata(file, "PHOTO.JPG", c.defaultModifyTime,
+                                                       metadata, "", false));
         EXPECT_EQ(c.expected, metadata.date);
         EXPECT_EQ("image/jpeg", metadata.mime);
         EXPECT_EQ("PHOTO.JPG", metadata.title);
         EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
+        EXPECT_EQ(c.result == 0 ? 0 : 1,
+                  log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
     }
 }
 
@@ -128,27 +129,14 @@ TEST_F(MetadataTest, JpegRouteFollowsTheNameNotThePath) {
     }
 }
 
-TEST_F(MetadataTest, JpegWithoutExifKeepsDefaultAndFails) {
-    const std::string file = jpeg("bare.jpg", "");
-    setModified(file, 1500000000);
-    metadata_s metadata;
-    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 0, metadata, "", false));
-    EXPECT_EQ(0, metadata.date);
-    EXPECT_EQ("image/jpeg", metadata.mime);
-    EXPECT_EQ("bare.jpg", metadata.title);
-    EXPECT_EQ(1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
-    metadata_s withDefault;
-    EXPECT_EQ(-1, Metadata::getImageMetadata(file, "bare.jpg", 55, withDefault, "", false));
-    EXPECT_EQ(55, withDefault.date);
-}
-
 TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
     const std::string good = jpeg("good.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'");
     ASSERT_EQ(0, shell("head -c 300 '" + good + "' > '" + path("/cut.jpg") + "'"));
     ASSERT_EQ(0, shell("head -c 20000 /dev/urandom > '" + path("/noise.jpg") + "'"));
     // EXIF block whose offsets point past its end.
-    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") + "' && printf '\\377\\377\\377\\377' | "
-                       "dd of='" + path("/offsets.jpg") + "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
+    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") +
+                       "' && printf '\\377\\377\\377\\377' | dd of='" + path("/offsets.jpg") +
+                       "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
     // A month and hour that don't exist: the text doesn't parse.
     const std::string badDate = jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
     ASSERT_EQ(0, mkfifo(path("/fifo.jpg").c_str(), 0600));
@@ -233,12 +221,9 @@ TEST_F(MetadataTest, AudioRecordHoldsTheTitleAlone) {
     writeFile("/song.mp3", "not really audio");
     metadata_s metadata;
     EXPECT_EQ(0, Metadata::getAudioMetadata(path("/song.mp3"), "Song.mp3", metadata));
-    EXPECT_EQ("Song.mp3", metadata.title);
-    EXPECT_EQ("", metadata.mime);
-    EXPECT_EQ("", metadata.duration);
-    EXPECT_EQ("", metadata.artist);
-    EXPECT_EQ("", metadata.album);
-    EXPECT_EQ(0, metadata.date);
+    EXPECT_EQ("Song.mp3|||||0", metadata.title + "|" + metadata.mime + "|" + metadata.duration +
+                                    "|" + metadata.artist + "|" + metadata.album + "|" +
+                                    std::to_string(metadata.date));
     metadata_s untouched;
     untouched.title = "before";
     EXPECT_EQ(0, Metadata::getAudioMetadata("", "Song.mp3", untouched));

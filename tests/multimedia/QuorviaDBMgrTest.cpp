@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <boost/thread/thread.hpp>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,36 +16,35 @@ using talvern::metadata_s;
 
 namespace {
 
+typedef std::vector<std::string> Texts;
+typedef std::set<std::string> Paths;
+
 // A second connection on the store's file, to see and shape what is stored
 // without going through the class under test.
 class RawDb {
 public:
     explicit RawDb(const std::string& path) : db_(NULL) { sqlite3_open(path.c_str(), &db_); }
     ~RawDb() { sqlite3_close(db_); }
-
     void exec(const std::string& sql) {
-        char* error = NULL;
-        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db_, sql.c_str(), NULL, NULL, &error))
-            << (error ? error : "") << " in " << sql;
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db_, sql.c_str(), NULL, NULL, NULL)) << sql;
     }
-    // Column 0 of every row, in order, "NULL" for NULL.
-    std::vector<std::string> column(const std::string& sql) {
-        std::vector<std::string> values;
+    // One column of every row, in order, "NULL" for NULL.
+    Texts column(const std::string& sql, int index = 0) {
+        Texts values;
         sqlite3_stmt* stmt = NULL;
         if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
-            values.push_back("prepare failed");
-            return values;
+            return Texts(1, "prepare failed");
         }
         while (sqlite3_step(stmt) == SQLITE_ROW) {
-            const unsigned char* text = sqlite3_column_text(stmt, 0);
+            const unsigned char* text = sqlite3_column_text(stmt, index);
             values.push_back(text ? reinterpret_cast<const char*>(text) : "NULL");
         }
         sqlite3_finalize(stmt);
         return values;
     }
-    std::set<std::string> paths() {
-        std::vector<std::string> all = column("SELECT PATH FROM quorvia");
-        return std::set<std::string>(all.begin(), all.end());
+    Paths paths() {
+        const Texts all = column("SELECT PATH FROM quorvia");
+        return Paths(all.begin(), all.end());
     }
 
 private:
@@ -54,7 +54,6 @@ private:
 class QuorviaDBMgrTest : public quorvia_test::DeviceRootTest {
 protected:
     std::string dbPath() const { return root() + "/quorvia.db"; }
-
     static QuorviaContext row(const std::string& hash, const std::string& path,
                               const std::string& title = "t") {
         QuorviaContext context;
@@ -63,9 +62,8 @@ protected:
         context.metadata.title = title;
         return context;
     }
-
     // Inserts one row per path, hashes h0, h1, ...
-    static void fill(QuorviaDBMgr& store, const std::vector<std::string>& paths) {
+    static void fill(QuorviaDBMgr& store, const Texts& paths) {
         for (size_t i = 0; i < paths.size(); ++i) {
             ASSERT_TRUE(store.insertToDB(row("h" + std::to_string(i), paths[i])));
         }
@@ -75,49 +73,30 @@ protected:
 TEST_F(QuorviaDBMgrTest, FreshFileGetsBothTablesThePathIndexAndNoVersionRow) {
     QuorviaDBMgr store(dbPath());
     RawDb raw(dbPath());
-    EXPECT_EQ((std::vector<std::string>{"keyvalue_pairs", "quorvia", "quorvia_path"}),
+    EXPECT_EQ((Texts{"keyvalue_pairs", "quorvia", "quorvia_path"}),
               raw.column("SELECT name FROM sqlite_master WHERE sql IS NOT NULL ORDER BY name"));
     EXPECT_TRUE(raw.column("SELECT VALUE FROM keyvalue_pairs").empty());
     EXPECT_EQ(0u, store.getDBVersion());
     EXPECT_EQ(1, log_.count("CreateTable result : 1 , table_name: quorvia", google::GLOG_INFO));
     EXPECT_EQ(1, log_.count("CreateTable result : 1 , table_name: keyvalue_pairs"));
-    // The table's own text stays as it always was.
-    EXPECT_EQ(std::vector<std::string>{"CREATE TABLE quorvia(HASH VARCHAR(40) PRIMARY KEY, PATH "
-                                       "VARCHAR(40), TITLE VARCHAR(40), DATE INTEGER, MIME "
-                                       "VARCHAR(40), DURATION VARCHAR(40), ARTIST VARCHAR(40), "
-                                       "ALBUM VARCHAR(40))"},
+    EXPECT_EQ(Texts{"CREATE TABLE quorvia(HASH VARCHAR(40) PRIMARY KEY, PATH VARCHAR(40), TITLE "
+                    "VARCHAR(40), DATE INTEGER, MIME VARCHAR(40), DURATION VARCHAR(40), ARTIST "
+                    "VARCHAR(40), ALBUM VARCHAR(40))"},
               raw.column("SELECT sql FROM sqlite_master WHERE name='quorvia'"));
-}
-
-// Lookups by path walk the PATH index rather than the whole table.
-TEST_F(QuorviaDBMgrTest, PathStatementsUseThePathIndex) {
-    QuorviaDBMgr store(dbPath());
-    const char* statements[] = {
-        "SELECT rowid, Path FROM quorvia WHERE Path = 'a' OR (Path >= 'a/' AND Path < 'a0')",
-        "DELETE FROM quorvia WHERE Path='a';", "UPDATE quorvia SET PATH ='b' WHERE PATH='a';",
-        "SELECT HASH FROM quorvia WHERE PATH='a';"};
-    for (const char* statement : statements) {
-        SCOPED_TRACE(statement);
-        sqlite3* db = NULL;
-        sqlite3_open(dbPath().c_str(), &db);
-        sqlite3_stmt* stmt = NULL;
-        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("EXPLAIN QUERY PLAN ") +
-                                                     statement).c_str(),
-                                                -1, &stmt, NULL));
-        std::string details;
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
-            details += reinterpret_cast<const char*>(sqlite3_column_text(stmt, 3));
-            details += ";";
+    EXPECT_EQ(1, sqlite3_threadsafe()) << "the unlocked read needs a serialized connection";
+    // Lookups by path walk the PATH index rather than the whole table.
+    for (const char* statement :
+         {"SELECT rowid, Path FROM quorvia WHERE Path = 'a' OR (Path >= 'a/' AND Path < 'a0')",
+          "DELETE FROM quorvia WHERE Path='a';", "UPDATE quorvia SET PATH ='b' WHERE PATH='a';",
+          "SELECT HASH FROM quorvia WHERE PATH='a';"}) {
+        std::string plan;
+        for (const std::string& step :
+             raw.column(std::string("EXPLAIN QUERY PLAN ") + statement, 3)) {
+            plan += step + ";";
         }
-        sqlite3_finalize(stmt);
-        sqlite3_close(db);
-        EXPECT_NE(std::string::npos, details.find("INDEX quorvia_path")) << details;
-        EXPECT_EQ(std::string::npos, details.find("SCAN")) << details;
+        EXPECT_NE(std::string::npos, plan.find("INDEX quorvia_path")) << statement << plan;
+        EXPECT_EQ(std::string::npos, plan.find("SCAN")) << statement << plan;
     }
-}
-
-TEST_F(QuorviaDBMgrTest, ConnectionIsSerializedSoTheUnlockedReadIsSafe) {
-    EXPECT_EQ(1, sqlite3_threadsafe());
 }
 
 TEST_F(QuorviaDBMgrTest, OtherVersionDropsAllRowsOnceNonNumericVersionKeepsThem) {
@@ -143,7 +122,7 @@ TEST_F(QuorviaDBMgrTest, OtherVersionDropsAllRowsOnceNonNumericVersionKeepsThem)
                 EXPECT_EQ(1, log_.count(std::string("QuorviaDBMgr::upgradeDB,  version : ") +
                                             cases[i].stored + " , sDBVersion_ : 0",
                                         google::GLOG_WARNING));
-                EXPECT_EQ(std::vector<std::string>{"0"},
+                EXPECT_EQ(Texts{"0"},
                           raw.column("SELECT VALUE FROM keyvalue_pairs WHERE KEY='db_version'"));
                 EXPECT_EQ(1u, raw.column("SELECT name FROM sqlite_master WHERE "
                                          "name='quorvia_path'").size());
@@ -155,7 +134,7 @@ TEST_F(QuorviaDBMgrTest, OtherVersionDropsAllRowsOnceNonNumericVersionKeepsThem)
     }
 }
 
-TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenFailsEveryOperationQuietly) {
+TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietly) {
     QuorviaDBMgr store(root() + "/missing/dir/quorvia.db");
     EXPECT_EQ(1, log_.count("Can't open database: " + root() + "/missing/dir/quorvia.db",
                             google::GLOG_ERROR));
@@ -165,28 +144,27 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenFailsEveryOperationQuietly) {
     EXPECT_TRUE(store.getMetadataByHash("h", metadata));
     EXPECT_EQ("kept", metadata.title);
     EXPECT_FALSE(store.deleteMetadataByPath("/p"));
-    EXPECT_TRUE(log_.contains("prepare deleteMetadataByPath error: ", google::GLOG_ERROR));
     EXPECT_FALSE(store.deleteMetadataByRootPath("/mnt/usb1"));
-    EXPECT_TRUE(log_.contains("prepare deleteMetadataByRootPath error: ", google::GLOG_ERROR));
     EXPECT_FALSE(store.updateFilePath("/p", "/q"));
-    EXPECT_TRUE(log_.contains("prepare updateFilePath error: ", google::GLOG_ERROR));
     store.updateDirPaths("/a/", "/b/");
-    EXPECT_TRUE(log_.contains("QuorviaDBMgr::getFileByDir error : ", google::GLOG_ERROR));
+    for (const char* line :
+         {"prepare deleteMetadataByPath error: ", "prepare deleteMetadataByRootPath error: ",
+          "prepare updateFilePath error: ", "QuorviaDBMgr::getFileByDir error : "}) {
+        EXPECT_TRUE(log_.contains(line, google::GLOG_ERROR)) << line;
+    }
     EXPECT_EQ("", store.doGetFileHash("/p"));
     EXPECT_FALSE(store.isExistsFileByHash("h"));
     store.closeDB();
     EXPECT_FALSE(log_.contains("sqlite3_close return"));
-}
 
-TEST_F(QuorviaDBMgrTest, ClosedStoreStaysClosed) {
-    QuorviaDBMgr store(dbPath());
-    store.closeDB();
-    store.closeDB();
+    QuorviaDBMgr closed(dbPath());
+    closed.closeDB();
+    closed.closeDB();
     EXPECT_EQ(1, log_.count("sqlite3_close return 0", google::GLOG_INFO));
-    EXPECT_FALSE(store.insertToDB(row("h", "/p")));
+    EXPECT_FALSE(closed.insertToDB(row("h", "/p")));
 }
 
-TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeThroughBoundValues) {
+TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeAndTheSecondOfOneHashWins) {
     QuorviaDBMgr store(dbPath());
     QuorviaContext context = row("", "/it's \"here\"/a.jpg", std::string(200, 'x') + "'\";--");
     context.metadata.date = -5;
@@ -195,55 +173,54 @@ TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeThroughBoundValues) {
     context.metadata.artist = "ärtist";
     context.metadata.album = "album";
     ASSERT_TRUE(store.insertToDB(context));
-
     metadata_s read;
     EXPECT_TRUE(store.getMetadataByHash("", read));
     EXPECT_EQ(context.metadata.title, read.title);
     EXPECT_EQ(-5, read.date);
-    EXPECT_EQ("image/jpeg", read.mime);
-    EXPECT_EQ("90", read.duration);
-    EXPECT_EQ("ärtist", read.artist);
-    EXPECT_EQ("album", read.album);
-    EXPECT_EQ(std::set<std::string>{"/it's \"here\"/a.jpg"}, RawDb(dbPath()).paths());
-
+    EXPECT_EQ("image/jpeg|90|ärtist|album",
+              read.mime + "|" + read.duration + "|" + read.artist + "|" + read.album);
+    EXPECT_EQ(Paths{"/it's \"here\"/a.jpg"}, RawDb(dbPath()).paths());
     metadata_s miss;
     miss.title = "caller";
     EXPECT_TRUE(store.getMetadataByHash("absent", miss));
     EXPECT_EQ("caller", miss.title);
-}
 
-TEST_F(QuorviaDBMgrTest, SameHashTwiceKeepsOneRowWithTheSecondRecord) {
-    QuorviaDBMgr store(dbPath());
     ASSERT_TRUE(store.insertToDB(row("h", "/first", "one")));
     ASSERT_TRUE(store.insertToDB(row("h", "/second", "two")));
-    metadata_s metadata;
-    store.getMetadataByHash("h", metadata);
-    EXPECT_EQ("two", metadata.title);
-    EXPECT_EQ(std::set<std::string>{"/second"}, RawDb(dbPath()).paths());
+    store.getMetadataByHash("h", read);
+    EXPECT_EQ("two", read.title);
+    EXPECT_EQ(1u, RawDb(dbPath()).paths().count("/second"));
+    EXPECT_EQ(0u, RawDb(dbPath()).paths().count("/first"));
 }
 
-TEST_F(QuorviaDBMgrTest, DeleteByPathTakesExactPathOnly) {
+TEST_F(QuorviaDBMgrTest, DeleteAndUpdateByPathTakeTheExactPathOnly) {
     QuorviaDBMgr store(dbPath());
-    fill(store, {"/d/a.jpg", "/d/a.jpg", "/d/a.jpg/below", "/d/A.JPG", "/"});
+    fill(store, {"/d/a.jpg", "/d/a.jpg", "/d/a.jpg/below", "/d/A.JPG", "/", "/a/x.jpg",
+                 "/a/x.jpg", "/a/x.jpg.bak"});
     EXPECT_TRUE(store.deleteMetadataByPath("/d/a.jpg/"));
     EXPECT_EQ(1, log_.count("QuorviaDBMgr::deleteMetadataByPath sql_str is DELETE FROM quorvia "
                             "WHERE Path=?;, path is /d/a.jpg",
                             google::GLOG_INFO));
-    EXPECT_EQ((std::set<std::string>{"/d/a.jpg/below", "/d/A.JPG", "/"}), RawDb(dbPath()).paths());
     EXPECT_TRUE(store.deleteMetadataByPath("/"));
     EXPECT_TRUE(store.deleteMetadataByPath("/nothing"));
-    EXPECT_EQ((std::set<std::string>{"/d/a.jpg/below", "/d/A.JPG"}), RawDb(dbPath()).paths());
+    EXPECT_TRUE(store.updateFilePath("/a/x.jpg/", "/b/y.jpg/"));
+    EXPECT_EQ(1, log_.count("QuorviaDBMgr::updateFilePath, sql_str is UPDATE quorvia SET PATH =? "
+                            "WHERE PATH=?;, from /a/x.jpg, to /b/y.jpg",
+                            google::GLOG_INFO));
+    EXPECT_TRUE(store.updateFilePath("/nothing", "/else"));
+    EXPECT_EQ((Texts{"/d/a.jpg/below", "/d/A.JPG", "/b/y.jpg", "/b/y.jpg", "/a/x.jpg.bak"}),
+              RawDb(dbPath()).column("SELECT PATH FROM quorvia ORDER BY HASH"));
 }
 
 TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
-    const std::vector<std::string> paths = {
-        "/mnt/usb1",        "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg", "/mnt/usb10/a.jpg",
-        "/mnt/usb1x",       "/mnt/usb%/c.jpg", "/mnt/usb_/d.jpg", "/mnt/usbX/e.jpg",
-        "/mnt/us\\b/f.jpg", "/mnt/usb\\/g",    "/mnt/ÄUSB/h",     "/mnt/äusb/i"};
+    const Texts paths = {"/mnt/usb1",        "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg",
+                         "/mnt/usb10/a.jpg", "/mnt/usb1x",      "/mnt/usb%/c.jpg",
+                         "/mnt/usb_/d.jpg",  "/mnt/usbX/e.jpg", "/mnt/us\\b/f.jpg",
+                         "/mnt/usb\\/g",     "/mnt/ÄUSB/h",     "/mnt/äusb/i"};
     struct Case {
         const char* root;
         bool ran;
-        std::set<std::string> gone;
+        Paths gone;
     } cases[] = {
         {"/mnt/usb1", true, {"/mnt/usb1", "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg"}},
         {"/mnt/usb1/", true, {"/mnt/usb1", "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg"}},
@@ -251,8 +228,7 @@ TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
         {"/mnt/usb_", true, {"/mnt/usb_/d.jpg"}},
         {"/mnt/us\\b", true, {"/mnt/us\\b/f.jpg"}},
         {"/mnt/usb\\", true, {"/mnt/usb\\/g"}},
-        // Only ASCII letters fold.
-        {"/mnt/äusb", true, {"/mnt/äusb/i"}},
+        {"/mnt/äusb", true, {"/mnt/äusb/i"}},  // only ASCII letters fold
         {"", false, {}},
         {"/", false, {}},
         {"//", false, {}},
@@ -263,7 +239,7 @@ TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
         QuorviaDBMgr store(file);
         fill(store, paths);
         EXPECT_EQ(cases[i].ran, store.deleteMetadataByRootPath(cases[i].root));
-        std::set<std::string> expected(paths.begin(), paths.end());
+        Paths expected(paths.begin(), paths.end());
         for (const std::string& path : cases[i].gone) {
             expected.erase(path);
         }
@@ -275,48 +251,22 @@ TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
                      log_.count("QuorviaDBMgr::deleteMetadataByRootPath refuses root : //"));
 }
 
-TEST_F(QuorviaDBMgrTest, UpdateFilePathMovesEveryRowAtThePath) {
-    QuorviaDBMgr store(dbPath());
-    fill(store, {"/a/x.jpg", "/a/x.jpg", "/a/x.jpg.bak"});
-    EXPECT_TRUE(store.updateFilePath("/a/x.jpg/", "/b/y.jpg/"));
-    EXPECT_EQ(1, log_.count("QuorviaDBMgr::updateFilePath, sql_str is UPDATE quorvia SET PATH =? "
-                            "WHERE PATH=?;, from /a/x.jpg, to /b/y.jpg",
-                            google::GLOG_INFO));
-    EXPECT_EQ((std::vector<std::string>{"/b/y.jpg", "/b/y.jpg", "/a/x.jpg.bak"}),
-              RawDb(dbPath()).column("SELECT PATH FROM quorvia ORDER BY HASH"));
-    EXPECT_TRUE(store.updateFilePath("/nothing", "/else"));
-    metadata_s metadata;
-    store.getMetadataByHash("h0", metadata);
-    EXPECT_EQ("t", metadata.title);
-}
-
 TEST_F(QuorviaDBMgrTest, UpdateDirPathsRewritesRowsBelowTheDirectoryOnly) {
-    const std::vector<std::string> paths = {
-        "/d/a/x.jpg", "/d/a/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/d/a",
-        "/d/a%/w.jpg", "/d/a_/v.jpg",  "/e/d/a/u.jpg"};
+    const Texts paths = {"/d/a/x.jpg",  "/d/a/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg",
+                         "/d/a",        "/d/a%/w.jpg",    "/d/a_/v.jpg", "/e/d/a/u.jpg"};
     struct Case {
         const char* oldDir;
         const char* newDir;
-        std::vector<std::string> after;
+        std::map<size_t, std::string> changed;  // by index into paths
     } cases[] = {
-        {"/d/a/", "/n/",
-         {"/n/x.jpg", "/n/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/d/a", "/d/a%/w.jpg",
-          "/d/a_/v.jpg", "/e/d/a/u.jpg"}},
+        {"/d/a/", "/n/", {{0, "/n/x.jpg"}, {1, "/n/sub/y.jpg"}}},
         // Without the trailing "/" the directory's own path is a row too.
-        {"/d/a", "/n",
-         {"/n/x.jpg", "/n/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/n", "/d/a%/w.jpg",
-          "/d/a_/v.jpg", "/e/d/a/u.jpg"}},
+        {"/d/a", "/n", {{0, "/n/x.jpg"}, {1, "/n/sub/y.jpg"}, {4, "/n"}}},
         // A new place below the old one: each row is rewritten once.
-        {"/d/a/", "/d/a/sub/",
-         {"/d/a/sub/x.jpg", "/d/a/sub/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/d/a",
-          "/d/a%/w.jpg", "/d/a_/v.jpg", "/e/d/a/u.jpg"}},
-        {"/d/a%/", "/m/",
-         {"/d/a/x.jpg", "/d/a/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/d/a", "/m/w.jpg",
-          "/d/a_/v.jpg", "/e/d/a/u.jpg"}},
-        {"/d/a_/", "/m/",
-         {"/d/a/x.jpg", "/d/a/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg", "/d/a", "/d/a%/w.jpg",
-          "/m/v.jpg", "/e/d/a/u.jpg"}},
-        {"/nothing/", "/m/", paths},
+        {"/d/a/", "/d/a/sub/", {{0, "/d/a/sub/x.jpg"}, {1, "/d/a/sub/sub/y.jpg"}}},
+        {"/d/a%/", "/m/", {{5, "/m/w.jpg"}}},
+        {"/d/a_/", "/m/", {{6, "/m/v.jpg"}}},
+        {"/nothing/", "/m/", {}},
     };
     for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
         SCOPED_TRACE(cases[i].oldDir + std::string(" -> ") + cases[i].newDir);
@@ -324,13 +274,14 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsRewritesRowsBelowTheDirectoryOnly) {
         QuorviaDBMgr store(file);
         fill(store, paths);
         store.updateDirPaths(cases[i].oldDir, cases[i].newDir);
-        EXPECT_EQ(cases[i].after,
-                  RawDb(file).column("SELECT PATH FROM quorvia ORDER BY CAST(substr(HASH,2) AS "
-                                     "INTEGER)"));
+        Texts after(paths);
+        for (const auto& change : cases[i].changed) {
+            after[change.first] = change.second;
+        }
+        EXPECT_EQ(after, RawDb(file).column("SELECT PATH FROM quorvia ORDER BY "
+                                            "CAST(substr(HASH,2) AS INTEGER)"));
     }
-}
-
-TEST_F(QuorviaDBMgrTest, UpdateDirPathsLogsEachRowAndMovesRowsSharingAPath) {
+    // Rows sharing a path move together, each logged.
     QuorviaDBMgr store(dbPath());
     fill(store, {"/d/a/x.jpg", "/d/a/x.jpg"});
     log_.clear();
@@ -338,7 +289,7 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsLogsEachRowAndMovesRowsSharingAPath) {
     EXPECT_EQ(1, log_.count("QuorviaDBMgr::updateDirPaths from /d/a/, to /n/", google::GLOG_INFO));
     EXPECT_EQ(2, log_.count("QuorviaDBMgr::getFileByDir,  path : /d/a/x.jpg"));
     EXPECT_EQ(2, log_.count("QuorviaDBMgr::updatePath,  path : /d/a/x.jpg , newPath : /n/x.jpg"));
-    EXPECT_EQ(std::set<std::string>{"/n/x.jpg"}, RawDb(dbPath()).paths());
+    EXPECT_EQ(Paths{"/n/x.jpg"}, RawDb(dbPath()).paths());
 }
 
 TEST_F(QuorviaDBMgrTest, UpdateDirPathsFailingHalfWayMovesNothing) {
@@ -349,7 +300,7 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsFailingHalfWayMovesNothing) {
              "BEGIN SELECT RAISE(ABORT, 'refused'); END");
     store.updateDirPaths("/d/a/", "/n/");
     EXPECT_TRUE(log_.contains("QuorviaDBMgr::updateDirPaths rolled back", google::GLOG_ERROR));
-    EXPECT_EQ((std::set<std::string>{"/d/a/1.jpg", "/d/a/2.jpg", "/d/a/3.jpg"}), raw.paths());
+    EXPECT_EQ((Paths{"/d/a/1.jpg", "/d/a/2.jpg", "/d/a/3.jpg"}), raw.paths());
     // The store stays usable after the rollback.
     EXPECT_TRUE(store.updateFilePath("/d/a/1.jpg", "/z.jpg"));
     EXPECT_EQ(1u, raw.column("SELECT PATH FROM quorvia WHERE PATH='/z.jpg'").size());
@@ -357,62 +308,49 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsFailingHalfWayMovesNothing) {
 
 TEST_F(QuorviaDBMgrTest, FileHashIsCachedByPath) {
     QuorviaDBMgr store(dbPath());
+    const std::string abc = "a9993e364706816aba3e25717850c26c9cd0d89d";
+    // What cannot be hashed is stored under the empty hash and retried.
+    EXPECT_EQ("", store.getFileHash(path("/data/late.bin")));
+    EXPECT_TRUE(store.isExistsFileByHash(""));
+    writeFile("/data/late.bin", "abc");
+    EXPECT_EQ(abc, store.getFileHash(path("/data/late.bin")));
+    ASSERT_TRUE(store.deleteMetadataByPath(path("/data/late.bin")));
     writeFile("/data/a.bin", "abc");
     const std::string file = path("/data/a.bin");
-    const std::string hash = store.getFileHash(file);
-    EXPECT_EQ("a9993e364706816aba3e25717850c26c9cd0d89d", hash);
-    EXPECT_TRUE(store.isExistsFileByHash(hash));
+    EXPECT_EQ(abc, store.getFileHash(file));
+    EXPECT_TRUE(store.isExistsFileByHash(abc));
     EXPECT_FALSE(store.isExistsFileByHash("0000"));
-
     // Answered from the row, also after the file changed or went.
     writeFile("/data/a.bin", "changed");
-    EXPECT_EQ(hash, store.getFileHash(file));
+    EXPECT_EQ(abc, store.getFileHash(file));
     ASSERT_EQ(0, shell("rm '" + file + "'"));
-    EXPECT_EQ(hash, store.getFileHash(file + "/"));
-    EXPECT_EQ(hash, store.doGetFileHash(file));
-    EXPECT_TRUE(log_.contains("QuorviaDBMgr::doGetFileHash,  hash : " + hash, google::GLOG_INFO));
-
+    EXPECT_EQ(abc, store.getFileHash(file + "/"));
+    EXPECT_TRUE(log_.contains("QuorviaDBMgr::doGetFileHash,  hash : " + abc, google::GLOG_INFO));
     // A copy at a new path takes the row over and loses its record.
-    QuorviaContext described = row(hash, file, "title");
-    store.insertToDB(described);
+    store.insertToDB(row(abc, file, "title"));
     writeFile("/data/copy.bin", "abc");
-    EXPECT_EQ(hash, store.getFileHash(path("/data/copy.bin")));
-    EXPECT_EQ(std::set<std::string>{path("/data/copy.bin")}, RawDb(dbPath()).paths());
+    EXPECT_EQ(abc, store.getFileHash(path("/data/copy.bin")));
+    EXPECT_EQ(Paths{path("/data/copy.bin")}, RawDb(dbPath()).paths());
     metadata_s metadata;
-    store.getMetadataByHash(hash, metadata);
+    store.getMetadataByHash(abc, metadata);
     EXPECT_EQ("", metadata.title);
-}
-
-TEST_F(QuorviaDBMgrTest, FileThatCannotBeHashedIsStoredUnderTheEmptyHashAndRetried) {
-    QuorviaDBMgr store(dbPath());
-    EXPECT_EQ("", store.getFileHash(path("/missing.bin")));
-    EXPECT_EQ(std::set<std::string>{path("/missing.bin")}, RawDb(dbPath()).paths());
-    EXPECT_TRUE(store.isExistsFileByHash(""));
-    writeFile("/missing.bin", "abc");
-    EXPECT_EQ("a9993e364706816aba3e25717850c26c9cd0d89d", store.getFileHash(path("/missing.bin")));
 }
 
 TEST_F(QuorviaDBMgrTest, UnlockedReadsRunBesideLockedWriters) {
     QuorviaDBMgr store(dbPath());
-    std::vector<std::string> paths;
-    for (int i = 0; i < 100; ++i) {
-        paths.push_back("/d/a/" + std::to_string(i));
-    }
     RawDb raw(dbPath());
     raw.exec("BEGIN");
-    for (size_t i = 0; i < paths.size(); ++i) {
-        raw.exec("INSERT INTO quorvia(HASH,PATH,TITLE) VALUES('k" + std::to_string(i) + "','" +
-                 paths[i] + "','t')");
+    for (int i = 0; i < 100; ++i) {
+        raw.exec("INSERT INTO quorvia(HASH,PATH,TITLE) VALUES('k" + std::to_string(i) +
+                 "','/d/a/" + std::to_string(i) + "','t')");
     }
     raw.exec("COMMIT");
     bool allFound = true;
     boost::thread reader([&store, &allFound]() {
-        for (int round = 0; round < 50; ++round) {
-            for (int i = 0; i < 100; ++i) {
-                metadata_s metadata;
-                store.getMetadataByHash("k" + std::to_string(i), metadata);
-                allFound = allFound && metadata.title == "t";
-            }
+        for (int i = 0; i < 5000; ++i) {
+            metadata_s metadata;
+            store.getMetadataByHash("k" + std::to_string(i % 100), metadata);
+            allFound = allFound && metadata.title == "t";
         }
     });
     for (int round = 0; round < 10; ++round) {
@@ -424,22 +362,12 @@ TEST_F(QuorviaDBMgrTest, UnlockedReadsRunBesideLockedWriters) {
     EXPECT_EQ(110u, raw.column("SELECT HASH FROM quorvia").size());
 }
 
-}  // namespace
-
-namespace {
-
-class QuorviaDBMgrInstanceTest : public quorvia_test::DeviceRootTest {};
-
-TEST_F(QuorviaDBMgrInstanceTest, DaemonStoreLivesInTheDatabaseFolder) {
+TEST_F(QuorviaDBMgrTest, DaemonStoreLivesInTheDatabaseFolder) {
     QuorviaDBMgr& store = QuorviaDBMgr::sGetInstance();
     EXPECT_EQ(&store, &QuorviaDBMgr::sGetInstance());
-    QuorviaContext context;
-    context.hash = "h";
-    context.path = "/userdisk/data/a.jpg";
-    context.metadata.title = "a.jpg";
-    ASSERT_TRUE(store.insertToDB(context));
-    const std::string file = path("/userdisk/data/.systemconfig/DataBase/quorvia.db");
-    EXPECT_EQ(std::set<std::string>{"/userdisk/data/a.jpg"}, RawDb(file).paths());
+    ASSERT_TRUE(store.insertToDB(row("h", "/userdisk/data/a.jpg")));
+    EXPECT_EQ(Paths{"/userdisk/data/a.jpg"},
+              RawDb(path("/userdisk/data/.systemconfig/DataBase/quorvia.db")).paths());
 }
 
 }  // namespace

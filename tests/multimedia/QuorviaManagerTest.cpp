@@ -42,15 +42,11 @@ TEST_F(QuorviaManagerTest, FollowsTheDataFolderOnly) {
 TEST_F(QuorviaManagerTest, ContentChangesCountForJpegFilesOnly) {
     QuorviaManager manager;
     manager.update(NULL, MONITOR_TYPE_INOTIFY);
-    std::vector<FileChangeItem> batch;
-    batch.push_back(FileChangeItem("/d/photo.JPG", TALVERN_MODIFY, false));
-    batch.push_back(FileChangeItem("/d/photo.jpeg", TALVERN_MODIFY, false));
-    batch.push_back(FileChangeItem("/d/image.png", TALVERN_MODIFY, false));
-    batch.push_back(FileChangeItem("/d/movie.mp4", TALVERN_MODIFY, false));
-    batch.push_back(FileChangeItem("/d/movie.td", TALVERN_MODIFY, false));
-    batch.push_back(FileChangeItem("/d/notes.txt", TALVERN_DELETE, false));
-    batch.push_back(FileChangeItem("/d/a.mp4", TALVERN_FROM, false, 5));
-    batch.push_back(FileChangeItem("/d/b.mp4", TALVERN_TO, false, 5));
+    std::vector<FileChangeItem> batch = {
+        {"/d/photo.JPG", TALVERN_MODIFY, false}, {"/d/photo.jpeg", TALVERN_MODIFY, false},
+        {"/d/image.png", TALVERN_MODIFY, false}, {"/d/movie.mp4", TALVERN_MODIFY, false},
+        {"/d/movie.td", TALVERN_MODIFY, false},  {"/d/notes.txt", TALVERN_DELETE, false},
+        {"/d/a.mp4", TALVERN_FROM, false, 5},    {"/d/b.mp4", TALVERN_TO, false, 5}};
     manager.update(&batch, MONITOR_TYPE_SCANNER);
     EXPECT_EQ(5, tasksLogged());
     EXPECT_EQ(1, log_.count("create task: path is/d/photo.JPG mask : 1 , isDir : 0 , type : 1"));
@@ -78,16 +74,13 @@ protected:
         fs::create_directories(data_ + "/album/2024");
         fs::create_directories(data_ + "/inbox");
         fs::create_directories(root() + "/elsewhere");
-        for (int i = 0; i < 3; ++i) {
-            write("album/2024/p" + std::to_string(i) + ".jpg");
-            insert(data_ + "/album/2024/p" + std::to_string(i) + ".jpg", "h" + std::to_string(i));
+        const char* const rows[][2] = {{"album/2024/p0.jpg", "h0"}, {"album/2024/p1.jpg", "h1"},
+                                       {"album/2024/p2.jpg", "h2"}, {"inbox/a.jpg", "ha"},
+                                       {"inbox/out.jpg", "hout"},   {"inbox/del.jpg", "hdel"}};
+        for (const auto& row : rows) {
+            write(row[0]);
+            insert(data_ + "/" + row[0], row[1]);
         }
-        write("inbox/a.jpg");
-        insert(data_ + "/inbox/a.jpg", "ha");
-        write("inbox/out.jpg");
-        insert(data_ + "/inbox/out.jpg", "hout");
-        write("inbox/del.jpg");
-        insert(data_ + "/inbox/del.jpg", "hdel");
         manager_.reset(new QuorviaManager);
         manager_->startDispatcher();
         monitor_.reset(new FileChangeMonitor);

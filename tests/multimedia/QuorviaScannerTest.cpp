@@ -30,68 +30,50 @@ protected:
         fs::create_directories(fs::path(data_ + "/" + below).parent_path());
         std::ofstream out((data_ + "/" + below).c_str());
     }
-    std::vector<std::size_t> groupSizes() {
-        std::vector<std::size_t> sizes;
-        for (std::size_t i = 0; i < observer_->batches.size(); ++i) {
-            sizes.push_back(observer_->batches[i].size());
-        }
-        return sizes;
-    }
-
     std::string data_;
     boost::shared_ptr<RecordingObserver> observer_;
     quorvia::QuorviaScanner scanner_;
 };
 
 TEST_F(QuorviaScannerTest, GroupsOfTenAndTheRestAtTheEnd) {
-    for (int i = 0; i < 25; ++i) {
-        touch("a/p" + std::to_string(i) + ".jpg");
+    const std::vector<std::vector<std::size_t>> cases = {{}, {10}, {10, 10, 5}};
+    for (std::size_t c = 0; c < cases.size(); ++c) {
+        const std::string dir = "c" + std::to_string(c);
+        fs::create_directories(data_ + "/" + dir);
+        std::vector<std::size_t> sizes;
+        for (std::size_t n = 0; n < cases[c].size(); ++n) {
+            for (std::size_t i = 0; i < cases[c][n]; ++i) {
+                touch(dir + "/p" + std::to_string(n) + "-" + std::to_string(i) + ".jpeg");
+            }
+        }
+        observer_->batches.clear();
+        scanner_.start_scanner(std::vector<std::string>(1, data_ + "/" + dir));
+        for (const std::vector<FileChangeItem>& batch : observer_->batches) {
+            sizes.push_back(batch.size());
+        }
+        EXPECT_EQ(cases[c], sizes);
     }
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_EQ(std::vector<std::size_t>({10, 10, 5}), groupSizes());
     EXPECT_EQ(MONITOR_TYPE_SCANNER, observer_->types[0]);
     EXPECT_EQ(TALVERN_MODIFY, observer_->batches[0][0].mask);
 }
 
-TEST_F(QuorviaScannerTest, ExactlyTenGiveOneGroupAndAnEmptyTreeNone) {
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_TRUE(observer_->batches.empty());
-    for (int i = 0; i < 10; ++i) {
-        touch("p" + std::to_string(i) + ".jpeg");
-    }
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
-    EXPECT_EQ(std::vector<std::size_t>(1, 10), groupSizes());
-}
-
+// An unreadable root is logged and the next root scanned.
 TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesOnly) {
-    touch("Photo.JPG");
-    touch(".hidden.jpg");
-    touch("image.PNG");
-    touch("movie.mp4");
-    touch(".cache/in-hidden.jpg");
-    touch("$RECYCLE.BIN/binned.jpg");
-    touch("sub/deep.jpeg");
+    for (const char* file : {"Photo.JPG", ".hidden.jpg", "image.PNG", "movie.mp4",
+                             ".cache/in-hidden.jpg", "$RECYCLE.BIN/binned.jpg", "sub/deep.jpeg"}) {
+        touch(file);
+    }
     fs::create_symlink(data_ + "/Photo.JPG", data_ + "/link.jpg");
     fs::create_symlink(data_, data_ + "/sub/loop");
-    scanner_.start_scanner(std::vector<std::string>(1, data_));
+    scanner_.start_scanner({data_ + "/missing", data_});
+    EXPECT_TRUE(log_.contains("start_scanner catch exception: ", google::GLOG_ERROR));
     ASSERT_EQ(1u, observer_->batches.size());
     std::vector<std::string> paths;
-    for (std::size_t i = 0; i < observer_->batches[0].size(); ++i) {
-        paths.push_back(observer_->batches[0][i].path);
+    for (const FileChangeItem& item : observer_->batches[0]) {
+        paths.push_back(item.path);
     }
     std::sort(paths.begin(), paths.end());
     EXPECT_EQ(std::vector<std::string>({data_ + "/Photo.JPG", data_ + "/sub/deep.jpeg"}), paths);
-}
-
-TEST_F(QuorviaScannerTest, UnreadableRootIsLoggedAndTheNextRootScanned) {
-    touch("b/one.jpg");
-    std::vector<std::string> roots;
-    roots.push_back(data_ + "/missing");
-    roots.push_back(data_ + "/b");
-    scanner_.start_scanner(roots);
-    EXPECT_TRUE(log_.contains("start_scanner catch exception: ", google::GLOG_ERROR));
-    ASSERT_EQ(1u, observer_->batches.size());
-    EXPECT_EQ(data_ + "/b/one.jpg", observer_->batches[0][0].path);
 }
 
 }  // namespace

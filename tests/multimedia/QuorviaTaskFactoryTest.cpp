@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/quorviatask/PendingMoves.h"
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
@@ -28,33 +27,31 @@ struct Change {
 // The task as text: "none", "modify P", "create P", "delete P",
 // "file A -> B", "dir A -> B".
 std::string describe(const boost::shared_ptr<Dispatchable>& task) {
-    if (!task) {
-        return "none";
-    }
-    if (quorvia::QuorviaMoveFileTask* move = dynamic_cast<quorvia::QuorviaMoveFileTask*>(task.get())) {
+    Dispatchable* t = task.get();
+    if (auto* move = dynamic_cast<quorvia::QuorviaMoveFileTask*>(t)) {
         return "file " + move->from() + " -> " + move->path();
     }
-    if (quorvia::QuorviaMoveDirTask* move = dynamic_cast<quorvia::QuorviaMoveDirTask*>(task.get())) {
+    if (auto* move = dynamic_cast<quorvia::QuorviaMoveDirTask*>(t)) {
         return "dir " + move->from() + " -> " + move->path();
     }
-    if (quorvia::QuorviaDeleteFileTask* del = dynamic_cast<quorvia::QuorviaDeleteFileTask*>(task.get())) {
+    if (auto* del = dynamic_cast<quorvia::QuorviaDeleteFileTask*>(t)) {
         return "delete " + del->path();
     }
-    if (quorvia::QuorviaCreateFileTask* create = dynamic_cast<quorvia::QuorviaCreateFileTask*>(task.get())) {
+    if (auto* create = dynamic_cast<quorvia::QuorviaCreateFileTask*>(t)) {
         return "create " + create->path();
     }
-    if (quorvia::QuorviaModifyFileTask* modify = dynamic_cast<quorvia::QuorviaModifyFileTask*>(task.get())) {
+    if (auto* modify = dynamic_cast<quorvia::QuorviaModifyFileTask*>(t)) {
         return "modify " + modify->path();
     }
-    return "unknown";
+    return t ? "unknown" : "none";
 }
 
 std::vector<std::string> feed(const std::vector<Change>& changes) {
     std::vector<std::string> tasks;
-    for (std::size_t i = 0; i < changes.size(); ++i) {
+    for (const Change& change : changes) {
         boost::shared_ptr<Dispatchable> task;
-        QuorviaTaskFactory::CreateTask(task, changes[i].path, changes[i].mask, changes[i].isDir,
-                                       MONITOR_TYPE_INOTIFY, changes[i].cookie);
+        QuorviaTaskFactory::CreateTask(task, change.path, change.mask, change.isDir,
+                                       MONITOR_TYPE_INOTIFY, change.cookie);
         tasks.push_back(describe(task));
     }
     return tasks;
@@ -109,14 +106,7 @@ TEST(QuorviaTaskFactoryTest, PairsMovesByCookieOnly) {
     }
 }
 
-TEST(QuorviaTaskFactoryTest, HalvesWaitAcrossBatches) {
-    QuorviaTaskFactory::sClearPendingMoves();
-    EXPECT_EQ(std::vector<std::string>(1, "none"), feed({{"/d/x/", TALVERN_FROM, true, 81}}));
-    EXPECT_EQ(std::vector<std::string>(1, "dir /d/x/ -> /d/z/"),
-              feed({{"/d/z/", TALVERN_TO, true, 81}}));
-}
-
-TEST(QuorviaTaskFactoryTest, LogsEveryChangeAndUnknownMasks) {
+TEST(QuorviaTaskFactoryTest, LogsEveryChangeDropsUnknownMasksAndSkipsAnEmptyPath) {
     quorvia_test::LogCapture log;
     boost::shared_ptr<Dispatchable> task;
     QuorviaTaskFactory::CreateTask(task, "/d/a.jpg", TALVERN_MODIFY, false, MONITOR_TYPE_SCANNER);
@@ -126,10 +116,6 @@ TEST(QuorviaTaskFactoryTest, LogsEveryChangeAndUnknownMasks) {
                                    MONITOR_TYPE_INOTIFY);
     EXPECT_FALSE(task);
     EXPECT_EQ(1, log.count("TaskFactory::CreateTask, mask : 9 , path : /d/q"));
-}
-
-TEST(QuorviaTaskFactoryTest, TasksRunOnceAndSkipAnEmptyPath) {
-    boost::shared_ptr<Dispatchable> task;
     QuorviaTaskFactory::CreateTask(task, "", TALVERN_CREATE, false, MONITOR_TYPE_INOTIFY);
     ASSERT_TRUE(task);
     EXPECT_FALSE(task->shouldExecute());
@@ -157,58 +143,6 @@ TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
     EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/n", start, partner));
     EXPECT_EQ("/f2", partner);
     EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/n", start, partner)) << "oldest dropped";
-}
-
-// The tasks against a real store in the test's device root.
-class QuorviaTaskStoreTest : public quorvia_test::DeviceRootTest {
-protected:
-    void insert(const std::string& path, const std::string& hash) {
-        quorvia::QuorviaContext context;
-        context.path = path;
-        context.hash = hash;
-        context.metadata.mime = "image/jpeg";
-        ASSERT_TRUE(quorvia::QuorviaDBMgr::sGetInstance().insertToDB(context));
-    }
-    std::string hashAt(const std::string& path) {
-        return quorvia::QuorviaDBMgr::sGetInstance().doGetFileHash(path);
-    }
-    void runAll(const std::vector<Change>& changes) {
-        for (std::size_t i = 0; i < changes.size(); ++i) {
-            boost::shared_ptr<Dispatchable> task;
-            QuorviaTaskFactory::CreateTask(task, changes[i].path, changes[i].mask,
-                                           changes[i].isDir, MONITOR_TYPE_INOTIFY,
-                                           changes[i].cookie);
-            if (task && task->shouldExecute()) {
-                task->run();
-            }
-        }
-    }
-};
-
-TEST_F(QuorviaTaskStoreTest, RowsFollowDeletesAndMovesButNeverAStranger) {
-    insert("/data/a.jpg", "h-a");
-    insert("/data/left.jpg", "h-left");
-    insert("/data/dir/x.jpg", "h-x");
-    insert("/data/dir/sub/y.jpg", "h-y");
-    insert("/data/dirx/z.jpg", "h-z");
-    insert("/data/gone.jpg", "h-gone");
-    runAll({{"/data/a.jpg", TALVERN_FROM, false, 1},
-            {"/data/b.jpg", TALVERN_TO, false, 1},
-            {"/data/left.jpg", TALVERN_FROM, false, 2},
-            {"/data/stranger.jpg", TALVERN_TO, false, 3},
-            {"/data/dir/", TALVERN_FROM, true, 4},
-            {"/data/moved/", TALVERN_TO, true, 4},
-            {"/data/gone.jpg", TALVERN_DELETE, false, 0},
-            {"/data/new.jpg", TALVERN_MODIFY, false, 0}});
-    EXPECT_EQ("h-a", hashAt("/data/b.jpg"));
-    EXPECT_EQ("", hashAt("/data/a.jpg"));
-    EXPECT_EQ("h-left", hashAt("/data/left.jpg")) << "the row that left keeps its own path";
-    EXPECT_EQ("", hashAt("/data/stranger.jpg"));
-    EXPECT_EQ("h-x", hashAt("/data/moved/x.jpg"));
-    EXPECT_EQ("h-y", hashAt("/data/moved/sub/y.jpg"));
-    EXPECT_EQ("h-z", hashAt("/data/dirx/z.jpg")) << "a sibling with a longer name stays";
-    EXPECT_EQ("", hashAt("/data/gone.jpg"));
-    EXPECT_EQ("", hashAt("/data/new.jpg")) << "rows enter only through requests";
 }
 
 }  // namespace
