@@ -24,6 +24,7 @@ extern "C" {
 #include <thread>
 #include <vector>
 
+#include "BenchDaemon.h"
 #include "LoadGenerator.h"
 #include "multimedia/QuorviaDBMgr.h"
 #include "system/ConfigInfo.h"
@@ -31,10 +32,14 @@ extern "C" {
 
 namespace {
 
+using quorvia_bench::DAEMON_PORT;
 using quorvia_bench::LoadFigures;
 using quorvia_bench::LoadGenerator;
+using quorvia_bench::accepting;
+using quorvia_bench::startDaemon;
+using quorvia_bench::stopDaemon;
+using quorvia_bench::waitAccepting;
 
-const int DAEMON_PORT = 9088;
 const int STORE_ROWS = 100000;
 
 class EmptyHandler : virtual public talvern::TalvernIf {
@@ -46,26 +51,6 @@ public:
 double benchSeconds() {
     const char* text = getenv("BENCH_SECONDS");
     return text != NULL && atof(text) > 0 ? atof(text) : 3.0;
-}
-
-bool accepting(int port) {
-    try {
-        apache::thrift::transport::TSocket socket("127.0.0.1", port);
-        socket.open();
-        return true;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
-bool waitAccepting(int port) {
-    for (int i = 0; i < 1000; ++i) {
-        if (port != 0 && accepting(port)) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
 }
 
 void print(const std::string& label, const LoadFigures& figures, double ceiling = 0) {
@@ -155,41 +140,6 @@ std::string makeRoot() {
     sqlite3_exec(db, "COMMIT", NULL, NULL, NULL);
     sqlite3_close(db);
     return root;
-}
-
-std::string daemonPath() {
-    char exe[4096] = {0};
-    const ssize_t size = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    std::string path(exe, size > 0 ? static_cast<size_t>(size) : 0);
-    path = path.substr(0, path.rfind('/'));
-    return path.substr(0, path.rfind('/')) + "/bin/quorvia";
-}
-
-// The real daemon, logging to files under the root like a deployed one;
-// quiet drops its INFO lines (glog's minimum level from the environment).
-pid_t startDaemon(const std::string& root, bool quiet) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        dup2(null, 2);
-        setenv("GLOG_log_dir", (root + "/glog").c_str(), 1);
-        if (quiet) {
-            setenv("GLOG_minloglevel", "1", 1);
-        }
-        const std::string path = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
-        setenv("PATH", path.c_str(), 1);
-        const std::string binary = daemonPath();
-        execl(binary.c_str(), binary.c_str(), static_cast<char*>(NULL));
-        _exit(127);
-    }
-    waitAccepting(DAEMON_PORT);
-    return pid;
-}
-
-void stopDaemon(pid_t pid) {
-    kill(pid, SIGKILL);
-    waitpid(pid, NULL, 0);
 }
 
 // A field of /proc/PID/status in KiB ("VmRSS:", "RssAnon:", "RssFile:").

@@ -25,48 +25,21 @@
 #include <thrift/transport/TSocket.h>
 
 #include "Talvern.h"
+#include "support/DaemonProcess.h"
 #include "support/DeviceRootTest.h"
 #include "thriftwrapper/RawConnection.h"
 
 namespace {
 
+using quorvia_test::binary;
+using quorvia_test::capture;
+using quorvia_test::quoted;
 using quorvia_test::RawConnection;
+using quorvia_test::slurp;
 using quorvia_test::WireMessage;
 using quorvia_test::WireReply;
 
 const int PORT = 9088;
-
-std::string binary(const std::string& name) {
-    return std::string(QUORVIA_BINARY_DIR) + "/bin/" + name;
-}
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-// Standard output of a shell command, and its exit status.
-std::string capture(const std::string& command, int& status) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
-        output.append(buffer, got);
-    }
-    status = WEXITSTATUS(pclose(pipe));
-    return output;
-}
-
-std::string quoted(const std::string& text) {
-    std::string result = "'";
-    for (char c : text) {
-        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return result + "'";
-}
 
 time_t localTime(int year, int month, int day, int hour, int minute, int second) {
     struct tm broken = {};
@@ -83,8 +56,6 @@ time_t localTime(int year, int month, int day, int hour, int minute, int second)
 // The real daemon on a private device root, spoken to as peers do.
 class QuorviaDaemonTest : public quorvia_test::DeviceRootTest {
 protected:
-    QuorviaDaemonTest() : pid_(-1) {}
-
     virtual void TearDown() {
         stopDaemon();
         DeviceRootTest::TearDown();
@@ -96,51 +67,17 @@ protected:
         const std::string logDir = path("/glog");
         ASSERT_EQ(0, shell("mkdir -p " + quoted(logDir)));
         setenv("GLOG_log_dir", logDir.c_str(), 1);
-        std::vector<std::string> argv(1, binary("quorvia"));
-        argv.insert(argv.end(), args.begin(), args.end());
-        pid_ = fork();
-        ASSERT_GE(pid_, 0);
-        if (pid_ == 0) {
-            // The daemon goes with the test, also when the test dies early.
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            const int out = open(path("/daemon.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int err = open(path("/daemon.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(out, 1);
-            dup2(err, 2);
-            std::vector<char*> pointers;
-            for (std::string& arg : argv) {
-                pointers.push_back(&arg[0]);
-            }
-            pointers.push_back(NULL);
-            execv(pointers[0], pointers.data());
-            _exit(127);
-        }
+        ASSERT_TRUE(daemon_.start(path(""), args));
         if (waitForPort) {
             ASSERT_TRUE(quorvia_test::waitForListener(PORT)) << slurp(path("/daemon.err"));
         }
     }
 
-    void stopDaemon() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, NULL, 0);
-            pid_ = -1;
-        }
-    }
+    void stopDaemon() { daemon_.stop(); }
 
     // Exit status of a daemon that ends by itself within timeoutSeconds; -1
     // when it is still running.
-    int waitForExit(int timeoutSeconds) {
-        for (int i = 0; i < timeoutSeconds * 100; ++i) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            usleep(10 * 1000);
-        }
-        return -1;
-    }
+    int waitForExit(int timeoutSeconds) { return daemon_.waitForExit(timeoutSeconds); }
 
     std::string daemonErr() const { return slurp(path("/daemon.err")); }
 
@@ -172,7 +109,7 @@ protected:
         EXPECT_EQ(audioAnswer("alive.mp3"), call(audioRequest("alive"))) << context;
     }
 
-    pid_t pid_;
+    quorvia_test::DaemonProcess daemon_;
 };
 
 TEST_F(QuorviaDaemonTest, StartsWithItsLinesAndListensOnLoopbackOnly) {
@@ -183,7 +120,7 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesAndListensOnLoopbackOnly) {
     EXPECT_NE(std::string::npos, err.find("quorvia daemon started.")) << err;
     // 127.0.0.1:9088 in the kernel's table, listening (state 0A); no other
     // address of the device carries the port.
-    const std::string table = slurp("/proc/" + std::to_string(pid_) + "/net/tcp");
+    const std::string table = slurp("/proc/" + std::to_string(daemon_.pid()) + "/net/tcp");
     EXPECT_NE(std::string::npos, table.find("0100007F:2380 00000000:0000 0A")) << table;
     EXPECT_EQ(std::string::npos, table.find("00000000:2380 00000000:0000 0A")) << table;
     expectAlive("start");

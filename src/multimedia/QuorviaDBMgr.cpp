@@ -45,6 +45,9 @@ bool QuorviaDBMgr::openDB() {
     const int rc =
         sqlite3_open_v2(dbPath_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
     if (rc == SQLITE_OK) {
+        // Other processes may read the file; without a wait each of their
+        // reads makes a concurrent delete or move fail and its row stay.
+        sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
         return true;
     }
     sqlite3_close(db_);

@@ -26,6 +26,9 @@ public:
     static constexpr unsigned int sDBVersion_ = 0;
     // Streaming buffer of the file hash computed by getFileHash, in KiB.
     static constexpr unsigned int kHashBufferKiB = 128;
+    // How long a statement waits for another process's lock on the store file
+    // (an operator's reader, a backup) before it fails as "database is locked".
+    static constexpr int kBusyTimeoutMillis = 2000;
 
     // The daemon's store, on ConfigInfo's database folder; opened on first use.
     static QuorviaDBMgr& sGetInstance();

@@ -370,4 +370,21 @@ TEST_F(QuorviaDBMgrTest, DaemonStoreLivesInTheDatabaseFolder) {
               RawDb(path("/userdisk/data/.systemconfig/DataBase/quorvia.db")).paths());
 }
 
+// Another process holding the file for less than kBusyTimeoutMillis delays a
+// delete; it does not make it fail and leave the row.
+TEST_F(QuorviaDBMgrTest, AnotherProcessLockDelaysAWriteWithinTheBusyTimeout) {
+    QuorviaDBMgr store(dbPath());
+    fill(store, {"/d/a.mp3"});
+    RawDb raw(dbPath());
+    raw.exec("BEGIN EXCLUSIVE");
+    boost::thread release([&raw] {
+        boost::this_thread::sleep_for(
+            boost::chrono::milliseconds(QuorviaDBMgr::kBusyTimeoutMillis / 10));
+        raw.exec("COMMIT");
+    });
+    EXPECT_TRUE(store.deleteMetadataByPath("/d/a.mp3"));
+    release.join();
+    EXPECT_TRUE(raw.paths().empty());
+}
+
 }  // namespace
