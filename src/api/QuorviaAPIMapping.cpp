@@ -78,68 +78,48 @@ std::string QuorviaAPIMapping::redirectRequest(const std::string& request) const
     return result;
 }
 
-void QuorviaAPIMapping::parseGetImageMetadata(json_object* request, std::string& result) const {
+bool QuorviaAPIMapping::readMediaRequest(json_object* request, bool withTime, const char* parser,
+                                         MediaRequest& media, std::string& result) const {
     json_object* path = json_object_object_get(request, "path");
     json_object* name = json_object_object_get(request, "name");
     json_object* hash = json_object_object_get(request, "hash");
-    json_object* time = json_object_object_get(request, "defaultModifyTime");
-    if (path == NULL || name == NULL || hash == NULL || time == NULL) {
+    json_object* time = withTime ? json_object_object_get(request, "defaultModifyTime") : NULL;
+    if (path == NULL || name == NULL || hash == NULL || (withTime && time == NULL)) {
         result = createParameterMissingJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetImageMetadata api parameter missing";
-        return;
+        QLOG(INFO) << "QuorviaAPIMapping::" << parser << " api parameter missing";
+        return false;
     }
-    const std::string pathText = readString(path);
-    const std::string nameText = readString(name);
-    const std::string hashText = readString(hash);
-    const long defaultModifyTime = readInt(time);
-    if (pathText.empty() || nameText.empty() || hashText.empty()) {
+    media.path = readString(path);
+    media.name = readString(name);
+    media.hash = readString(hash);
+    media.defaultModifyTime = withTime ? readInt(time) : 0;
+    if (media.path.empty() || media.name.empty() || media.hash.empty()) {
         result = createParameterEmptyJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetImageMetadata api parameter empty";
-        return;
+        QLOG(INFO) << "QuorviaAPIMapping::" << parser << " api parameter empty";
+        return false;
     }
-    result = api_.getImageMetadata(pathText, nameText, defaultModifyTime, hashText);
+    return true;
+}
+
+void QuorviaAPIMapping::parseGetImageMetadata(json_object* request, std::string& result) const {
+    MediaRequest media;
+    if (readMediaRequest(request, true, "parseGetImageMetadata", media, result)) {
+        result = api_.getImageMetadata(media.path, media.name, media.defaultModifyTime, media.hash);
+    }
 }
 
 void QuorviaAPIMapping::parseGetAudioMetadata(json_object* request, std::string& result) const {
-    json_object* path = json_object_object_get(request, "path");
-    json_object* name = json_object_object_get(request, "name");
-    json_object* hash = json_object_object_get(request, "hash");
-    if (path == NULL || name == NULL || hash == NULL) {
-        result = createParameterMissingJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetAudioMetadata api parameter missing";
-        return;
+    MediaRequest media;
+    if (readMediaRequest(request, false, "parseGetAudioMetadata", media, result)) {
+        result = api_.getAudioMetadata(media.path, media.name, media.hash);
     }
-    const std::string pathText = readString(path);
-    const std::string nameText = readString(name);
-    const std::string hashText = readString(hash);
-    if (pathText.empty() || nameText.empty() || hashText.empty()) {
-        result = createParameterEmptyJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetAudioMetadata api parameter empty";
-        return;
-    }
-    result = api_.getAudioMetadata(pathText, nameText, hashText);
 }
 
 void QuorviaAPIMapping::parseGetVedioMetadata(json_object* request, std::string& result) const {
-    json_object* path = json_object_object_get(request, "path");
-    json_object* name = json_object_object_get(request, "name");
-    json_object* hash = json_object_object_get(request, "hash");
-    json_object* time = json_object_object_get(request, "defaultModifyTime");
-    if (path == NULL || name == NULL || hash == NULL || time == NULL) {
-        result = createParameterMissingJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetVedioMetadata api parameter missing";
-        return;
+    MediaRequest media;
+    if (readMediaRequest(request, true, "parseGetVedioMetadata", media, result)) {
+        result = api_.getVedioMetadata(media.path, media.name, media.defaultModifyTime, media.hash);
     }
-    const std::string pathText = readString(path);
-    const std::string nameText = readString(name);
-    const std::string hashText = readString(hash);
-    const long defaultModifyTime = readInt(time);
-    if (pathText.empty() || nameText.empty() || hashText.empty()) {
-        result = createParameterEmptyJsonString();
-        QLOG(INFO) << "QuorviaAPIMapping::parseGetVedioMetadata api parameter empty";
-        return;
-    }
-    result = api_.getVedioMetadata(pathText, nameText, defaultModifyTime, hashText);
 }
 
 void QuorviaAPIMapping::parseUmountDevice(json_object* request, std::string& result) const {

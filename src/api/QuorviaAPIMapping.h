@@ -41,6 +41,20 @@ public:
     std::string createParameterFormatErrorString() const;
 
 private:
+    // The keys of a metadata request, read in the order they are checked.
+    struct MediaRequest {
+        std::string path;
+        std::string name;
+        std::string hash;
+        long defaultModifyTime;
+    };
+
+    // Reads "path", "name", "hash" and, when withTime, "defaultModifyTime".
+    // false after setting result to code 1 (a key missing, tested first) or
+    // code 2 (a text empty) and logging the parser's line.
+    bool readMediaRequest(json_object* request, bool withTime, const char* parser,
+                          MediaRequest& media, std::string& result) const;
+
     QuorviaApi api_;
 };
 
