@@ -461,6 +461,40 @@ int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
 
 // ---- Thumbnail pipeline ----
 
+namespace {
+
+const int kTargetFailed = -1;
+const int kTargetDone = 0;
+const int kTargetToResize = 1;
+
+// The steps both routes take before decoding anything, once thumbPath holds
+// the target (empty when it has none): a thumbnail made before, a source
+// that can't be read, a source small enough to copy as it is.
+// logTargetAsExisting: the "made before" line names the thumbnail rather
+// than the source.
+int prepareTarget(const std::string& path, bool logTargetAsExisting, std::string& thumbPath) {
+    if (thumbPath.empty()) {
+        return kTargetFailed;
+    }
+    if (File::sExists(thumbPath)) {
+        QLOG(INFO) << (logTargetAsExisting ? thumbPath : path)
+                   << " has resized middle thumbnail, no need to resize again";
+        return kTargetDone;
+    }
+    if (!isReadableRegularFile(path)) {
+        thumbPath.clear();
+        return kTargetFailed;
+    }
+    if (File::sGetFileSize(path) <= ImageUtil::kCopyWithoutResizeSize) {
+        File::sCopy(path, thumbPath);
+        QLOG(INFO) << path << " too small, no need to resize";
+        return kTargetDone;
+    }
+    return kTargetToResize;
+}
+
+}  // namespace
+
 int ImageUtil::getThumbnail(const std::string& path, std::string& thumbPath, ThumbnailSize size,
                             const std::string& hash, int useChunk) {
     if (isJpegName(path)) {
@@ -471,21 +505,9 @@ int ImageUtil::getThumbnail(const std::string& path, std::string& thumbPath, Thu
             return -1;
         }
         thumbPath = generateThumbPath(path, size, hash);
-        if (thumbPath.empty()) {
-            return -1;
-        }
-        if (File::sExists(thumbPath)) {
-            QLOG(INFO) << thumbPath << " has resized middle thumbnail, no need to resize again";
-            return 0;
-        }
-        if (!isReadableRegularFile(path)) {
-            thumbPath.clear();
-            return -1;
-        }
-        if (File::sGetFileSize(path) <= kCopyWithoutResizeSize) {
-            File::sCopy(path, thumbPath);
-            QLOG(INFO) << path << " too small, no need to resize";
-            return 0;
+        const int prepared = prepareTarget(path, true, thumbPath);
+        if (prepared != kTargetToResize) {
+            return prepared;
         }
         QLOG(INFO) << path << " try use resize algorithm";
         unsigned char* buffer = NULL;
@@ -514,21 +536,9 @@ int ImageUtil::getThumbnail(const std::string& path, std::string& thumbPath, Thu
     }
     QLOG(INFO) << "generate thumb for not jpg file.";
     thumbPath = generateThumbPath(path, size, hash);
-    if (thumbPath.empty()) {
-        return -1;
-    }
-    if (File::sExists(thumbPath)) {
-        QLOG(INFO) << path << " has resized middle thumbnail, no need to resize again";
-        return 0;
-    }
-    if (!isReadableRegularFile(path)) {
-        thumbPath.clear();
-        return -1;
-    }
-    if (File::sGetFileSize(path) <= kCopyWithoutResizeSize) {
-        File::sCopy(path, thumbPath);
-        QLOG(INFO) << path << " too small, no need to resize";
-        return 0;
+    const int prepared = prepareTarget(path, false, thumbPath);
+    if (prepared != kTargetToResize) {
+        return prepared;
     }
     ImageUtils imageUtils;
     if (imageUtils.resizeImage(path, thumbPath, kCommandLineWidth, kCommandLineHeight) ==
