@@ -3,6 +3,7 @@
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
 
+#include "multimedia/QuorviaDBMgrSql.h"
 #include "system/Log.h"
 
 namespace quorvia {
@@ -48,12 +49,36 @@ bool QuorviaDBMgr::openDB() {
         // Other processes may read the file; without a wait each of their
         // reads makes a concurrent delete or move fail and its row stay.
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
+        useWriteAheadLog();
         return true;
     }
     sqlite3_close(db_);
     QLOG(ERROR) << "Can't open database: " << dbPath_;
     db_ = NULL;
     return false;
+}
+
+// With a rollback journal every commit costs two or three flushes to the
+// disk (1.5 to 15 ms each here), so a folder of 10,000 deleted files took 20 s
+// of one-row commits, and every lookup paid file locks, two probes and a
+// header read (25 us a lookup against 17). In write-ahead mode a commit appends to the log and flushes only at a
+// checkpoint; a power cut can lose the last commits, never the file's
+// consistency, and a lost row only means a file read again. A file system
+// that can't hold the log's shared index keeps the old mode: the store works
+// as before, only slower.
+void QuorviaDBMgr::useWriteAheadLog() {
+    sqlite3_stmt* stmt = NULL;
+    std::string mode;
+    if (sqlite3_prepare_v2(db_, "PRAGMA journal_mode=WAL;", -1, &stmt, NULL) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+        mode = sqlutil::columnText(stmt, 0);
+    }
+    sqlite3_finalize(stmt);
+    if (mode != "wal") {
+        QLOG(WARNING) << "QuorviaDBMgr keeps journal mode : " << mode << " , " << sqlite3_errmsg(db_);
+        return;
+    }
+    execSql("PRAGMA synchronous=NORMAL;");
 }
 
 void QuorviaDBMgr::closeDB() {

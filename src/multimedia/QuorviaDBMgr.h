@@ -14,7 +14,8 @@
 namespace quorvia {
 
 // The index of media metadata: one SQLite database, one row per file content
-// keyed by its hash. All threads share one connection. Every public operation
+// keyed by its hash. All threads share one connection, in write-ahead-log mode
+// where the file system allows it. Every public operation
 // holds mutex_ for its whole body, except getMetadataByHash (reads without it,
 // relying on SQLite's serialized threading mode) and getFileHash (locks only
 // around its own store calls, not across the file read). Operations answer
@@ -97,6 +98,7 @@ private:
     QuorviaDBMgr& operator=(const QuorviaDBMgr&);
 
     void setNames(const std::string& dbPath);
+    void useWriteAheadLog();
     bool createPathIndex();
     // Both run under updateDirPaths's lock. updatePath sets each row's newPath
     // and counts the rows it stepped in rewritten; false when a step failed.
