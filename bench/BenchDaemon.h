@@ -11,9 +11,16 @@
 #include <string>
 #include <thread>
 
+#include <thrift/TOutput.h>
 #include <thrift/transport/TSocket.h>
 
 namespace quorvia_bench {
+
+// Thrift prints every refused connection and the server's start-up chatter;
+// a benchmark prints only its figures.
+inline void silenceThrift() {
+    apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
+}
 
 const int DAEMON_PORT = 9088;
 

@@ -2,6 +2,7 @@
 // a deleted folder of 10,000 indexed files take to go, and the hit path's
 // latency while a moved folder of 10,000 indexed files is rewritten.
 // Printed, not asserted.
+#include <glog/logging.h>
 #include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -139,6 +140,9 @@ void benchHitDuringMove(const std::string& root) {
 }  // namespace
 
 int main() {
+    quorvia_bench::silenceThrift();
+    google::InitGoogleLogging("follow-bench");
+    FLAGS_minloglevel = google::GLOG_FATAL;
     if (quorvia_bench::accepting(DAEMON_PORT)) {
         printf("port %d is taken: no figures\n", DAEMON_PORT);
         return 0;

@@ -8,6 +8,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 #include <fcntl.h>
+#include <glog/logging.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdio.h>
@@ -238,6 +239,12 @@ void benchMissPath(const std::string& root, double seconds, bool quiet) {
 }  // namespace
 
 int main() {
+    quorvia_bench::silenceThrift();
+    // The bench's own store set-up logs nothing; the daemon logs as deployed.
+    google::InitGoogleLogging("rpc-bench");
+    FLAGS_minloglevel = google::GLOG_FATAL;
+    const std::string tools = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
+    setenv("PATH", tools.c_str(), 1);
     const double seconds = benchSeconds();
     double bareOne = 0;
     double bareSixteen = 0;

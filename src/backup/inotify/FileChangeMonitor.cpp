@@ -63,7 +63,18 @@ bool FileChangeMonitor::init(const std::vector<std::string>& dirs) {
 }
 
 bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) {
-    if (!talvern::Directory::sExists(dir) || !placeWatch(dir)) {
+    if (!talvern::Directory::sExists(dir)) {
+        delayAddDirs_[dir] = 1;
+        return false;
+    }
+    return scanFoundDir(dir);
+}
+
+// The walk itself: its subdirectories were just seen by their parent's scan,
+// so they skip the existence check (a stat per folder of the tree); one that
+// goes in between fails at its watch and takes the same retry road.
+bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
+    if (!placeWatch(dir)) {
         delayAddDirs_[dir] = 1;
         return false;
     }
@@ -86,7 +97,7 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
                 it->path().string() == dir) {
                 continue;
             }
-            scanAndAddWatchDiskDirRecursive(it->path().string());
+            scanFoundDir(it->path().string());
         }
     } catch (const fs::filesystem_error& e) {
         QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();

@@ -129,6 +129,8 @@ private:
     // addWatchDiskDir without the existence test, for the scan that just
     // made it.
     bool placeWatch(const std::string& dir);
+    // scanAndAddWatchDiskDirRecursive for a directory known to exist.
+    bool scanFoundDir(const std::string& dir);
     bool gateShut();
     void drain();
     void deliverChanges();
