@@ -30,6 +30,18 @@ void store(const std::string& path, const std::string& hash, const metadata_s& m
     QuorviaDBMgr::sGetInstance().insertToDB(context);
 }
 
+// The store's record for hash, or else the one that extract(metadata) reads
+// from the file, stored under hash and path.
+template <typename Extract>
+metadata_s recordOf(const std::string& path, const std::string& hash, Extract extract) {
+    metadata_s metadata;
+    if (!lookUp(hash, metadata)) {
+        extract(metadata);
+        store(path, hash, metadata);
+    }
+    return metadata;
+}
+
 void addString(json_object* object, const char* key, const std::string& value) {
     json_object_object_add(object, key,
                            json_object_new_string_len(value.data(), static_cast<int>(value.size())));
@@ -45,11 +57,9 @@ std::string textOf(json_object* object) {
 
 std::string QuorviaApi::getImageMetadata(const std::string& path, const std::string& name,
                                          long defaultModifyTime, const std::string& hash) const {
-    metadata_s metadata;
-    if (!lookUp(hash, metadata)) {
-        Metadata::getImageMetadata(path, name, defaultModifyTime, metadata, "", false);
-        store(path, hash, metadata);
-    }
+    const metadata_s metadata = recordOf(path, hash, [&](metadata_s& record) {
+        Metadata::getImageMetadata(path, name, defaultModifyTime, record, "", false);
+    });
     json_object* response = sCreateJsonObject(SUCCESS);
     addString(response, "title", metadata.title);
     addString(response, "mime", metadata.mime);
@@ -59,11 +69,8 @@ std::string QuorviaApi::getImageMetadata(const std::string& path, const std::str
 
 std::string QuorviaApi::getAudioMetadata(const std::string& path, const std::string& name,
                                          const std::string& hash) const {
-    metadata_s metadata;
-    if (!lookUp(hash, metadata)) {
-        Metadata::getAudioMetadata(path, name, metadata);
-        store(path, hash, metadata);
-    }
+    const metadata_s metadata = recordOf(
+        path, hash, [&](metadata_s& record) { Metadata::getAudioMetadata(path, name, record); });
     json_object* response = sCreateJsonObject(SUCCESS);
     addString(response, "title", metadata.title);
     addString(response, "mime", metadata.mime);
@@ -76,11 +83,9 @@ std::string QuorviaApi::getAudioMetadata(const std::string& path, const std::str
 
 std::string QuorviaApi::getVedioMetadata(const std::string& path, const std::string& name,
                                          long defaultModifyTime, const std::string& hash) const {
-    metadata_s metadata;
-    if (!lookUp(hash, metadata)) {
-        Metadata::getVideoMetadata(path, name, defaultModifyTime, metadata, "", false);
-        store(path, hash, metadata);
-    }
+    const metadata_s metadata = recordOf(path, hash, [&](metadata_s& record) {
+        Metadata::getVideoMetadata(path, name, defaultModifyTime, record, "", false);
+    });
     json_object* response = sCreateJsonObject(SUCCESS);
     addString(response, "title", metadata.title);
     addString(response, "duration", metadata.duration);
