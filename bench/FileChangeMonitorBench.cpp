@@ -155,10 +155,6 @@ void foldBatch(const std::string& root, int files, const char* logging) {
 int main(int, char** argv) {
     // Log lines go where the daemon's go (files), not onto the figures.
     google::InitGoogleLogging(argv[0]);
-    // As the daemon does: syslog without the console fallback, which on a
-    // machine without a syslog daemon costs milliseconds a line.
-    QLOG(WARNING) << "monitor bench started.";
-    talvern::Log::sKeepSyslogOffConsole();
     char pattern[] = "/tmp/quorvia-monitor-bench-XXXXXX";
     if (!mkdtemp(pattern)) {
         return 1;
@@ -166,6 +162,10 @@ int main(int, char** argv) {
     const std::string root = pattern;
     fs::create_directories(root + "/logs");
     FLAGS_log_dir = root + "/logs";
+    // As the daemon does: syslog without the console fallback, which on a
+    // machine without a syslog daemon costs milliseconds a line.
+    QLOG(WARNING) << "monitor bench started.";
+    talvern::Log::sKeepSyslogOffConsole();
     // The directory filter asks ConfigInfo for the localised folder names.
     const std::string source(QUORVIA_SOURCE_DIR);
     setenv("QUORVIA_ROOT", root.c_str(), 1);
