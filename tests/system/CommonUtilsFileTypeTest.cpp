@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <boost/thread/thread.hpp>
 #include <string>
 
 #include "system/CommonUtils.h"
@@ -34,19 +32,4 @@ TEST(CommonUtilsFileType, AutodyneVideoNames) {
     for (const auto& c : cases) {
         EXPECT_EQ(c.expected, CommonUtils::sIsAutodyneVideo(c.name)) << c.name;
     }
-}
-
-TEST(CommonUtilsFileType, AutodyneVideoIsSafeFromManyThreads) {
-    std::atomic<int> wrong(0);
-    boost::thread_group threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.create_thread([&wrong] {
-            for (int i = 0; i < 2000; ++i) {
-                wrong += !CommonUtils::sIsAutodyneVideo("VID_20140101_120000.mp4") ||
-                         CommonUtils::sIsAutodyneVideo("holiday.mp4");
-            }
-        });
-    }
-    threads.join_all();
-    EXPECT_EQ(0, wrong);
 }

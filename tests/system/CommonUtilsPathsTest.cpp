@@ -46,12 +46,8 @@ TEST(CommonUtilsNames, RemoveSuffixMarksTrimAndLibconfigKeys) {
 }
 
 TEST_F(CommonUtilsPathsTest, InvalidAndEscapedCharsAreLogged) {
-    for (const char* invalid : {"a\\b", "a;b", "a|b"}) {
-        EXPECT_TRUE(CommonUtils::sIsContainInvalidChar(invalid)) << invalid;
-    }
-    for (const char* valid : {"a/b", "照片 (1).jpg", "a'b$c`d&e"}) {
-        EXPECT_FALSE(CommonUtils::sIsContainInvalidChar(valid)) << valid;
-    }
+    EXPECT_TRUE(CommonUtils::sIsContainInvalidChar("a\\b;|"));
+    EXPECT_FALSE(CommonUtils::sIsContainInvalidChar("a/照片 (1)'$`&.jpg"));
     log_.clear();
     EXPECT_TRUE(CommonUtils::sIsContainInvalidChar("x:y*z"));
     EXPECT_EQ(1u, log_.lines().size());
@@ -64,22 +60,17 @@ TEST_F(CommonUtilsPathsTest, InvalidAndEscapedCharsAreLogged) {
     EXPECT_EQ("/d/照片\\ 一'$;", CommonUtils::sGetEscapedPath("/d/照片 一'$;"));
 }
 
-TEST_F(CommonUtilsPathsTest, FileTimesKindsAndStat) {
+TEST_F(CommonUtilsPathsTest, FileTimesKindsStatAndTimeText) {
     writeFile("/f.txt", "x");
     const std::string file = path("/f.txt");
     EXPECT_EQ(0, CommonUtils::sSetFileModifyTime(file, 1500000000L));
     EXPECT_EQ(1500000000L, CommonUtils::sGetFileModifyTime(file));
     EXPECT_TRUE(CommonUtils::sIsFile("/dev/null"));
     EXPECT_FALSE(CommonUtils::sIsFile(root()));
-
-    log_.clear();
     const struct stat64 missing = CommonUtils::sGetFileStat(path("/missing"));
     EXPECT_EQ(0u, missing.st_dev);
     EXPECT_EQ(0u, missing.st_ino);
     EXPECT_EQ(1, log_.count("the device id of " + path("/missing") + " is :0"));
-}
-
-TEST(CommonUtilsNames, TimeTextAndLexicalCast) {
     setenv("TZ", "UTC", 1);
     tzset();
     EXPECT_EQ("2023-11-14T22:13:20", CommonUtils::sConvertTimeFormat(1700000000L));
@@ -105,8 +96,6 @@ TEST_F(CommonUtilsPathsTest, FileLockIsExclusiveAcrossProcessesAndUnlockCloses) 
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(0, CommonUtils::sUnlockFileLock(lock, fd, name));
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-    EXPECT_EQ(-1, CommonUtils::sUnlockFileLock(lock, -1, "nowhere"));
-    EXPECT_EQ(1, log_.count("failed to unlock file nowhere", google::GLOG_ERROR));
 }
 
 TEST_F(CommonUtilsPathsTest, DuplicateNamesCountOrUseTheWordSuffix) {

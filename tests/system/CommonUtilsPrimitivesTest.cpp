@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <set>
 
 #include "system/CommonUtils.h"
+#include "system/DeviceRoot.h"
 
 TEST(CommonUtilsPrimitives, PrefixSuffixCaseAndPathStyle) {
     EXPECT_TRUE(CommonUtils::startWith("Primary=x", "PRIMARY="));
@@ -25,4 +27,13 @@ TEST(CommonUtilsPrimitives, SplitsKeepOrCompressEmptyFields) {
     std::set<std::string> distinct = {"stale"};
     CommonUtils::splitString(distinct, "b,a,,b", ",");
     EXPECT_EQ((std::set<std::string>{"a", "b"}), distinct);
+}
+
+TEST(DeviceRootMapping, UnsetOrEmptyRootLeavesPathsAloneAndARootIsPrefixedOnce) {
+    unsetenv("QUORVIA_ROOT");
+    EXPECT_EQ("/userdisk/data", talvern::DeviceRoot::sPath("/userdisk/data"));
+    setenv("QUORVIA_ROOT", "", 1);
+    EXPECT_EQ("/proc/mounts", talvern::DeviceRoot::sPath("/proc/mounts"));
+    setenv("QUORVIA_ROOT", "/tmp/r//", 1);
+    EXPECT_EQ("/tmp/r/sbin/uci", talvern::DeviceRoot::sPath("/sbin/uci"));
 }
