@@ -24,6 +24,8 @@ protected:
 TEST_F(ConfigFilesTest, SetConfigWritesAndGetConfigReadsBack) {
     info();
     ASSERT_FALSE(fs::exists(path(kGlobalFile)));
+    info()->setConfig("needSetShareStatus", "");
+    EXPECT_TRUE(fs::exists(path(kGlobalFile)));
     log_.clear();
     info()->setConfig("needCreateDataFolder", "true");
     EXPECT_EQ("true", info()->getConfig("needCreateDataFolder"));

@@ -63,6 +63,8 @@ TEST_F(ImageUtilsTest, IdentifyOutputIsReadStrictlyAndTheSideLimitHolds) {
     writeAll(source, "content is not looked at by the stand-in");
     const std::string fault = "image attributes fault";
     const int failed = ImageUtils::kResizeFailed;
+    const std::string side = std::to_string(ImageUtils::kMaxSide);
+    const std::string beyond = std::to_string(ImageUtils::kMaxSide + 1);
     const struct Case { std::string output; int result; std::string line; } cases[] = {
         {"", failed, "the content is "},
         {"/elsewhere/x.png PNG 10x10", failed,
@@ -70,10 +72,12 @@ TEST_F(ImageUtilsTest, IdentifyOutputIsReadStrictlyAndTheSideLimitHolds) {
         {source + " PNG", failed, "image attributes missing, the content is: PNG"},
         {source + " PNG 640x480x3", failed, fault + ". geometry is 640x480x3"},
         {source + " PNG 64ax480", failed, fault + ", invalid size."},
-        {source + " PNG 10x2001 480x480+0+0 8-bit", ImageUtils::kResizeRefused,
+        {source + " PNG 10x" + beyond + " 480x480+0+0 8-bit", ImageUtils::kResizeRefused,
          "resize image exceed limitation."},
-        {source + " PNG 2000x2000 2000x2000+0+0 8-bit sRGB", ImageUtils::kResizeDone,
-         "the content change toPNG 2000x2000 2000x2000+0+0 8-bit sRGB"},
+        {source + " PNG " + beyond + "x10 480x480+0+0 8-bit", ImageUtils::kResizeRefused,
+         "resize image exceed limitation."},
+        {source + " PNG " + side + "x" + side + " 8-bit sRGB", ImageUtils::kResizeDone,
+         "the content change toPNG " + side + "x" + side + " 8-bit sRGB"},
     };
     for (const Case& c : cases) {
         writeAll(tools + "/identify.out", c.output + "\n");
