@@ -6,10 +6,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 
 #include "support/DeviceRootTest.h"
 #include "system/CommonUtils.h"
+#include "system/DeviceRoot.h"
 
 namespace {
 
@@ -59,10 +61,8 @@ TEST_F(CommonUtilsPathsTest, InvalidAndEscapedCharsAreLogged) {
 }
 
 TEST_F(CommonUtilsPathsTest, FileTimesKindsStatAndTimeText) {
-    writeFile("/f.txt", "x");
-    const std::string file = path("/f.txt");
-    EXPECT_EQ(0, CommonUtils::sSetFileModifyTime(file, 1500000000L));
-    EXPECT_EQ(1500000000L, CommonUtils::sGetFileModifyTime(file));
+    EXPECT_EQ(0, CommonUtils::sSetFileModifyTime(root(), 1500000000L));
+    EXPECT_EQ(1500000000L, CommonUtils::sGetFileModifyTime(root()));
     EXPECT_TRUE(CommonUtils::sIsFile("/dev/null"));
     EXPECT_FALSE(CommonUtils::sIsFile(root()));
     const struct stat64 missing = CommonUtils::sGetFileStat(path("/missing"));
@@ -172,6 +172,38 @@ TEST_F(CommonUtilsPathsTest, PartitionSpaceTakesTheFirstSixFieldLineAndNeverLets
         EXPECT_EQ(c.available, available) << c.mountPoint;
     }
     EXPECT_NE(0, access(marker.c_str(), F_OK));
+}
+
+TEST(CommonUtilsPrimitives, PrefixSuffixCaseAndPathStyle) {
+    EXPECT_TRUE(CommonUtils::startWith("Primary=x", "PRIMARY="));
+    EXPECT_FALSE(CommonUtils::startWith("ab", "abc"));
+    EXPECT_TRUE(CommonUtils::endWith(".JpG", ".jpg"));
+    EXPECT_FALSE(CommonUtils::endWith("a.jpeg", ".jpg"));
+    EXPECT_EQ("照片.jpg", CommonUtils::sToLower("照片.JPG"));
+    EXPECT_EQ(0u, CommonUtils::sGetFileSize("/nonexistent/quorvia/file"));
+    const char* cases[][2] = {{"/", "/"}, {"a//", "a/"}, {"/a/b", "/a/b"}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c[1], CommonUtils::sUnifyPathStyle(c[0])) << c[0];
+    }
+}
+
+TEST(CommonUtilsPrimitives, SplitsKeepOrCompressEmptyFields) {
+    typedef std::vector<std::string> Fields;
+    EXPECT_EQ(Fields({"a", "", "b"}), CommonUtils::splitString("a,,b", ","));
+    EXPECT_EQ(Fields({"a", "b", "c"}), CommonUtils::splitStringTokenCompress("a, ,b c", ", "));
+    EXPECT_EQ(Fields({"k", "v", "w"}), CommonUtils::splitStringTokenCompress("k#v###w", "###"));
+    std::set<std::string> distinct = {"stale"};
+    CommonUtils::splitString(distinct, "b,a,,b", ",");
+    EXPECT_EQ((std::set<std::string>{"a", "b"}), distinct);
+}
+
+TEST(DeviceRootMapping, UnsetOrEmptyRootLeavesPathsAloneAndARootIsPrefixedOnce) {
+    unsetenv("QUORVIA_ROOT");
+    EXPECT_EQ("/userdisk/data", talvern::DeviceRoot::sPath("/userdisk/data"));
+    setenv("QUORVIA_ROOT", "", 1);
+    EXPECT_EQ("/proc/mounts", talvern::DeviceRoot::sPath("/proc/mounts"));
+    setenv("QUORVIA_ROOT", "/tmp/r//", 1);
+    EXPECT_EQ("/tmp/r/sbin/uci", talvern::DeviceRoot::sPath("/sbin/uci"));
 }
 
 }  // namespace

@@ -54,7 +54,6 @@ TEST_F(LocalizationHelperTest, UnknownCountryUsesTheDefaultCountrysFile) {
     writeFile("/loc/zh.txt", "key###中文\n");
     LocalizationHelper loc = helper();
     EXPECT_EQ("中文", loc.getValue("key"));
-    EXPECT_EQ("en.txt", loc.getLanguagelPath("US"));
     EXPECT_EQ("zh.txt", loc.getLanguagelPath(""));
 }
 
