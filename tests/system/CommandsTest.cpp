@@ -1,6 +1,8 @@
 #include <signal.h>
 
 #include <boost/thread/thread.hpp>
+#include <string>
+#include <vector>
 
 #include "support/DeviceRootTest.h"
 #include "system/CommonUtils.h"
