@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <stdint.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -14,8 +13,8 @@
 
 namespace quorvia_test {
 
-// Thrift's framed binary protocol written and read byte by byte, so that tests
-// can send what no generated client would.
+// Thrift's framed binary protocol written byte by byte, so that tests can send
+// what no generated client would.
 class WireMessage {
 public:
     virtual ~WireMessage() {}
@@ -24,57 +23,51 @@ public:
         const uint32_t big = htonl(static_cast<uint32_t>(value));
         return std::string(reinterpret_cast<const char*>(&big), 4);
     }
-    static std::string i16(int16_t value) {
-        const uint16_t big = htons(static_cast<uint16_t>(value));
-        return std::string(reinterpret_cast<const char*>(&big), 2);
-    }
     static std::string str(const std::string& text) {
         return i32(static_cast<int32_t>(text.size())) + text;
     }
-    // Message head, with the version word (strict) or in the old form.
-    static std::string head(const std::string& name, int type, int32_t sequenceId, bool strict) {
-        if (strict) {
-            return i32(static_cast<int32_t>(0x80010000u | static_cast<uint32_t>(type))) +
-                   str(name) + i32(sequenceId);
-        }
-        return str(name) + std::string(1, static_cast<char>(type)) + i32(sequenceId);
+    // Message head with the version word.
+    static std::string head(const std::string& name, int type, int32_t sequenceId) {
+        return i32(static_cast<int32_t>(0x80010000u | static_cast<uint32_t>(type))) + str(name) +
+               i32(sequenceId);
     }
+    // The head of field id of type (big-endian id).
+    static std::string field(char type, char id) { return std::string(1, type) + '\0' + id; }
     // Field 1 of type string, then the stop byte.
     static std::string stringArgs(const std::string& parameter) {
-        return std::string(1, '\x0b') + i16(1) + str(parameter) + std::string(1, '\0');
+        return field('\x0b', 1) + str(parameter) + '\0';
     }
     static std::string frame(const std::string& body) {
         return i32(static_cast<int32_t>(body.size())) + body;
     }
     static std::string requestCall(const std::string& parameter, int32_t sequenceId = 0) {
-        return frame(head("request", 1, sequenceId, true) + stringArgs(parameter));
+        return frame(head("request", 1, sequenceId) + stringArgs(parameter));
     }
 };
 
-// What a reply frame holds, read leniently.
+// What a strict reply frame holds.
 struct WireReply {
-    bool strict;
     int type;
     std::string name;
     int32_t sequenceId;
-    // Field 0 (a reply's success) or field 1 (an exception's message).
-    bool hasString;
+    // Field 0 (a reply's success) or field 1 (an exception's message);
+    // "(absent)" when the reply has neither.
     std::string text;
-    // The application exception's type (field 2), -1 when none.
-    int32_t exceptionType;
 };
 
 // A blocking TCP connection to 127.0.0.1 with a receive time-out.
 class RawConnection {
 public:
-    explicit RawConnection(int port, int timeoutSeconds = 10) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit RawConnection(int port, int timeoutSeconds = 10)
+        : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
         struct timeval timeout = {timeoutSeconds, 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         struct sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = connect(fd_, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+        connected_ =
+            connect(fd_, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
     }
     virtual ~RawConnection() { close(fd_); }
 
@@ -85,24 +78,16 @@ public:
                static_cast<ssize_t>(bytes.size());
     }
 
-    // One frame's body; false when the peer closed, failed or timed out.
-    bool readFrame(std::string& body) {
-        std::string length;
-        if (!readExactly(4, length)) {
-            return false;
-        }
-        uint32_t big = 0;
-        memcpy(&big, length.data(), 4);
-        const uint32_t size = ntohl(big);
-        return readExactly(size, body);
-    }
-
+    // One frame, parsed; false when the peer closed, failed, timed out or
+    // sent something else.
     bool readReply(WireReply& reply) {
-        std::string body;
-        if (!readFrame(body)) {
+        std::string bytes(4, '\0');
+        size_t at = 0;
+        if (!receive(bytes)) {
             return false;
         }
-        return parse(body, reply);
+        bytes.resize(static_cast<uint32_t>(readI32(bytes, at)));
+        return receive(bytes) && parse(bytes, reply);
     }
 
     // true when the peer closed the connection (end of stream or reset)
@@ -114,17 +99,8 @@ public:
     }
 
 private:
-    bool readExactly(size_t size, std::string& out) {
-        out.resize(size);
-        size_t done = 0;
-        while (done < size) {
-            const ssize_t got = recv(fd_, &out[done], size - done, 0);
-            if (got <= 0) {
-                return false;
-            }
-            done += static_cast<size_t>(got);
-        }
-        return true;
+    bool receive(std::string& out) {
+        return recv(fd_, &out[0], out.size(), MSG_WAITALL) == static_cast<ssize_t>(out.size());
     }
 
     static int32_t readI32(const std::string& body, size_t& at) {
@@ -134,35 +110,29 @@ private:
         return static_cast<int32_t>(ntohl(big));
     }
     static std::string readStr(const std::string& body, size_t& at) {
-        const int32_t size = readI32(body, at);
-        const std::string text = body.substr(at, static_cast<size_t>(size));
-        at += static_cast<size_t>(size);
-        return text;
+        const size_t size = static_cast<uint32_t>(readI32(body, at));
+        at += size;
+        return body.substr(at - size, size);
     }
 
     static bool parse(const std::string& body, WireReply& reply) {
         size_t at = 0;
         const uint32_t first = static_cast<uint32_t>(readI32(body, at));
-        reply.strict = (first & 0xffff0000u) == 0x80010000u;
-        if (!reply.strict) {
+        if ((first & 0xffff0000u) != 0x80010000u) {
             return false;
         }
         reply.type = static_cast<int>(first & 0xffu);
         reply.name = readStr(body, at);
         reply.sequenceId = readI32(body, at);
-        reply.hasString = false;
-        reply.exceptionType = -1;
+        reply.text = "(absent)";
+        // Strings and an exception's i32 type are all a reply can hold.
         while (at < body.size() && body[at] != '\0') {
-            const int fieldType = body[at];
-            uint16_t bigId = 0;
-            memcpy(&bigId, body.data() + at + 1, 2);
-            const int16_t id = static_cast<int16_t>(ntohs(bigId));
+            const char fieldType = body[at];
             at += 3;
             if (fieldType == 11) {
                 reply.text = readStr(body, at);
-                reply.hasString = true;
-            } else if (fieldType == 8 && id == 2) {
-                reply.exceptionType = readI32(body, at);
+            } else if (fieldType == 8) {
+                at += 4;
             } else {
                 return false;
             }
