@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sdk/utils/ThriftClient.h"
@@ -17,7 +18,7 @@ using quorvia_test::capture;
 using quorvia_test::quoted;
 using quorvia_test::RawConnection;
 using quorvia_test::slurp;
-using quorvia_test::WireMessage;
+using namespace quorvia_test::wire;
 
 const int PORT = 9088;
 
@@ -113,48 +114,33 @@ TEST_F(QuorviaDaemonTest, CliAsksForMediaAndTellsRepliesApart) {
     EXPECT_EQ(0, status);
 }
 
+// Each connection is still served after the reply to its odd call.
 TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
     startDaemon({"-d"});
     const std::string request = audioRequest("wire");
     const std::string answer = audioAnswer("wire.mp3");
-    RawConnection seven(PORT);
-    ASSERT_TRUE(seven.send(WireMessage::requestCall(request, 7)));
-    EXPECT_EQ(WireMessage::reply(answer, 7), seven.readFrame());
-
-    // A call without the version word is served; the reply has it.
-    RawConnection old(PORT);
-    ASSERT_TRUE(
-        old.send(WireMessage::frame(WireMessage::str("request") + '\x01' + WireMessage::i32(3) +
-                                    WireMessage::stringStruct(1, request))));
-    EXPECT_EQ(WireMessage::reply(answer, 3), old.readFrame());
-
-    // An unknown method gets the application exception (type 1); the
-    // connection stays.
-    RawConnection unknown(PORT);
-    ASSERT_TRUE(unknown.send(
-        WireMessage::frame(WireMessage::head("lookup", 1, 9) + WireMessage::stringStruct(1, "x"))));
-    EXPECT_EQ(WireMessage::head("lookup", 3, 9) + WireMessage::field('\x0b', 1) +
-                  WireMessage::str("Invalid method name: 'lookup'") +
-                  WireMessage::field('\x08', 2) + WireMessage::i32(1) + '\0',
-              unknown.readFrame());
-    ASSERT_TRUE(unknown.send(WireMessage::requestCall(request, 10)));
-    EXPECT_EQ(WireMessage::reply(answer, 10), unknown.readFrame());
-
-    // A missing field 1 reaches the handler as the empty string, and notify
-    // answers empty: field 0 is there in both.
-    RawConnection noField(PORT);
-    ASSERT_TRUE(noField.send(WireMessage::frame(WireMessage::head("request", 1, 5) + '\0')));
-    EXPECT_EQ(WireMessage::reply("", 5), noField.readFrame());
-    RawConnection notify(PORT);
-    ASSERT_TRUE(notify.send(WireMessage::frame(WireMessage::head("notify", 1, 4) +
-                                               WireMessage::field('\x08', 1) +
-                                               WireMessage::i32(-3) + '\0')));
-    EXPECT_EQ(WireMessage::reply("", 4, "notify"), notify.readFrame());
+    const std::pair<std::string, std::string> cases[] = {
+        {requestCall(request, 7), reply(answer, 7)},
+        // Without the version word; the reply has it.
+        {frame(str("request") + '\x01' + i32(3) + stringStruct(1, request)), reply(answer, 3)},
+        // A missing field 1 reaches the handler as the empty string.
+        {frame(head("request", 1, 5) + '\0'), reply("", 5)},
+        // An unknown method gets the application exception of type 1.
+        {frame(head("lookup", 1, 9) + stringStruct(1, "x")),
+         head("lookup", 3, 9) + field('\x0b', 1) + str("Invalid method name: 'lookup'") +
+             field('\x08', 2) + i32(1) + '\0'},
+    };
+    for (const std::pair<std::string, std::string>& c : cases) {
+        RawConnection connection(PORT);
+        ASSERT_TRUE(connection.send(c.first));
+        EXPECT_EQ(c.second, connection.readFrame());
+        ASSERT_TRUE(connection.send(requestCall(request, 10)));
+        EXPECT_EQ(reply(answer, 10), connection.readFrame());
+    }
 
     // A message of type reply closes the connection, without an answer.
     RawConnection wrongType(PORT);
-    ASSERT_TRUE(wrongType.send(WireMessage::frame(WireMessage::head("request", 2, 1) +
-                                                  WireMessage::stringStruct(1, request))));
+    ASSERT_TRUE(wrongType.send(frame(head("request", 2, 1) + stringStruct(1, request))));
     EXPECT_TRUE(wrongType.closedByPeer());
     expectAlive("message type 2");
 }

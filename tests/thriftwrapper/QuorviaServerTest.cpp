@@ -14,7 +14,7 @@
 namespace {
 
 using quorvia_test::RawConnection;
-using quorvia_test::WireMessage;
+using namespace quorvia_test::wire;
 
 // Echoes the request; a request "slow" takes half a second, and the handler
 // notes the most that ran at once.
@@ -67,7 +67,7 @@ protected:
     // One request on a connection of its own; the reply frame's body.
     std::string call(const std::string& parameter) {
         RawConnection connection(port_);
-        connection.send(WireMessage::requestCall(parameter));
+        connection.send(requestCall(parameter));
         return connection.readFrame();
     }
 
@@ -86,29 +86,28 @@ TEST_F(QuorviaServerTest, FourSlowRequestsRunThreeAtATimeAndTheFourthIsServed) {
     for (std::thread& caller : callers) {
         caller.join();
     }
-    EXPECT_EQ(std::vector<std::string>(4, WireMessage::reply("slow")), replies);
+    EXPECT_EQ(std::vector<std::string>(4, reply("slow")), replies);
     EXPECT_EQ(static_cast<int>(QuorviaServer::WORKER_COUNT_), handler_->mostAtOnce());
 }
 
 TEST_F(QuorviaServerTest, BytesBeyondTheFrameOrTheProtocolCloseOnlyTheirConnection) {
-    const size_t overhead = WireMessage::requestCall("").size() - 4;
+    const size_t overhead = requestCall("").size() - 4;
     const std::string largest(QuorviaServer::MAX_FRAME_SIZE_ - overhead, 'x');
-    EXPECT_EQ(WireMessage::reply(largest), call(largest));
+    EXPECT_EQ(reply(largest), call(largest));
     const std::string cases[] = {
-        WireMessage::requestCall(largest + "x"),
+        requestCall(largest + "x"),
         // A declared gigabyte is refused before anything is read.
-        WireMessage::i32(1 << 30) + "abc",
-        WireMessage::frame(std::string(64, '\xff')),
+        i32(1 << 30) + "abc",
+        frame(std::string(64, '\xff')),
         // A string longer than its frame.
-        WireMessage::frame(WireMessage::head("request", 1, 0) + WireMessage::field('\x0b', 1) +
-                           WireMessage::i32(1 << 20) + "ab"),
+        frame(head("request", 1, 0) + field('\x0b', 1) + i32(1 << 20) + "ab"),
     };
     for (const std::string& bytes : cases) {
         SCOPED_TRACE(bytes.substr(0, 40));
         RawConnection connection(port_);
         connection.send(bytes);
         EXPECT_TRUE(connection.closedByPeer());
-        EXPECT_EQ(WireMessage::reply("still"), call("still"));
+        EXPECT_EQ(reply("still"), call("still"));
     }
 }
 
@@ -116,24 +115,24 @@ TEST_F(QuorviaServerTest, ConnectionsBeyondTheLimitAreClosedAtAccept) {
     std::vector<std::unique_ptr<RawConnection>> idle;
     // Half a frame stalls nobody else.
     idle.emplace_back(new RawConnection(port_));
-    const std::string half = WireMessage::requestCall("never finished");
+    const std::string half = requestCall("never finished");
     ASSERT_TRUE(idle.back()->send(half.substr(0, half.size() / 2)));
     // The last connection within the limit is served, the next one closed.
     while (idle.size() < QuorviaServer::MAX_CONNECTIONS_ - 1) {
         idle.emplace_back(new RawConnection(port_));
     }
-    EXPECT_EQ(WireMessage::reply("busy"), call("busy"));
+    EXPECT_EQ(reply("busy"), call("busy"));
     idle.emplace_back(new RawConnection(port_));
     RawConnection refused(port_, 2);
     EXPECT_TRUE(refused.closedByPeer());
     idle.clear();
     // The overload ends once the idle peers have gone.
-    std::string reply;
-    for (int i = 0; i < 50 && reply != WireMessage::reply("back"); ++i) {
+    std::string answer;
+    for (int i = 0; i < 50 && answer != reply("back"); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        reply = call("back");
+        answer = call("back");
     }
-    EXPECT_EQ(WireMessage::reply("back"), reply);
+    EXPECT_EQ(reply("back"), answer);
 }
 
 }  // namespace

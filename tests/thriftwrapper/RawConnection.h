@@ -15,52 +15,53 @@ namespace quorvia_test {
 
 // Thrift's framed binary protocol written byte by byte, so that tests can send
 // what no generated client would and compare replies byte for byte.
-class WireMessage {
-public:
-    virtual ~WireMessage() {}
+namespace wire {
 
-    static std::string i32(int32_t value) {
-        const uint32_t big = htonl(static_cast<uint32_t>(value));
-        return std::string(reinterpret_cast<const char*>(&big), 4);
-    }
-    static std::string str(const std::string& text) {
-        return i32(static_cast<int32_t>(text.size())) + text;
-    }
-    // Message head with the version word.
-    static std::string head(const std::string& name, int type, int32_t sequenceId) {
-        return i32(static_cast<int32_t>(0x80010000u | static_cast<uint32_t>(type))) + str(name) +
-               i32(sequenceId);
-    }
-    // The head of a field: its type, then its id as a big-endian i16.
-    static std::string field(char type, char id) { return std::string(1, type) + '\0' + id; }
-    static std::string frame(const std::string& body) {
-        return i32(static_cast<int32_t>(body.size())) + body;
-    }
-    // A struct of one string field, then the stop byte.
-    static std::string stringStruct(char id, const std::string& text) {
-        return field('\x0b', id) + str(text) + '\0';
-    }
-    static std::string requestCall(const std::string& parameter, int32_t sequenceId = 0) {
-        return frame(head("request", 1, sequenceId) + stringStruct(1, parameter));
-    }
-    // The body of a successful reply frame.
-    static std::string reply(const std::string& text, int32_t sequenceId = 0,
-                             const std::string& name = "request") {
-        return head(name, 2, sequenceId) + stringStruct(0, text);
-    }
-};
+inline std::string i32(int32_t value) {
+    const uint32_t big = htonl(static_cast<uint32_t>(value));
+    return std::string(reinterpret_cast<const char*>(&big), 4);
+}
+inline std::string str(const std::string& text) {
+    return i32(static_cast<int32_t>(text.size())) + text;
+}
+// Message head with the version word.
+inline std::string head(const std::string& name, int type, int32_t sequenceId) {
+    return i32(static_cast<int32_t>(0x80010000u | static_cast<uint32_t>(type))) + str(name) +
+           i32(sequenceId);
+}
+// The head of a field: its type, then its id as a big-endian i16.
+inline std::string field(char type, char id) { return std::string(1, type) + '\0' + id; }
+inline std::string frame(const std::string& body) {
+    return i32(static_cast<int32_t>(body.size())) + body;
+}
+// A struct of one string field, then the stop byte.
+inline std::string stringStruct(char id, const std::string& text) {
+    return field('\x0b', id) + str(text) + '\0';
+}
+inline std::string requestCall(const std::string& parameter, int32_t sequenceId = 0) {
+    return frame(head("request", 1, sequenceId) + stringStruct(1, parameter));
+}
+// The body of a successful reply frame.
+inline std::string reply(const std::string& text, int32_t sequenceId = 0,
+                         const std::string& name = "request") {
+    return head(name, 2, sequenceId) + stringStruct(0, text);
+}
+
+}  // namespace wire
 
 // A blocking TCP connection to 127.0.0.1 with a receive time-out.
 class RawConnection {
 public:
-    explicit RawConnection(int port, int timeoutSeconds = 10) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit RawConnection(int port, int timeoutSeconds = 10)
+        : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
         struct timeval timeout = {timeoutSeconds, 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         struct sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = connect(fd_, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+        connected_ =
+            connect(fd_, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
     }
     virtual ~RawConnection() { close(fd_); }
 
