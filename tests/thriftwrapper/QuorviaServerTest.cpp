@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/thread/thread.hpp>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,29 +22,19 @@ class SlowHandler : virtual public talvern::TalvernIf {
 public:
     virtual void request(std::string& result, const std::string& parameter) {
         if (parameter == "slow") {
-            changeRunning(1);
+            const int now = ++running_;
+            int most = mostAtOnce_;
+            while (now > most && !mostAtOnce_.compare_exchange_weak(most, now)) {
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            changeRunning(-1);
+            --running_;
         }
         result = parameter;
     }
     virtual void notify(std::string&, const int32_t, const std::string&) {}
 
-    int mostAtOnce() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return mostAtOnce_;
-    }
-
-private:
-    void changeRunning(int by) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        running_ += by;
-        mostAtOnce_ = std::max(mostAtOnce_, running_);
-    }
-
-    std::mutex mutex_;
-    int running_ = 0;
-    int mostAtOnce_ = 0;
+    std::atomic<int> running_{0};
+    std::atomic<int> mostAtOnce_{0};
 };
 
 class QuorviaServerTest : public ::testing::Test {
@@ -87,7 +77,7 @@ TEST_F(QuorviaServerTest, FourSlowRequestsRunThreeAtATimeAndTheFourthIsServed) {
         caller.join();
     }
     EXPECT_EQ(std::vector<std::string>(4, reply("slow")), replies);
-    EXPECT_EQ(static_cast<int>(QuorviaServer::WORKER_COUNT_), handler_->mostAtOnce());
+    EXPECT_EQ(static_cast<int>(QuorviaServer::WORKER_COUNT_), handler_->mostAtOnce_.load());
 }
 
 TEST_F(QuorviaServerTest, BytesBeyondTheFrameOrTheProtocolCloseOnlyTheirConnection) {
