@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+
 #include <stdlib.h>
 
 #include <fstream>
@@ -28,8 +29,8 @@ std::string audioRequest(const std::string& hash) {
 }
 std::string audioAnswer(const std::string& title) {
     return "{ \"code\": 0, \"msg\": \"\", \"title\": \"" + title +
-           "\", \"mime\": \"\", \"album\": \"\", \"artist\": \"\", \"duration\": \"\", \"date\": 0 "
-           "}";
+           "\", \"mime\": \"\", \"album\": \"\", \"artist\": \"\", \"duration\": \"\", "
+           "\"date\": 0 }";
 }
 
 // The real daemon on a private device root, spoken to as peers do.
@@ -104,8 +105,9 @@ TEST_F(QuorviaDaemonTest, CliAsksForMediaAndTellsRepliesApart) {
         date + " }\n";
     EXPECT_EQ(answer, capture(cli + quoted(request), status));
     EXPECT_EQ(0, status);
-    EXPECT_EQ("\n", capture(cli + "'not json' 2>/dev/null", status));
+    EXPECT_EQ("\n", capture(cli + "'not json' 2>" + quoted(path("/cli.err")), status));
     EXPECT_EQ(1, status);
+    EXPECT_EQ(0u, slurp(path("/cli.err")).find("quorvia-cli: empty reply"));
     EXPECT_EQ("\n", capture(cli + "--notify 5 hello", status));
     EXPECT_EQ(0, status);
 }

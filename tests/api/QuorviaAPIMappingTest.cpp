@@ -29,8 +29,8 @@ std::string video(const std::string& title, const std::string& date) {
 }
 std::string audio(const std::string& title) {
     return "{ \"code\": 0, \"msg\": \"\", \"title\": \"" + title +
-           "\", \"mime\": \"\", \"album\": \"\", \"artist\": \"\", \"duration\": \"\", \"date\": 0 "
-           "}";
+           "\", \"mime\": \"\", \"album\": \"\", \"artist\": \"\", \"duration\": \"\", "
+           "\"date\": 0 }";
 }
 
 class QuorviaAPIMappingTest : public quorvia_test::DeviceRootTest {
