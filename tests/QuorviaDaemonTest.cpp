@@ -51,9 +51,8 @@ protected:
     }
 
     // The daemon still answers a good request.
-    void expectAlive(const std::string& context) {
-        EXPECT_EQ(audioAnswer("alive.mp3"), ThriftClient::sCallQuorvia(audioRequest("alive")))
-            << context;
+    void expectAlive() {
+        EXPECT_EQ(audioAnswer("alive.mp3"), ThriftClient::sCallQuorvia(audioRequest("alive")));
     }
 
     quorvia_test::DaemonProcess daemon_;
@@ -70,7 +69,7 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort
     const std::string table = slurp("/proc/" + std::to_string(daemon_.pid()) + "/net/tcp");
     EXPECT_NE(std::string::npos, table.find("0100007F:2380 00000000:0000 0A")) << table;
     EXPECT_EQ(std::string::npos, table.find("00000000:2380 00000000:0000 0A")) << table;
-    expectAlive("start");
+    expectAlive();
 
     // A second daemon finds the port taken and ends with a line. Its "-d" is
     // no first argument, so it logs to glog's files, and to standard error
@@ -136,11 +135,20 @@ TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
         EXPECT_EQ(reply(answer, 10), connection.readFrame());
     }
 
-    // A message of type reply closes the connection, without an answer.
-    RawConnection wrongType(PORT);
-    ASSERT_TRUE(wrongType.send(frame(head("request", 2, 1) + stringStruct(1, request))));
-    EXPECT_TRUE(wrongType.closedByPeer());
-    expectAlive("message type 2");
+    // A message of type reply, a bad version word and a string longer than
+    // its frame close the connection without an answer.
+    const std::string closing[] = {
+        frame(head("request", 2, 1) + stringStruct(1, request)),
+        frame(std::string(64, '\xff')),
+        frame(head("request", 1, 0) + field('\x0b', 1) + i32(1 << 20) + "ab"),
+    };
+    for (const std::string& bytes : closing) {
+        SCOPED_TRACE(&bytes - closing);
+        RawConnection connection(PORT);
+        ASSERT_TRUE(connection.send(bytes));
+        EXPECT_TRUE(connection.closedByPeer());
+        expectAlive();
+    }
 }
 
 TEST_F(QuorviaDaemonTest, PythonPeerWithTheIdl) {
