@@ -130,7 +130,10 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
     server_->setIdleWriteBufferLimit(IDLE_WRITE_BUFFER_LIMIT_);
 }
 
-QuorviaServer::~QuorviaServer() {}
+// A worker may still be finishing a call (a dropped connection answers its
+// client before the worker is done) and then touches the server's
+// connection: the workers end before the server goes.
+QuorviaServer::~QuorviaServer() { threadManager_->stop(); }
 
 void QuorviaServer::serve() { server_->serve(); }
 

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <boost/thread/thread.hpp>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
+#include <thrift/TOutput.h>
 #include <vector>
 
 #include "thriftwrapper/QuorviaServer.h"
@@ -120,6 +122,24 @@ TEST_F(QuorviaServerTest, ConnectionsBeyondTheLimitAreClosedAtAccept) {
         answer = call("back");
     }
     EXPECT_EQ(reply("back"), answer);
+}
+
+// A worker still ending a call whose connection it dropped (it reports the
+// failure, then tells the I/O thread) when the server is stopped and
+// destroyed: the server must wait for it. A slow report holds the worker in
+// that window.
+TEST_F(QuorviaServerTest, DestroyedWhileAWorkerEndsADroppedCallRegression) {
+    apache::thrift::GlobalOutput.setOutputFunction([](const char* line) {
+        if (strstr(line, "process() exception") != NULL) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    RawConnection connection(port_);
+    ASSERT_TRUE(connection.send(frame(std::string(64, '\xff'))));
+    EXPECT_TRUE(connection.closedByPeer());
+    TearDown();
+    server_.reset();
+    SetUp();
 }
 
 }  // namespace
