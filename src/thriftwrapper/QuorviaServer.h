@@ -43,6 +43,8 @@ public:
     // when a worker can't be started. port 0 takes any free port (tests and
     // benchmarks); the daemon passes PORT_.
     QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port);
+    // Waits for the calls still running on the workers; call after serve
+    // has returned.
     virtual ~QuorviaServer();
 
     // Binds and runs the I/O loop on the calling thread; returns only after
