@@ -10,8 +10,6 @@
 
 #include <jpeglib.h>
 
-#include <boost/crc.hpp>
-#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -178,30 +176,6 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
     return true;
 }
 
-inline void appendBigEndian(std::string& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        out += static_cast<char>((value >> shift) & 0xFF);
-    }
-}
-
-// A PNG signature and IHDR chunk claiming width x height (its CRC right
-// unless breakCrc), then the start of an IDAT chunk with no data: enough
-// for a header reader, nothing for a decoder.
-inline std::string pngHeader(uint32_t width, uint32_t height, bool breakCrc) {
-    std::string body("IHDR");
-    appendBigEndian(body, width);
-    appendBigEndian(body, height);
-    body += std::string("\x08\x02\x00\x00\x00", 5);
-    boost::crc_32_type crc;
-    crc.process_bytes(body.data(), body.size());
-    std::string png("\x89PNG\r\n\x1a\n", 8);
-    appendBigEndian(png, 13);
-    png += body;
-    appendBigEndian(png, crc.checksum() ^ (breakCrc ? 1u : 0u));
-    appendBigEndian(png, 100);
-    return png + "IDAT";
-}
-
 // Where the frames of a GIF start: behind the header and its colour table.
 inline size_t gifFramesStart(const std::string& gif) {
     const unsigned char flags = static_cast<unsigned char>(gif[10]);
@@ -219,16 +193,6 @@ inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
         gif += frame;
     }
     return gif + ";";
-}
-
-// oneFrameGif with its screen and its first frame claiming width pixels.
-inline std::string gifClaimingWidth(std::string oneFrameGif, int width) {
-    const size_t descriptor = oneFrameGif.find(',', gifFramesStart(oneFrameGif));
-    for (size_t at : {size_t(6), descriptor + 5}) {
-        oneFrameGif[at] = static_cast<char>(width & 0xFF);
-        oneFrameGif[at + 1] = static_cast<char>(width >> 8);
-    }
-    return oneFrameGif;
 }
 
 }  // namespace quorvia_test
