@@ -2,9 +2,11 @@
 # Makes a demo device root for `make run`: a user disk whose data folder holds
 # a few media files made here with ImageMagick, exiftool and ffmpeg, the
 # sample localisation folder, the stand-in device tools and their values.
-# Usage: make-demo-root.sh ROOT   (ROOT is made if missing; files that exist
-# are kept, so a second run is quick). Prints two quorvia-cli commands that
-# work against a daemon started on it from the source tree's top.
+# Usage: make-demo-root.sh ROOT   (ROOT is made if missing). Every run starts
+# from a fresh user disk, so the index and the folders are as the printed
+# commands expect; the media are made once and kept in ROOT/demo-media, so a
+# second run is quick. Prints two quorvia-cli commands that work against a
+# daemon started on it from the source tree's top.
 set -eu
 
 root=${1:?usage: make-demo-root.sh ROOT}
@@ -12,25 +14,31 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$root"
 root=$(cd "$root" && pwd)
 data="$root/userdisk/data"
+media="$root/demo-media"
 tools="$here/tools/device"
 
-mkdir -p "$data" "$root/etc/talvernconfig" "$root/sbin" "$root/usr/sbin" "$root/tmp"
+mkdir -p "$media" "$root/etc/talvernconfig" "$root/sbin" "$root/usr/sbin" "$root/tmp"
 
 # Photos with the dates a camera writes.
 make_photo() { # file colours exif-date
-    [ -f "$data/$1" ] && return 0
-    convert -size 320x240 "gradient:$2" "$data/$1"
-    exiftool -q -overwrite_original "-DateTimeOriginal=$3" "$data/$1"
+    [ -f "$media/$1" ] && return 0
+    convert -size 320x240 "gradient:$2" "$media/$1"
+    exiftool -q -overwrite_original "-DateTimeOriginal=$3" "$media/$1"
 }
 make_photo photo.jpg skyblue-white "2021:05:06 07:08:09"
 make_photo sunset.jpg orange-purple "2019:08:15 19:45:00"
-[ -f "$data/drawing.png" ] || convert -size 64x64 xc:seagreen "$data/drawing.png"
+[ -f "$media/drawing.png" ] || convert -size 64x64 xc:seagreen "$media/drawing.png"
 
 # Ten seconds of video with a creation time, and five of audio.
-[ -f "$data/clip.mp4" ] || ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=160x120:rate=10 \
-    -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 "$data/clip.mp4"
-[ -f "$data/song.mp3" ] || ffmpeg -v error -y -f lavfi -i sine=frequency=440:duration=5 \
-    -metadata title=Tone "$data/song.mp3"
+[ -f "$media/clip.mp4" ] || ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=160x120:rate=10 \
+    -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 "$media/clip.mp4"
+[ -f "$media/song.mp3" ] || ffmpeg -v error -y -f lavfi -i sine=frequency=440:duration=5 \
+    -metadata title=Tone "$media/song.mp3"
+
+# A fresh user disk: no index, no folders left from an earlier run.
+rm -rf "$root/userdisk"
+mkdir -p "$data"
+cp -p "$media"/* "$data/"
 
 # Localised folder names, and the device's tools with what they answer.
 [ -d "$root/etc/talvernconfig/localization" ] ||
