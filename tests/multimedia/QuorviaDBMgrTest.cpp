@@ -387,4 +387,23 @@ TEST_F(QuorviaDBMgrTest, AnotherProcessLockDelaysAWriteWithinTheBusyTimeout) {
     EXPECT_TRUE(raw.paths().empty());
 }
 
+// An operator's reader with a transaction open (a backup, the sqlite3 shell)
+// neither holds up nor fails the store's writes: they go on in the log while
+// the reader keeps its snapshot.
+TEST_F(QuorviaDBMgrTest, AnOpenReaderOfAnotherProcessDoesNotHoldUpWrites) {
+    QuorviaDBMgr store(dbPath());
+    fill(store, {"/d/a.mp3", "/d/b.mp3"});
+    RawDb reader(dbPath());
+    EXPECT_EQ(Texts{"wal"}, reader.column("PRAGMA journal_mode"));
+    reader.exec("BEGIN");
+    EXPECT_EQ(2u, reader.paths().size());
+    const boost::chrono::steady_clock::time_point start = boost::chrono::steady_clock::now();
+    EXPECT_TRUE(store.deleteMetadataByPath("/d/a.mp3"));
+    EXPECT_LT(boost::chrono::steady_clock::now() - start,
+              boost::chrono::milliseconds(QuorviaDBMgr::kBusyTimeoutMillis / 2));
+    EXPECT_EQ(2u, reader.paths().size());
+    reader.exec("COMMIT");
+    EXPECT_EQ(Paths{"/d/b.mp3"}, reader.paths());
+}
+
 }  // namespace
