@@ -93,6 +93,8 @@ TEST_F(MetadataRemoteDaemonTest, RequestsCarryTheKeysInOrder) {
     // viaThrift hands the local operations to the remote route.
     Metadata::getImageMetadata("/d/b.jpg", "b.jpg", 7, metadata, "h4", true);
     EXPECT_NE(std::string::npos, handler_->lastRequest().find("\"hash\": \"h4\""));
+    Metadata::getVideoMetadata("/d/w.mp4", "w.mp4", 7, metadata, "h5", true);
+    EXPECT_NE(std::string::npos, handler_->lastRequest().find("\"api\": 2"));
 }
 
 std::string fields(const metadata_s& m) {
