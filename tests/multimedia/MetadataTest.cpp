@@ -14,7 +14,7 @@ using talvern::metadata_s;
 
 namespace {
 
-const char* const kConvert = "/usr/bin/convert";
+const long kMtime = 1500000000;
 
 // Local wall-clock time in the test's zone.
 long localTime(int year, int month, int day, int hour, int minute, int second) {
@@ -34,16 +34,13 @@ protected:
     // A small JPEG without EXIF, then the given exiftool arguments applied.
     std::string jpeg(const std::string& name, const std::string& exiftoolArgs) {
         const std::string file = path("/" + name);
-        EXPECT_EQ(0,
-                  shell(std::string(kConvert) + " -size 16x16 xc:red -strip 'jpg:" + file + "'"));
+        EXPECT_EQ(0, shell("/usr/bin/convert -size 16x16 xc:red -strip 'jpg:" + file + "'"));
         if (!exiftoolArgs.empty()) {
             EXPECT_EQ(0, shell("exiftool -q -overwrite_original " + exiftoolArgs + " '" + file +
                                "' >/dev/null"));
         }
+        EXPECT_EQ(0, shell("touch -d @" + std::to_string(kMtime) + " '" + file + "'"));
         return file;
-    }
-    void setModified(const std::string& file, long seconds) {
-        EXPECT_EQ(0, shell("touch -d @" + std::to_string(seconds) + " '" + file + "'"));
     }
 };
 
@@ -71,7 +68,6 @@ TEST_F(MetadataTest, NameDecidesTypeAndTitleOfNonJpegImages) {
 
 TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
     const long defaultTime = 1600000000;
-    const long mtime = 1500000000;
     struct Case {
         const char* label;
         std::string exiftool;
@@ -90,8 +86,8 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
          localTime(1980, 1, 1, 0, 0, 0), 0},
         {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
          defaultTime, 0},
-        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, mtime, 0},
-        {"no date tag, mtime", "-Make=Quorvia", 0, mtime, 0},
+        {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, kMtime, 0},
+        {"no date tag, mtime", "-Make=Quorvia", 0, kMtime, 0},
         // Without EXIF the default stands, even when there is none.
         {"no exif, no default", "", 0, 0, -1},
         {"no exif, default", "", 55, 55, -1},
@@ -100,7 +96,6 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
         const std::string file = jpeg("p" + std::to_string(n++), c.exiftool);
-        setModified(file, mtime);
         metadata_s metadata;
         // The name, not the path, sends a file down the JPEG route.
         EXPECT_EQ(c.result, Metadata::getImageMetadata(file, "PHOTO.JpEg", c.defaultModifyTime,
