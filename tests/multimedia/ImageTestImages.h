@@ -108,26 +108,17 @@ inline bool exists(const std::string& path) {
     return lstat(path.c_str(), &info) == 0;
 }
 
-// Offset of the first SOF marker's height field, npos if none.
-inline size_t sofDimensionsOffset(const std::string& jpeg) {
+// The JPEG with its first frame header (SOF0..2) claiming width x height.
+inline std::string withClaimedSize(std::string jpeg, int width, int height) {
     for (size_t i = 2; i + 9 < jpeg.size(); ++i) {
         const unsigned char marker = static_cast<unsigned char>(jpeg[i + 1]);
-        if (static_cast<unsigned char>(jpeg[i]) == 0xFF &&
-            (marker == 0xC0 || marker == 0xC1 || marker == 0xC2)) {
-            return i + 5;
+        if (static_cast<unsigned char>(jpeg[i]) == 0xFF && marker >= 0xC0 && marker <= 0xC2) {
+            jpeg[i + 5] = static_cast<char>(height >> 8);
+            jpeg[i + 6] = static_cast<char>(height & 0xFF);
+            jpeg[i + 7] = static_cast<char>(width >> 8);
+            jpeg[i + 8] = static_cast<char>(width & 0xFF);
+            break;
         }
-    }
-    return std::string::npos;
-}
-
-// The JPEG with its frame header claiming width x height.
-inline std::string withClaimedSize(std::string jpeg, int width, int height) {
-    const size_t at = sofDimensionsOffset(jpeg);
-    if (at != std::string::npos) {
-        jpeg[at] = static_cast<char>(height >> 8);
-        jpeg[at + 1] = static_cast<char>(height & 0xFF);
-        jpeg[at + 2] = static_cast<char>(width >> 8);
-        jpeg[at + 3] = static_cast<char>(width & 0xFF);
     }
     return jpeg;
 }
@@ -176,16 +167,12 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
     return true;
 }
 
-// Where the frames of a GIF start: behind the header and its colour table.
-inline size_t gifFramesStart(const std::string& gif) {
-    const unsigned char flags = static_cast<unsigned char>(gif[10]);
-    return 13 + ((flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0);
-}
-
 // A GIF of frames copies of the one frame in oneFrameGif, written by hand
 // (ImageMagick takes minutes to write a thousand frames).
 inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
-    const size_t framesStart = gifFramesStart(oneFrameGif);
+    // The frames start behind the header and its colour table.
+    const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
+    const size_t framesStart = 13 + ((flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0);
     const std::string frame =
         oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
     std::string gif = oneFrameGif.substr(0, framesStart);
