@@ -24,14 +24,6 @@ protected:
         middleRoot_ = ConfigInfo::sGetInstance()->getMiddleIconsRootPath();
     }
 
-    // A JPEG padded with bytes behind its end to exactly size bytes.
-    void padTo(const std::string& path, size_t size) {
-        std::string bytes = readAll(path);
-        ASSERT_LE(bytes.size(), size);
-        bytes.resize(size, '\0');
-        writeAll(path, bytes);
-    }
-
     ImageUtil util_;
     std::string dir_;
     std::string smallRoot_;
@@ -95,7 +87,11 @@ TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
 TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIsSharedByHash) {
     const std::string atLimit = dir_ + "/at-limit.jpg";
     ASSERT_TRUE(makeRedBlue(atLimit, 1600, 1200, false));
-    padTo(atLimit, ImageUtil::kCopyWithoutResizeSize);
+    // Padded behind its end to exactly the limit.
+    std::string padded = readAll(atLimit);
+    ASSERT_LE(padded.size(), ImageUtil::kCopyWithoutResizeSize);
+    padded.resize(ImageUtil::kCopyWithoutResizeSize, '\0');
+    writeAll(atLimit, padded);
     std::string thumb;
     EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(middleRoot_ + "/ab/cd/abcdef01.jpg", thumb);
@@ -169,11 +165,7 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
     const std::string source = dir_ + "/a.jpg";
     ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
     ASSERT_TRUE(addExifThumbnail(source, 1, dir_));
-    std::string climbing = dir_;
-    for (int i = 0; i < 12; ++i) {
-        climbing += "/..";
-    }
-    climbing += source;
+    const std::string climbing = dir_ + "/../../../../../../../../../../../.." + source;
     EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(1, log_.count("generate thumb path, " + climbing +
                             " would leave the thumbnail tree"));
