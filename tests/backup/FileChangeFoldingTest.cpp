@@ -86,12 +86,9 @@ TEST(FileChangeMaskTest, KernelMasksMapInTableOrder) {
         EXPECT_EQ(rows[i].expected, FileChangeMonitor::inotifyMaskTransfer(rows[i].mask))
             << std::hex << rows[i].mask;
     }
-    const char* const texts[] = {"", "TALVERN_MODIFY", "TALVERN_CREATE", "TALVERN_DELETE",
-                                 "TALVERN_FROM", "TALVERN_TO", "", "", "", ""};
-    for (int mask = 0; mask < 10; ++mask) {
-        const WatchMask watchMask = static_cast<WatchMask>(mask);
-        EXPECT_EQ(texts[mask], FileChangeMonitor::convertWatchMaskToString(watchMask));
-    }
+    // Log lines print the name; a value outside the enum must not read past the names.
+    EXPECT_EQ("TALVERN_TO", FileChangeMonitor::convertWatchMaskToString(TALVERN_TO));
+    EXPECT_EQ("", FileChangeMonitor::convertWatchMaskToString(static_cast<WatchMask>(9)));
 }
 
 TEST_F(FileChangeFoldingTest, EventSequencesGiveTheirItems) {
