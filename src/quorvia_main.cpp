@@ -1,6 +1,7 @@
-// The daemon: logging, the file-following side, then the Thrift service on 127.0.0.1:9088 from the main
-// thread for the life of the process. It stays in the foreground; whatever
-// supervises it starts and restarts it, and a signal ends it.
+// The daemon: logging, the file-following side, then the Thrift service on
+// 127.0.0.1:9088 from the main thread for the life of the process. It stays
+// in the foreground; whatever supervises it starts and restarts it, and a
+// signal ends it.
 
 #include <glog/logging.h>
 #include <stdio.h>

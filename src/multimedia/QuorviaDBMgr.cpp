@@ -61,11 +61,11 @@ bool QuorviaDBMgr::openDB() {
 // With a rollback journal every commit costs two or three flushes to the
 // disk (1.5 to 15 ms each here), so a folder of 10,000 deleted files took 20 s
 // of one-row commits, and every lookup paid file locks, two probes and a
-// header read (25 us a lookup against 17). In write-ahead mode a commit appends to the log and flushes only at a
-// checkpoint; a power cut can lose the last commits, never the file's
-// consistency, and a lost row only means a file read again. A file system
-// that can't hold the log's shared index keeps the old mode: the store works
-// as before, only slower.
+// header read (25 us a lookup against 17). In write-ahead mode a commit
+// appends to the log and flushes only at a checkpoint; a power cut can lose
+// the last commits, never the file's consistency, and a lost row only means a
+// file read again. A file system that can't hold the log's shared index keeps
+// the old mode: the store works as before, only slower.
 void QuorviaDBMgr::useWriteAheadLog() {
     sqlite3_stmt* stmt = NULL;
     std::string mode;
@@ -75,7 +75,8 @@ void QuorviaDBMgr::useWriteAheadLog() {
     }
     sqlite3_finalize(stmt);
     if (mode != "wal") {
-        QLOG(WARNING) << "QuorviaDBMgr keeps journal mode : " << mode << " , " << sqlite3_errmsg(db_);
+        QLOG(WARNING) << "QuorviaDBMgr keeps journal mode : " << mode << " , "
+                      << sqlite3_errmsg(db_);
         return;
     }
     execSql("PRAGMA synchronous=NORMAL;");

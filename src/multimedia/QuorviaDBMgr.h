@@ -15,12 +15,12 @@ namespace quorvia {
 
 // The index of media metadata: one SQLite database, one row per file content
 // keyed by its hash. All threads share one connection, in write-ahead-log mode
-// where the file system allows it. Every public operation
-// holds mutex_ for its whole body, except getMetadataByHash (reads without it,
-// relying on SQLite's serialized threading mode) and getFileHash (locks only
-// around its own store calls, not across the file read). Operations answer
-// with bool and log their failures; on a store that could not be opened they
-// fail at prepare and take their failure route.
+// where the file system allows it. Every public operation holds mutex_ for its
+// whole body, except getMetadataByHash (reads without it, relying on SQLite's
+// serialized threading mode) and getFileHash (locks only around its own store
+// calls, not across the file read). Operations answer with bool and log their
+// failures; on a store that could not be opened they fail at prepare and take
+// their failure route.
 class QuorviaDBMgr {
 public:
     // Schema version this build expects.
