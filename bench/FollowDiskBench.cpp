@@ -2,7 +2,6 @@
 // a deleted folder of 10,000 indexed files take to go, and the hit path's
 // latency while a moved folder of 10,000 indexed files is rewritten.
 // Printed, not asserted.
-#include <glog/logging.h>
 #include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -142,9 +141,7 @@ void benchHitDuringMove(const std::string& root) {
 }  // namespace
 
 int main() {
-    quorvia_bench::silenceThrift();
-    google::InitGoogleLogging("follow-bench");
-    FLAGS_minloglevel = google::GLOG_FATAL;
+    quorvia_bench::quietBenchProcess("follow-bench");
     if (quorvia_bench::accepting(DAEMON_PORT)) {
         printf("port %d is taken: no figures\n", DAEMON_PORT);
         return 0;

@@ -8,7 +8,6 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 #include <fcntl.h>
-#include <glog/logging.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdio.h>
@@ -239,10 +238,7 @@ void benchMissPath(const std::string& root, double seconds, bool quiet) {
 }  // namespace
 
 int main() {
-    quorvia_bench::silenceThrift();
-    // The bench's own store set-up logs nothing; the daemon logs as deployed.
-    google::InitGoogleLogging("rpc-bench");
-    FLAGS_minloglevel = google::GLOG_FATAL;
+    quorvia_bench::quietBenchProcess("rpc-bench");
     const std::string tools = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
     setenv("PATH", tools.c_str(), 1);
     const double seconds = benchSeconds();
