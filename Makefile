@@ -5,6 +5,7 @@
 JOBS ?= 2
 SANITIZE ?=
 FUZZ_SECONDS ?= 30
+SOAK_SECONDS ?= 120
 CMAKE_FLAGS ?=
 comma := ,
 
@@ -38,6 +39,10 @@ fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DQUORVIA_FUZZ=ON >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@sh fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+soak: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target DaemonSoak
+	@SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/soak/DaemonSoak
 
 # The daemon in the foreground on a demo device root under the build folder.
 run: build

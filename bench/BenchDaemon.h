@@ -2,6 +2,8 @@
 #define QUORVIA_BENCH_BENCHDAEMON_H
 
 #include <fcntl.h>
+#include <sqlite3.h>
+#include <stdio.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -14,6 +16,10 @@
 #include <glog/logging.h>
 #include <thrift/TOutput.h>
 #include <thrift/transport/TSocket.h>
+
+#include "LoadGenerator.h"
+#include "multimedia/QuorviaDBMgr.h"
+#include "system/ConfigInfo.h"
 
 namespace quorvia_bench {
 
@@ -85,6 +91,70 @@ inline pid_t startDaemon(const std::string& root, bool quiet) {
 inline void stopDaemon(pid_t pid) {
     kill(pid, SIGKILL);
     waitpid(pid, NULL, 0);
+}
+
+// A device root, made the QUORVIA_ROOT of this process, whose store holds
+// rows for the hashes h0 ... h(rows - 1) and whose data folder holds a photo
+// with EXIF (photo.jpg) and a 10-second clip with a creation time (clip.mp4).
+inline std::string makeRoot(int rows) {
+    char pattern[] = "/tmp/quorvia-bench-XXXXXX";
+    const std::string root = mkdtemp(pattern);
+    setenv("QUORVIA_ROOT", root.c_str(), 1);
+    const std::string data = root + "/userdisk/data";
+    const std::string command =
+        "mkdir -p " + data + " " + root + "/glog && cd " + data +
+        " && convert -size 640x480 gradient:skyblue-white photo.jpg"
+        " && exiftool -q -overwrite_original '-DateTimeOriginal=2021:05:06 07:08:09' photo.jpg"
+        " && ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=320x240:rate=25"
+        " -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 clip.mp4";
+    if (system(command.c_str()) != 0) {
+        fprintf(stderr, "could not make the sample media\n");
+    }
+    const std::string dbPath =
+        talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath() + "/quorvia.db";
+    { quorvia::QuorviaDBMgr schema(dbPath); }
+    sqlite3* db = NULL;
+    sqlite3_open(dbPath.c_str(), &db);
+    sqlite3_exec(db, "BEGIN", NULL, NULL, NULL);
+    sqlite3_stmt* insert = NULL;
+    sqlite3_prepare_v2(
+        db,
+        "INSERT OR REPLACE INTO quorvia(HASH,PATH,TITLE,DATE,MIME,DURATION,ARTIST,ALBUM)"
+        "VALUES (?,?,?,?,?,?,?,?);",
+        -1, &insert, NULL);
+    for (int i = 0; i < rows; ++i) {
+        const std::string hash = "h" + std::to_string(i);
+        const std::string path = data + "/photos/IMG_" + std::to_string(i) + ".jpg";
+        const std::string title = "IMG_" + std::to_string(i) + ".jpg";
+        sqlite3_bind_text(insert, 1, hash.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 2, path.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 3, title.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_int64(insert, 4, 1600000000 + i);
+        sqlite3_bind_text(insert, 5, "image/jpeg", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 6, "", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 7, "", -1, SQLITE_STATIC);
+        sqlite3_bind_text(insert, 8, "", -1, SQLITE_STATIC);
+        sqlite3_step(insert);
+        sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    sqlite3_exec(db, "COMMIT", NULL, NULL, NULL);
+    sqlite3_close(db);
+    return root;
+}
+
+inline std::string imageRequest(const std::string& path, const std::string& hash) {
+    return "{\"api\":0,\"path\":\"" + path + "\",\"name\":\"photo.jpg\",\"hash\":\"" + hash +
+           "\",\"defaultModifyTime\":0}";
+}
+
+// Requests for the rows of makeRoot(rows), spread over the table.
+inline LoadGenerator::RequestOf hitRequests(const std::string& root, int rows) {
+    return [root, rows](int thread, long n) {
+        const long row = (n * 7919 + thread * 104729) % rows;
+        return imageRequest(root + "/userdisk/data/photos/IMG_" + std::to_string(row) + ".jpg",
+                            "h" + std::to_string(row));
+    };
 }
 
 }  // namespace quorvia_bench

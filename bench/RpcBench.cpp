@@ -10,7 +10,6 @@ extern "C" {
 }
 #include <fcntl.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -20,20 +19,22 @@ extern "C" {
 #include <chrono>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "BenchDaemon.h"
 #include "LoadGenerator.h"
-#include "multimedia/QuorviaDBMgr.h"
-#include "system/ConfigInfo.h"
 #include "thriftwrapper/QuorviaServer.h"
 
 namespace {
 
+const int STORE_ROWS = 100000;
+
 using quorvia_bench::DAEMON_PORT;
+using quorvia_bench::hitRequests;
+using quorvia_bench::imageRequest;
+using quorvia_bench::makeRoot;
 using quorvia_bench::LoadFigures;
 using quorvia_bench::LoadGenerator;
 using quorvia_bench::accepting;
@@ -41,7 +42,6 @@ using quorvia_bench::startDaemon;
 using quorvia_bench::stopDaemon;
 using quorvia_bench::waitAccepting;
 
-const int STORE_ROWS = 100000;
 
 class EmptyHandler : virtual public talvern::TalvernIf {
 public:
@@ -71,11 +71,6 @@ void print(const std::string& label, const LoadFigures& figures, double ratio = 
     }
     printf("\n");
     fflush(stdout);
-}
-
-std::string imageRequest(const std::string& path, const std::string& hash) {
-    return "{\"api\":0,\"path\":\"" + path + "\",\"name\":\"photo.jpg\",\"hash\":\"" + hash +
-           "\",\"defaultModifyTime\":0}";
 }
 
 std::string videoRequest(const std::string& path, const std::string& hash) {
@@ -137,53 +132,6 @@ void benchAgainstBare(int connections, double seconds, const LoadGenerator::Requ
     print(label, medianOf(daemon), median(ratios));
 }
 
-// A device root whose store holds STORE_ROWS rows with hashes h0 ... and a
-// data folder with a photo and a clip.
-std::string makeRoot() {
-    char pattern[] = "/tmp/quorvia-bench-XXXXXX";
-    const std::string root = mkdtemp(pattern);
-    setenv("QUORVIA_ROOT", root.c_str(), 1);
-    const std::string data = root + "/userdisk/data";
-    const std::string command =
-        "mkdir -p " + data + " " + root + "/glog && cd " + data +
-        " && convert -size 640x480 gradient:skyblue-white photo.jpg"
-        " && exiftool -q -overwrite_original '-DateTimeOriginal=2021:05:06 07:08:09' photo.jpg"
-        " && ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=320x240:rate=25"
-        " -metadata creation_time=2022-03-04T10:20:30Z -c:v mpeg4 clip.mp4";
-    if (system(command.c_str()) != 0) {
-        fprintf(stderr, "could not make the sample media\n");
-    }
-    const std::string dbPath = talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath() + "/quorvia.db";
-    { quorvia::QuorviaDBMgr schema(dbPath); }
-    sqlite3* db = NULL;
-    sqlite3_open(dbPath.c_str(), &db);
-    sqlite3_exec(db, "BEGIN", NULL, NULL, NULL);
-    sqlite3_stmt* insert = NULL;
-    sqlite3_prepare_v2(db,
-                       "INSERT OR REPLACE INTO quorvia(HASH,PATH,TITLE,DATE,MIME,DURATION,ARTIST,ALBUM)"
-                       "VALUES (?,?,?,?,?,?,?,?);",
-                       -1, &insert, NULL);
-    for (int i = 0; i < STORE_ROWS; ++i) {
-        const std::string hash = "h" + std::to_string(i);
-        const std::string path = data + "/photos/IMG_" + std::to_string(i) + ".jpg";
-        const std::string title = "IMG_" + std::to_string(i) + ".jpg";
-        sqlite3_bind_text(insert, 1, hash.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(insert, 2, path.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(insert, 3, title.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_int64(insert, 4, 1600000000 + i);
-        sqlite3_bind_text(insert, 5, "image/jpeg", -1, SQLITE_STATIC);
-        sqlite3_bind_text(insert, 6, "", -1, SQLITE_STATIC);
-        sqlite3_bind_text(insert, 7, "", -1, SQLITE_STATIC);
-        sqlite3_bind_text(insert, 8, "", -1, SQLITE_STATIC);
-        sqlite3_step(insert);
-        sqlite3_reset(insert);
-    }
-    sqlite3_finalize(insert);
-    sqlite3_exec(db, "COMMIT", NULL, NULL, NULL);
-    sqlite3_close(db);
-    return root;
-}
-
 // A field of /proc/PID/status in KiB ("VmRSS:", "RssAnon:", "RssFile:").
 long statusKiB(pid_t pid, const std::string& field) {
     std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
@@ -198,14 +146,6 @@ long statusKiB(pid_t pid, const std::string& field) {
 
 long rssKiB(pid_t pid) { return statusKiB(pid, "VmRSS:"); }
 
-LoadGenerator::RequestOf hitRequests(const std::string& root) {
-    return [root](int thread, long n) {
-        const long row = (n * 7919 + thread * 104729) % STORE_ROWS;
-        return imageRequest(root + "/userdisk/data/photos/IMG_" + std::to_string(row) + ".jpg",
-                            "h" + std::to_string(row));
-    };
-}
-
 void benchHitPath(const std::string& root, bool quiet, double seconds) {
     const pid_t pid = startDaemon(root, quiet);
     const std::string how = quiet ? " (INFO lines off)" : " (INFO lines on)";
@@ -213,9 +153,9 @@ void benchHitPath(const std::string& root, bool quiet, double seconds) {
         const std::string label =
             "daemon hit, " + std::to_string(connections) + " connection(s)" + how;
         if (connections == 3) {
-            print(label, LoadGenerator::sRun(DAEMON_PORT, connections, seconds, hitRequests(root)));
+            print(label, LoadGenerator::sRun(DAEMON_PORT, connections, seconds, hitRequests(root, STORE_ROWS)));
         } else {
-            benchAgainstBare(connections, seconds, hitRequests(root), label);
+            benchAgainstBare(connections, seconds, hitRequests(root, STORE_ROWS), label);
         }
     }
     stopDaemon(pid);
@@ -229,9 +169,9 @@ void benchMemory(const std::string& root) {
     const long idle = rssKiB(pid);
     printf("daemon RSS idle: %ld KiB (anonymous %ld KiB, mapped files %ld KiB)\n", idle,
            statusKiB(pid, "RssAnon:"), statusKiB(pid, "RssFile:"));
-    LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root));
+    LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root, STORE_ROWS));
     const long after10k = rssKiB(pid);
-    LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root));
+    LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root, STORE_ROWS));
     const long after100k = rssKiB(pid);
     printf("daemon RSS: idle %ld KiB, after 10,000 requests %ld KiB, after 100,000 %ld KiB "
            "(growth from 10,000 to 100,000: %ld KiB)\n",
@@ -291,7 +231,7 @@ int main() {
         printf("port %d or %d is taken: no figures\n", DAEMON_PORT, BARE_PORT);
         return 0;
     }
-    const std::string root = makeRoot();
+    const std::string root = makeRoot(STORE_ROWS);
     const pid_t bare = startBareServer();
     benchHitPath(root, false, seconds);
     benchHitPath(root, true, seconds);

@@ -1,0 +1,270 @@
+// A long run of the real daemon under everything its peers can do at once:
+// hits on several connections, misses that read media and insert rows,
+// unmounts that drop those rows again, bad input on raw sockets, crowds of
+// idle and stalled connections, and folder moves in the data folder that the
+// monitor follows. SOAK_SECONDS (default 120) bounds it. Prints what was sent
+// and the daemon's memory, descriptors and threads as the run goes; exits 1
+// when the daemon died, stopped answering, or failed a well-formed request.
+
+#include <dirent.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchDaemon.h"
+#include "LoadGenerator.h"
+#include "thriftwrapper/RawConnection.h"
+
+namespace {
+
+using quorvia_bench::DAEMON_PORT;
+using quorvia_bench::LoadFigures;
+using quorvia_bench::LoadGenerator;
+using quorvia_test::RawConnection;
+namespace wire = quorvia_test::wire;
+typedef std::chrono::steady_clock Clock;
+
+const int STORE_ROWS = 10000;
+const int HIT_CONNECTIONS = 4;
+// Misses between two unmounts of the rows that misses insert.
+const long MISSES_PER_UNMOUNT = 500;
+// A crowd that closes while the next one opens may be seen by the server as
+// both at once: two of them and the soak's other connections stay below the
+// server's connection limit, past which new peers are turned away.
+const int CROWD_SIZE = 200;
+const int SAMPLE_SECONDS = 5;
+
+double soakSeconds() {
+    const char* text = getenv("SOAK_SECONDS");
+    return text != NULL && atof(text) > 0 ? atof(text) : 120.0;
+}
+
+std::string request(int api, const std::string& path, const std::string& hash) {
+    return "{\"api\":" + std::to_string(api) + ",\"path\":\"" + path +
+           "\",\"name\":\"x\",\"hash\":\"" + hash + "\",\"defaultModifyTime\":0}";
+}
+
+// Image, video and audio misses on the sample media, each with a new hash;
+// every MISSES_PER_UNMOUNT-th request unmounts what they stored.
+LoadGenerator::RequestOf missRequests(const std::string& data) {
+    return [data](int, long n) {
+        if (n % MISSES_PER_UNMOUNT == MISSES_PER_UNMOUNT - 1) {
+            return "{\"api\":3,\"root\":\"" + data + "/media\"}";
+        }
+        const std::string hash = "miss-" + std::to_string(n);
+        switch (n % 3) {
+            case 0:
+                return request(0, data + "/media/photo.jpg", hash);
+            case 1:
+                return request(2, data + "/media/clip.mp4", hash);
+            default:
+                return request(1, data + "/media/song.mp3", hash);
+        }
+    };
+}
+
+// What no well-behaved peer sends, each on a connection of its own.
+std::vector<std::string> badInputs(const std::string& root) {
+    const std::string data = root + "/userdisk/data";
+    return {
+        wire::requestCall(request(0, "\xff\xfe\xc3", "\xc3\x28")),
+        wire::requestCall(std::string(10000, '[') + std::string(10000, ']')),
+        wire::requestCall("{\"api\":4294967296,\"root\":\"/\"}"),
+        wire::requestCall("{\"api\":-1}"),
+        wire::requestCall("{\"api\":3,\"root\":\"\"}"),
+        wire::requestCall(request(0, data, "dir")),
+        wire::requestCall(request(2, "/dev/zero", "zero")),
+        wire::requestCall(request(2, root + "/fifo.mp4", "fifo")),
+        wire::requestCall(request(0, data + "/media/damaged.jpg", "damaged")),
+        wire::requestCall(request(2, data + "/media/damaged.mp4", "damaged-video")),
+        wire::requestCall(std::string(70 * 1024, 'a')),
+        wire::frame(wire::head("nosuchmethod", 1, 7) + '\0'),
+        wire::frame(wire::head("request", 2, 7) + '\0'),
+        wire::i32(0x7fffffff) + "partial",
+        wire::i32(100) + "half a frame",
+        std::string("GET / HTTP/1.1\r\nHost: x\r\n\r\n"),
+    };
+}
+
+// Sends bytes, then waits up to a second for an answer or the close.
+void sendBad(const std::string& bytes) {
+    RawConnection connection(DAEMON_PORT, 1);
+    if (connection.connected() && connection.send(bytes)) {
+        connection.readFrame();
+    }
+}
+
+bool answers() {
+    return LoadGenerator::sSend(DAEMON_PORT, 1, [](int, long) {
+               return std::string("{\"api\":1,\"path\":\"/p/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"alive\"}");
+           }) == 0;
+}
+
+// Connections that say nothing, or half a frame, and are held for a while.
+void holdCrowd() {
+    std::vector<std::unique_ptr<RawConnection>> crowd;
+    for (int i = 0; i < CROWD_SIZE; ++i) {
+        crowd.emplace_back(new RawConnection(DAEMON_PORT, 1));
+        if (i % 2 == 0) {
+            crowd.back()->send(wire::i32(64) + "stalled");
+        }
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+}
+
+// Folders made, filled, renamed, moved and deleted under the data folder.
+void churnFolders(const std::string& data, long round) {
+    const std::string base = data + "/churn" + std::to_string(round % 4);
+    const std::string command = "mkdir -p " + base + "/a/b && cd " + base +
+                                " && for i in 1 2 3 4 5 6 7 8; do echo $i > a/b/f$i.jpg; done"
+                                " && mv a c && mv c/b d && rm -rf c d";
+    if (system(command.c_str()) != 0) {
+        fprintf(stderr, "churn round %ld failed\n", round);
+    }
+}
+
+struct Sample {
+    double seconds;
+    long rssKiB;
+    long descriptors;
+    long threads;
+};
+
+long statusField(pid_t pid, const std::string& field) {
+    std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, field.size(), field) == 0) {
+            return atol(line.c_str() + field.size());
+        }
+    }
+    return -1;
+}
+
+long descriptorCount(pid_t pid) {
+    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    long count = 0;
+    while (dir != NULL && readdir(dir) != NULL) {
+        ++count;
+    }
+    if (dir != NULL) {
+        closedir(dir);
+    }
+    return count - 2;
+}
+
+Sample sample(pid_t pid, Clock::time_point start) {
+    const Sample taken = {std::chrono::duration<double>(Clock::now() - start).count(),
+                          statusField(pid, "VmRSS:"), descriptorCount(pid),
+                          statusField(pid, "Threads:")};
+    printf("%6.0f s  RSS %6ld KiB  descriptors %4ld  threads %3ld\n", taken.seconds,
+           taken.rssKiB, taken.descriptors, taken.threads);
+    fflush(stdout);
+    return taken;
+}
+
+bool alive(pid_t pid) { return waitpid(pid, NULL, WNOHANG) == 0; }
+
+void makeMedia(const std::string& root) {
+    const std::string media = root + "/userdisk/data/media";
+    const std::string command =
+        "mkdir -p " + media + " " + root + "/etc/talvernconfig && cp -r " +
+        QUORVIA_SOURCE_DIR + "/data/localization " + root + "/etc/talvernconfig/ && cd " +
+        media + " && mv ../photo.jpg ../clip.mp4 . && mkfifo " + root + "/fifo.mp4" +
+        " && ffmpeg -v error -y -f lavfi -i sine=duration=2 -metadata title=Soak song.mp3" +
+        " && head -c 3000 photo.jpg > damaged.jpg && head -c 5000 clip.mp4 > damaged.mp4";
+    if (system(command.c_str()) != 0) {
+        fprintf(stderr, "could not make the soak's media\n");
+    }
+}
+
+}  // namespace
+
+int main() {
+    quorvia_bench::quietBenchProcess("quorvia-soak");
+    const std::string tools = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
+    setenv("PATH", tools.c_str(), 1);
+    if (quorvia_bench::accepting(DAEMON_PORT)) {
+        printf("port %d is taken: no soak\n", DAEMON_PORT);
+        return 1;
+    }
+    const double seconds = soakSeconds();
+    const std::string root = quorvia_bench::makeRoot(STORE_ROWS);
+    const std::string data = root + "/userdisk/data";
+    makeMedia(root);
+    const pid_t pid = quorvia_bench::startDaemon(root, true);
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end = start + std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    std::atomic<long> badSent(0), badUnanswered(0), crowds(0), churns(0);
+    LoadFigures hits = {0, 0, 0, 0, 0};
+    LoadFigures misses = {0, 0, 0, 0, 0};
+    std::vector<std::thread> peers;
+    peers.emplace_back([&] {
+        hits = LoadGenerator::sRun(DAEMON_PORT, HIT_CONNECTIONS, seconds,
+                                   quorvia_bench::hitRequests(root, STORE_ROWS));
+    });
+    peers.emplace_back([&] { misses = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, missRequests(data)); });
+    peers.emplace_back([&] {
+        const std::vector<std::string> inputs = badInputs(root);
+        for (size_t i = 0; Clock::now() < end; ++i) {
+            sendBad(inputs[i % inputs.size()]);
+            ++badSent;
+            if (!answers()) {
+                ++badUnanswered;
+            }
+        }
+    });
+    peers.emplace_back([&] {
+        for (; Clock::now() < end; ++crowds) {
+            holdCrowd();
+        }
+    });
+    peers.emplace_back([&] {
+        for (; Clock::now() < end; ++churns) {
+            churnFolders(data, churns);
+        }
+    });
+    std::vector<Sample> samples;
+    while (Clock::now() < end && alive(pid)) {
+        samples.push_back(sample(pid, start));
+        std::this_thread::sleep_for(std::chrono::seconds(SAMPLE_SECONDS));
+    }
+    for (std::thread& peer : peers) {
+        peer.join();
+    }
+    const bool survived = alive(pid) && answers();
+    if (survived) {
+        samples.push_back(sample(pid, start));
+    }
+    long maxRss = 0;
+    for (const Sample& taken : samples) {
+        maxRss = std::max(maxRss, taken.rssKiB);
+    }
+    printf("hits: %ld on %d connections (%.0f req/s, p99 %.0f us), %ld failed\n", hits.requests,
+           HIT_CONNECTIONS, hits.requestsPerSecond, hits.p99Micros, hits.failures);
+    printf("misses and unmounts: %ld (%.0f req/s), %ld failed\n", misses.requests,
+           misses.requestsPerSecond, misses.failures);
+    printf("bad inputs: %ld, after which the daemon did not answer: %ld\n", badSent.load(),
+           badUnanswered.load());
+    printf("crowds of %d idle connections: %ld; folder churn rounds: %ld\n", CROWD_SIZE,
+           crowds.load(), churns.load());
+    printf("RSS: first %ld KiB, last %ld KiB, most %ld KiB; descriptors first %ld, last %ld\n",
+           samples.front().rssKiB, samples.back().rssKiB, maxRss, samples.front().descriptors,
+           samples.back().descriptors);
+    const bool clean = survived && hits.failures == 0 && misses.failures == 0 && badUnanswered == 0;
+    printf("%s\n", clean ? "soak passed" : survived ? "soak FAILED: requests failed"
+                                                     : "soak FAILED: the daemon died or hangs");
+    quorvia_bench::stopDaemon(pid);
+    const std::string cleanup = "rm -rf '" + root + "'";
+    return clean && system(cleanup.c_str()) == 0 ? 0 : 1;
+}
