@@ -8,6 +8,7 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,7 +23,6 @@ typedef std::vector<std::string> Names;
 // task end; shared between the worker and the test.
 class Journal {
 public:
-    Journal() : open_(false) {}
     void note(const std::string& entry) {
         boost::lock_guard<boost::mutex> lock(mutex_);
         entries_.push_back(entry);
@@ -35,21 +35,15 @@ public:
                           [this, count] { return entries_.size() >= count; });
         return entries_;
     }
-    void open() {
-        boost::lock_guard<boost::mutex> lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    void waitOpen() {
-        boost::unique_lock<boost::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return open_; });
-    }
+    void open() { gate_.set_value(); }
+    void waitOpen() { opened_.wait(); }
 
 private:
     boost::mutex mutex_;
     boost::condition_variable changed_;
     Names entries_;
-    bool open_;
+    std::promise<void> gate_;
+    std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
 // Notes its name when run, then does what then_ says; a task that should not
