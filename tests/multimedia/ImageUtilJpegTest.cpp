@@ -16,19 +16,23 @@ using namespace quorvia_test;
 namespace {
 
 struct Resized {
-    int result, srcWidth, srcHeight, outWidth, outHeight;
+    int result;
     bool buffer;
     unsigned long size;
+    std::string sizes;  // "srcWxsrcH outWxoutH"
 };
 
-// resizeJpeg towards 1280x720 unless told otherwise, unchunked; frees the buffer.
-Resized resize(ImageUtil& util, const std::string& source, std::string target,
-               int side = 1280, int otherSide = 720) {
-    Resized r{0, -7, -7, -7, -7, false, 1};
+// resizeJpeg towards side x otherSide, unchunked; frees the buffer.
+Resized resize(ImageUtil& util, const std::string& source, std::string target, int side = 1280,
+               int otherSide = 720) {
+    Resized r{0, false, 1, ""};
     unsigned char* buffer = reinterpret_cast<unsigned char*>(1);
-    r.result = util.resizeJpeg(source, target, &buffer, &r.size, &r.srcWidth, &r.srcHeight,
-                               side, otherSide, &r.outWidth, &r.outHeight, 0);
+    int sw = -7, sh = -7, ow = -7, oh = -7;
+    r.result = util.resizeJpeg(source, target, &buffer, &r.size, &sw, &sh, side, otherSide, &ow,
+                               &oh, 0);
     r.buffer = buffer != NULL;
+    r.sizes = std::to_string(sw) + "x" + std::to_string(sh) + " " + std::to_string(ow) + "x" +
+              std::to_string(oh);
     std::free(buffer);
     return r;
 }
@@ -47,89 +51,68 @@ protected:
 
 }  // namespace
 
-// raw 0: the initial size is not checked for that row.
 TEST(ImageUtilSampleSize, Table) {
     struct Case {
-        int width, height, side, pixels, raw, factor;
+        int width, height, side, pixels, factor;
     } const cases[] = {
-        {1280, 720, 1280, 921600, 1, 1},    {1281, 721, 1280, 921600, 2, 2},
-        {3264, 2448, 1280, 921600, 3, 4},   {6000, 4000, 1280, 921600, 6, 8},
-        {10000, 10000, 1280, 921600, 11, 16}, {5000, 5000, -1, -1, 1, 1},
-        {5000, 5000, -1, 1000000, 5, 8},  // only a pixel bound
-        {3000, 4000, 1000, -1, 3, 4},     // only a side bound
-        {17000, 17000, 1000, -1, 0, 24},  // above 8: up to a multiple of 8
+        {1280, 720, 1280, 921600, 1},    {1281, 721, 1280, 921600, 2},
+        {3264, 2448, 1280, 921600, 4},   {6000, 4000, 1280, 921600, 8},
+        {10000, 10000, 1280, 921600, 16}, {5000, 5000, -1, -1, 1},
+        {5000, 5000, -1, 1000000, 8},  // only a pixel bound
+        {3000, 4000, 1000, -1, 4},     // only a side bound
+        {17000, 17000, 1000, -1, 24},  // above 8: up to a multiple of 8
     };
     ImageUtil util;
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
-        if (c.raw != 0) {
-            EXPECT_EQ(c.raw, util.computeInitialSampleSize(c.width, c.height, c.side, c.pixels));
-        }
         EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, c.side, c.pixels));
     }
 }
 
-TEST_F(ImageUtilJpegTest, BaselineAndProgressiveAreDecodedReducedAndSmallOnesCopied) {
+TEST_F(ImageUtilJpegTest, LargeSourcesAreDecodedReducedAndOthersCopied) {
     const std::string source = dir_ + "/big.jpg", target = dir_ + "/small.jpg";
-    for (const std::string& options : {std::string(""), std::string("-interlace Plane")}) {
-        SCOPED_TRACE(options);
-        ASSERT_TRUE(makeRedBlue(source, 3264, 2448, false, options + " -quality 80"));
-        const Resized r = resize(util_, source, target);
+    struct Case {
+        int width, height;
+        bool noisy;  // then the result outgrows the first buffer
+        const char* options;
+        int side, otherSide;
+        const char* sizes;
+        const char* scale;
+    } const cases[] = {
+        {3264, 2448, false, "", 1280, 720, "3264x2448 816x612",
+         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
+        {3264, 2448, false, "-interlace Plane", 1280, 720, "3264x2448 816x612",
+         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
+        {2000, 2000, true, "", 1000, 1000, "2000x2000 1000x1000",
+         "scale(1, 2) origin(2000, 2000) target(1000, 1000)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.scale + std::string(c.options));
+        ASSERT_TRUE(makeRedBlue(source, c.width, c.height, c.noisy,
+                                c.options + std::string(" -quality 90")));
+        const Resized r = resize(util_, source, target, c.side, c.otherSide);
         EXPECT_EQ(0, r.result);
         EXPECT_TRUE(r.buffer);
         EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), r.size);
-        EXPECT_EQ("3264x2448 816x612", std::to_string(r.srcWidth) + "x" +
-                                           std::to_string(r.srcHeight) + " " +
-                                           std::to_string(r.outWidth) + "x" +
-                                           std::to_string(r.outHeight));
-        EXPECT_EQ("816x612", geometryOf(target));
+        EXPECT_EQ(c.noisy, r.size > ImageUtil::kFirstBufferSize);
+        EXPECT_EQ(c.sizes, r.sizes);
+        EXPECT_EQ(r.sizes.substr(r.sizes.find(' ') + 1), geometryOf(target));
         EXPECT_EQ("RBRB", quarters(target));
-        EXPECT_TRUE(log_.contains("scale(1, 4) origin(3264, 2448) target(1280, 720)"));
+        EXPECT_TRUE(log_.contains(c.scale));
         EXPECT_TRUE(log_.contains("save to jpeg file success, target path is " + target +
                                   ", isUseChunk 0"));
     }
-    // No scaling needed: a byte-for-byte copy, no buffer, and -1.
-    ASSERT_TRUE(makeRedBlue(source, 1280, 720, false));
+    // A source of the largest side but needing no scaling: a byte-for-byte
+    // copy, no buffer, and -1.
+    ASSERT_TRUE(makeRedBlue(source, 64, 16, false));
+    writeAll(source, withClaimedSize(readAll(source), ImageUtil::kMaxJpegSide, 16));
     const Resized r = resize(util_, source, target);
     EXPECT_EQ(-1, r.result);
     EXPECT_FALSE(r.buffer);
     EXPECT_EQ(0u, r.size);
-    EXPECT_EQ(720, r.outHeight);
+    EXPECT_EQ("10000x16 10000x16", r.sizes);
     EXPECT_EQ(readAll(source), readAll(target));
     EXPECT_EQ(1, log_.count("no need to scale"));
-}
-
-TEST_F(ImageUtilJpegTest, OutputLargerThanFirstBufferGrowsWithoutLoss) {
-    const std::string source = dir_ + "/noise.jpg", target = dir_ + "/noise-small.jpg";
-    ASSERT_TRUE(
-        makeImage("-size 2600x2600 xc:gray +noise Random -type TrueColor -quality 95", source));
-    const Resized r = resize(util_, source, target, 1300, 1300);
-    EXPECT_EQ(0, r.result);
-    EXPECT_GT(r.size, static_cast<unsigned long>(ImageUtil::kFirstBufferSize));
-    EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), r.size);
-    EXPECT_EQ("1300x1300", geometryOf(target));
-}
-
-TEST_F(ImageUtilJpegTest, SideLimitRefusesBeforeDecoding) {
-    ASSERT_TRUE(makeRedBlue(dir_ + "/strip.jpg", 64, 16, false));
-    const std::string original = readAll(dir_ + "/strip.jpg");
-    const std::string source = dir_ + "/claimed.jpg", target = dir_ + "/claimed-out.jpg";
-    const int side = ImageUtil::kMaxJpegSide;
-    struct Case {
-        int width, height;
-        bool refused;
-    } const cases[] = {{side, 16, false}, {side + 1, 16, true}, {16, side + 1, true}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
-        writeAll(source, withClaimedSize(original, c.width, c.height));
-        log_.clear();
-        EXPECT_EQ(-1, resize(util_, source, target).result);
-        EXPECT_EQ(c.refused ? 1 : 0,
-                  log_.count("image too large, jpeg width is " + std::to_string(c.width) +
-                             " and jpeg height is " + std::to_string(c.height)));
-        EXPECT_EQ(!c.refused, exists(target));
-        unlink(target.c_str());
-    }
 }
 
 // Damaged, unsupported, oversized or unreadable: each fails at once with its
@@ -147,23 +130,28 @@ TEST_F(ImageUtilJpegTest, BadSourcesFailWithTheirReason) {
     }
     writeAll(dir_ + "/corrupt.jpg", damaged);
     writeAll(dir_ + "/text.jpg", "not a picture at all");
-    // A progressive decode keeps every coefficient: 10000 x 10000 in colour
-    // would take about 300 MB before a single scan is read.
     const std::string progressive = dir_ + "/progressive.jpg";
     ASSERT_TRUE(makeRedBlue(progressive, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
-    writeAll(dir_ + "/huge.jpg", withClaimedSize(readAll(progressive), 10000, 10000));
-    int scans = 0;
-    ASSERT_TRUE(writeManyScanJpeg(dir_ + "/scans.jpg", 2000, 1500, &scans));
-    ASSERT_GT(scans, ImageUtil::kMaxJpegScans);
+    const std::string small = readAll(progressive);
+    const int side = ImageUtil::kMaxJpegSide;
+    writeAll(dir_ + "/wide.jpg", withClaimedSize(small, side + 1, 16));
+    writeAll(dir_ + "/tall.jpg", withClaimedSize(small, 16, side + 1));
+    // A progressive decode keeps every coefficient: 10000 x 10000 in colour
+    // would take about 300 MB before a single scan is read.
+    writeAll(dir_ + "/huge.jpg", withClaimedSize(small, side, side));
+    ASSERT_TRUE(writeManyScanJpeg(dir_ + "/scans.jpg", 2000, 1500));
     ASSERT_EQ(0, mkfifo((dir_ + "/pipe.jpg").c_str(), 0644));
     const std::string decoder = "libjpeg: ";
     struct Case {
         const char* name;
         std::string line;
+        int severity = google::GLOG_ERROR;
     } const cases[] = {
         {"cmyk.jpg", decoder}, {"mid-scan.jpg", decoder}, {"corrupt.jpg", decoder},
         {"text.jpg", decoder}, {"huge.jpg", decoder + "Backing store not supported"},
         {"scans.jpg", "jpeg has more than 100 scans, give up"},
+        {"wide.jpg", "image too large, jpeg width is 10001 and jpeg height is 16", google::GLOG_INFO},
+        {"tall.jpg", "image too large, jpeg width is 16 and jpeg height is 10001", google::GLOG_INFO},
         {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
         {"missing.jpg", "resize jpeg, open file " + dir_ + "/missing.jpg fail"},
     };
@@ -171,9 +159,11 @@ TEST_F(ImageUtilJpegTest, BadSourcesFailWithTheirReason) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         log_.clear();
-        EXPECT_FALSE(resize(util_, dir_ + "/" + c.name, dir_ + "/out.jpg").buffer);
+        const Resized r = resize(util_, dir_ + "/" + c.name, dir_ + "/out.jpg");
+        EXPECT_EQ(-1, r.result);
+        EXPECT_FALSE(r.buffer);
         EXPECT_FALSE(exists(dir_ + "/out.jpg"));
-        EXPECT_TRUE(log_.contains(c.line, google::GLOG_ERROR));
+        EXPECT_TRUE(log_.contains(c.line, c.severity));
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
