@@ -257,7 +257,7 @@ TEST_F(FileChangeMonitorTest, QuietPassDeliversOnceWhenTheGateIsOpen) {
 
 // ---- The watch table, with the kernel's refusals simulated ----
 
-TEST_F(FileChangeMonitorTest, WatchLimitIsNamedOnceAndTheDirectoryRetried) {
+TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried) {
     mkdirs("a/b");
     mkdirs("locked");
     fake_->refuse[data_ + "/a/"] = ENOSPC;
@@ -289,17 +289,16 @@ TEST_F(FileChangeMonitorTest, WatchLimitIsNamedOnceAndTheDirectoryRetried) {
     // A directory gone before its watch was placed joins the retries.
     EXPECT_EQ(Lines{"CREATE flash/"}, fold({{IN_CREATE | IN_ISDIR, "flash"}}));
     EXPECT_EQ(1, monitor_->delayedDirs()[data_ + "/flash/"]);
-}
 
-TEST_F(FileChangeMonitorTest, MissingInotifyIsReportedAndNothingRuns) {
+    // Without inotify at all the disk is not followed, and the reason said.
     fake_->initErrno = EMFILE;
-    FileChangeMonitor monitor(fake_);
-    monitor.init(std::vector<std::string>(1, data_));
-    EXPECT_FALSE(monitor.beginNotify());
+    FileChangeMonitor without(fake_);
+    without.init(std::vector<std::string>(1, data_));
+    EXPECT_FALSE(without.beginNotify());
     EXPECT_TRUE(log_.contains("The disk is not being followed: inotify_init failed: " +
                                   std::string(strerror(EMFILE)),
                               google::GLOG_ERROR));
-    EXPECT_TRUE(monitor.watchedPaths().empty());
+    EXPECT_TRUE(without.watchedPaths().empty());
 }
 
 // ---- The watch table with the real kernel ----
@@ -339,34 +338,29 @@ TEST_F(FileChangeMonitorTest, TableFollowsMkdirRmdirRenameAndSubtreeMoves) {
 }
 
 TEST_F(FileChangeMonitorTest, RealFileOperationsArriveAsOneBatchAfterTheQuietSecond) {
+    std::string chain = std::string(255, 'd');  // long names, 200 levels deep
+    for (int i = 0; i < 200; ++i) {
+        chain += "/d";
+    }
+    mkdirs(chain);
     mkdirs("album");
     write("album/keep.jpg");
     write("album/old.jpg");
     write("album/gone.png");
     start();
+    EXPECT_EQ(203u, watched().size());
     write("album/new.jpg", "content");
     fs::rename(data_ + "/album/old.jpg", data_ + "/album/renamed.jpg");
     fs::remove(data_ + "/album/gone.png");
     write("album/keep.jpg", "again");
+    write(chain + "/f.jpg");
     EXPECT_EQ(Lines({"MODIFY album/new.jpg", "FROM album/old.jpg", "TO album/renamed.jpg",
-                     "DELETE album/gone.png", "MODIFY album/keep.jpg"}),
+                     "DELETE album/gone.png", "MODIFY album/keep.jpg", "MODIFY " + chain + "/f.jpg"}),
               batchAfterPasses(1));
     const std::vector<FileChangeItem>& batch = observer_->batches.back();
     EXPECT_NE(0u, batch[1].cookie);
     EXPECT_EQ(batch[1].cookie, batch[2].cookie) << "both halves carry the kernel's cookie";
     EXPECT_EQ(0u, batch[0].cookie);
-}
-
-TEST_F(FileChangeMonitorTest, DeepChainsOfLongNamesAreWatchedAndReported) {
-    std::string chain = std::string(255, 'd');
-    for (int i = 0; i < 200; ++i) {
-        chain += "/d";
-    }
-    mkdirs(chain);
-    start();
-    EXPECT_EQ(202u, watched().size());
-    write(chain + "/f.jpg");
-    EXPECT_EQ(Lines{"MODIFY " + chain + "/f.jpg"}, batchAfterPasses(1));
 }
 
 // Churn of directories leaves no stale watch; the data folder deleted and
