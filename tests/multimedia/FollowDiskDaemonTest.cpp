@@ -26,7 +26,6 @@ protected:
     virtual void SetUp() {
         DeviceRootTest::SetUp();
         data_ = path("/userdisk/data");
-        database_ = data_ + "/.systemconfig/DataBase/quorvia.db";
     }
 
     // Makes the files (below the data folder), starts the daemon and returns
@@ -60,7 +59,8 @@ protected:
 
     std::string sql(const std::string& statement) {
         int status = -1;
-        return capture("sqlite3 -cmd '.timeout 5000' " + quorvia_test::quoted(database_) + " " +
+        const std::string database = data_ + "/.systemconfig/DataBase/quorvia.db";
+        return capture("sqlite3 -cmd '.timeout 5000' " + quorvia_test::quoted(database) + " " +
                            quorvia_test::quoted(statement),
                        status);
     }
@@ -92,7 +92,6 @@ protected:
 
     quorvia_test::DaemonProcess daemon_;
     std::string data_;
-    std::string database_;
 };
 
 TEST_F(FollowDiskDaemonTest, RowsFollowFilesAndFoldersChangedWithTheShell) {

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "backup/inotify/FileChangeMonitor.h"
 #include "support/DeviceRootTest.h"
 #include "system/ConfigInfo.h"
 

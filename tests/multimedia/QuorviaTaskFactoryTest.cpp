@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "multimedia/quorviatask/PendingMoves.h"
-#include "multimedia/quorviatask/QuorviaFileTask.h"
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
+#include "multimedia/quorviatask/QuorviaFileTask.h"
 #include "multimedia/quorviatask/QuorviaModifyFileTask.h"
 #include "multimedia/quorviatask/QuorviaMoveDirTask.h"
 #include "multimedia/quorviatask/QuorviaMoveFileTask.h"
@@ -17,13 +17,6 @@
 namespace {
 
 using quorvia::QuorviaTaskFactory;
-
-struct Change {
-    std::string path;
-    WatchMask mask;
-    bool isDir;
-    uint32_t cookie;
-};
 
 // The task as text: "none", "modify P", "create P", "delete P",
 // "file A -> B", "dir A -> B"; " (idle)" when it would not execute.
