@@ -355,7 +355,8 @@ TEST_F(FileChangeMonitorTest, RealFileOperationsArriveAsOneBatchAfterTheQuietSec
     write("album/keep.jpg", "again");
     write(chain + "/f.jpg");
     EXPECT_EQ(Lines({"MODIFY album/new.jpg", "FROM album/old.jpg", "TO album/renamed.jpg",
-                     "DELETE album/gone.png", "MODIFY album/keep.jpg", "MODIFY " + chain + "/f.jpg"}),
+                     "DELETE album/gone.png", "MODIFY album/keep.jpg",
+                     "MODIFY " + chain + "/f.jpg"}),
               batchAfterPasses(1));
     const std::vector<FileChangeItem>& batch = observer_->batches.back();
     EXPECT_NE(0u, batch[1].cookie);
