@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <jpeglib.h>
 
@@ -17,18 +18,28 @@
 
 namespace quorvia_test {
 
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void writeAll(const std::string& path, const std::string& content) {
+    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+inline bool exists(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0;
+}
+
+// What command prints on its standard output.
 inline std::string commandOutput(const std::string& command) {
-    std::string output;
-    FILE* stream = popen(command.c_str(), "r");
-    char block[4096];
-    size_t got = 0;
-    while (stream != NULL && (got = fread(block, 1, sizeof block, stream)) > 0) {
-        output.append(block, got);
-    }
-    if (stream != NULL) {
-        pclose(stream);
-    }
-    return output;
+    const std::string out = "/tmp/quorvia-test-output-" + std::to_string(getpid());
+    const int status = system((command + " > " + out).c_str());
+    const std::string text = status == -1 ? "" : readAll(out);
+    unlink(out.c_str());
+    return text;
 }
 
 // convert with arguments, writing path.
@@ -53,12 +64,10 @@ inline bool makeRedBlue(const std::string& path, int width, int height, bool noi
 inline bool addExifThumbnail(const std::string& path, int orientation,
                              const std::string& scratchDir) {
     const std::string thumb = scratchDir + "/exif-thumb.jpg";
-    struct stat info;
-    const bool made = stat(thumb.c_str(), &info) == 0;
     const std::string exiftool = "exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
                                  "' -Orientation#=" + std::to_string(orientation) + " '" +
                                  path + "' >/dev/null 2>&1";
-    return (made || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
+    return (exists(thumb) || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
            system(exiftool.c_str()) == 0;
 }
 
@@ -76,21 +85,6 @@ inline std::string quarters(const std::string& path) {
     return commandOutput("/usr/bin/convert '" + path +
                          "'[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
                          "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
-}
-
-inline std::string readAll(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void writeAll(const std::string& path, const std::string& content) {
-    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-inline bool exists(const std::string& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0;
 }
 
 // The JPEG with its first frame header (SOF0..2) claiming width x height.

@@ -26,12 +26,12 @@ protected:
         middleRoot_ = ConfigInfo::sGetInstance()->getMiddleIconsRootPath();
     }
 
-    // A red/blue JPEG in dir_ with an EXIF thumbnail of that orientation
-    // (none for 0).
+    // A red/blue picture in dir_, its format told by the name, with an EXIF
+    // thumbnail of that orientation (none for 0).
     std::string photo(const std::string& name, int width, int height, bool noisy,
                       int orientation) {
         const std::string file = dir_ + "/" + name;
-        EXPECT_TRUE(makeRedBlue(file, width, height, noisy));
+        EXPECT_TRUE(makeRedBlue(file, width, height, noisy, "-depth 8"));
         EXPECT_TRUE(orientation == 0 || addExifThumbnail(file, orientation, dir_));
         return file;
     }
@@ -129,21 +129,18 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     EXPECT_EQ("untouched", thumb);
     EXPECT_EQ(1, log_.count("no need to generate thumbnail for camera raw image"));
 
-    const std::string png = dir_ + "/big.png";
-    ASSERT_TRUE(makeRedBlue(png, 600, 450, true, "-depth 8"));
+    const std::string png = photo("big.png", 600, 450, true, 0);
     ASSERT_GT(readAll(png).size(), ImageUtil::kCopyWithoutResizeSize);
     EXPECT_EQ(0, util_.getThumbnail(png, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(smallRoot_ + png, thumb);
     EXPECT_EQ("400x300", geometryOf(thumb));
     EXPECT_EQ(1, log_.count("generate thumb for not jpg file."));
 
-    const std::string tiny = dir_ + "/tiny.gif";
-    ASSERT_TRUE(makeRedBlue(tiny, 40, 30, false));
+    const std::string tiny = photo("tiny.gif", 40, 30, false, 0);
     EXPECT_EQ(0, util_.getThumbnail(tiny, thumb, THUMBNAIL_MIDDLE, "0a0b0c", 0));
     EXPECT_EQ(readAll(tiny), readAll(thumb));
 
-    const std::string wide = dir_ + "/wide.png";
-    ASSERT_TRUE(makeRedBlue(wide, 2002, 300, true, "-depth 8"));
+    const std::string wide = photo("wide.png", 2002, 300, true, 0);
     EXPECT_EQ(-1, util_.getThumbnail(wide, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("", thumb);
     EXPECT_FALSE(exists(smallRoot_ + wide));
@@ -190,8 +187,7 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
 TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
     typedef int (ImageUtil::*Resize)(const std::string&, int, int*, int*, std::string&);
     const Resize png = &ImageUtil::resizePng, gif = &ImageUtil::resizeGif;
-    const std::string still = dir_ + "/p.png", anim = dir_ + "/anim.gif";
-    ASSERT_TRUE(makeRedBlue(still, 300, 200, false));
+    const std::string still = photo("p.png", 300, 200, false, 0), anim = dir_ + "/anim.gif";
     ASSERT_TRUE(makeImage("-size 120x80 xc:red xc:blue xc:green -set delay 10", anim));
     int width = 0, height = 0;
     std::string thumb;
