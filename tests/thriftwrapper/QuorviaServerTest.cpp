@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <chrono>
@@ -117,6 +118,24 @@ TEST_F(QuorviaServerTest, ConnectionsBeyondTheLimitAreClosedAtAccept) {
         answer = call("back");
     }
     EXPECT_EQ(reply("back"), answer);
+}
+
+// A peer that sent one big request and went quiet keeps neither the frame it
+// sent nor the reply it got: 64 such peers held 8 MiB while the library
+// looked at the buffers only every 512 calls.
+TEST_F(QuorviaServerTest, IdleConnectionsGiveTheirBigBuffersBackRegression) {
+    const std::string big(60 * 1024, 'x');
+    const int peers = 64;
+    const size_t before = mallinfo2().uordblks;
+    std::list<RawConnection> idle;
+    for (int i = 0; i < peers; ++i) {
+        idle.emplace_back(port_);
+        idle.back().send(requestCall(big));
+        ASSERT_EQ(reply(big), idle.back().readFrame());
+    }
+    const size_t held = mallinfo2().uordblks - before;
+    EXPECT_LT(held, peers * (QuorviaServer::IDLE_READ_BUFFER_LIMIT_ +
+                             QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_));
 }
 
 // A worker still ending a call whose connection it dropped (it reports the
