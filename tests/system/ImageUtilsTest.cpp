@@ -66,7 +66,6 @@ TEST_F(ImageUtilsTest, UnreadableSourcesAndOddIdentifyOutputFailAndTheSideLimitH
         {"", failed, "the content is "},
         {"/elsewhere/x.png PNG 10x10", failed,
          "image attributes missing, the content is: /elsewhere/x.png PNG 10x10"},
-        {source + " PNG", failed, "image attributes missing, the content is: PNG"},
         {source + " PNG 640x480x3", failed, fault + ". geometry is 640x480x3"},
         {source + " PNG 64ax480", failed, fault + ", invalid size."},
         {source + " PNG 10x" + beyond + " 480x480+0+0 8-bit", ImageUtils::kResizeRefused,
