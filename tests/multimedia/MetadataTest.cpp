@@ -116,17 +116,14 @@ TEST_F(MetadataTest, DamagedOrStrangeFilesFailQuicklyWithATitleAndADate) {
     // Cut short: the EXIF block, and the index an MP4 written this way keeps at its end.
     media("cut.jpg", "head -c 300 '" + good + "' > \"$F\"");
     media("cut.mp4", "head -c $(($(stat -c %s '" + clip + "') / 2)) '" + clip + "' > \"$F\"");
-    // EXIF block whose offsets point past its end.
-    media("offsets.jpg", "cp '" + good + "' \"$F\" && printf '\\377\\377\\377\\377' | "
-                         "dd of=\"$F\" bs=1 seek=30 conv=notrunc 2>/dev/null");
     // A month and hour that don't exist: the text doesn't parse.
     jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
     media("playlist.mp4", "printf '#EXTM3U\\n#EXT-X-TARGETDURATION:10\\n#EXTINF:10,\\n"
                           "http://127.0.0.1:9/x.ts\\n#EXT-X-ENDLIST\\n' > \"$F\"");
     ASSERT_EQ(0, mkfifo(path("/fifo").c_str(), 0600));
     const std::vector<std::string> files = {
-        path("/cut.jpg"), path("/offsets.jpg"), path("/baddate.jpg"), path("/cut.mp4"),
-        path("/playlist.mp4"), path("/fifo"), "/dev/zero", path("/missing")};
+        path("/cut.jpg"), path("/baddate.jpg"), path("/cut.mp4"), path("/playlist.mp4"),
+        path("/fifo"), "/dev/zero", path("/missing")};
     const auto start = std::chrono::steady_clock::now();
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
@@ -134,7 +131,7 @@ TEST_F(MetadataTest, DamagedOrStrangeFilesFailQuicklyWithATitleAndADate) {
         const int result = Metadata::getImageMetadata(file, "x.jpg", kDefault, image, "", false);
         EXPECT_TRUE(result == 0 || result == -1);
         EXPECT_EQ("x.jpg", image.title);
-        // A damaged EXIF block may still hold the date.
+        // The cut EXIF block may still hold the date.
         EXPECT_TRUE(image.date == kDefault || image.date == localTime(2015, 6, 7, 8, 9, 10));
         EXPECT_EQ(0, Metadata::getVideoMetadata(file, "v.mp4", kDefault, video, "", false));
         EXPECT_EQ("v.mp4|" + std::to_string(kDefault),
