@@ -198,6 +198,10 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         EXPECT_EQ(always.duration + "|" + always.title + "|" + std::to_string(always.date),
                   lazy.duration + "|" + lazy.title + "|" + std::to_string(lazy.date));
     }
+    // An open past its deadline gives up at libavformat's first read.
+    metadata_s late;
+    EXPECT_FALSE(readContainer(path("/long.mp4"), late, kStreamInfoAlways, std::chrono::seconds(0)));
+    EXPECT_EQ("", late.duration);
     EXPECT_TRUE(log_.contains("creation_time is 2024-07-02T10:20:30.000000Z", google::GLOG_INFO));
     EXPECT_EQ(4, log_.count("video " + path("/long.mp4") + " raw duration is 90"));
     EXPECT_EQ(0, log_.count("av_open_input_file fail", google::GLOG_ERROR));
