@@ -42,6 +42,7 @@ TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyWhateverTheExitStatus) {
     EXPECT_EQ(2, CommonUtils::sCallPopenWithOutput("printf ' \\r\\none\\n\\ttwo \\nthree\\r\\n '; exit 2",
                                                    output));
     EXPECT_EQ("one\n\ttwo \nthree", output);
+    EXPECT_TRUE(log_.contains("excuete cmd: printf ' ", google::GLOG_INFO));
     EXPECT_EQ(1, log_.count("excuete cmd output: one\n\ttwo \nthree", google::GLOG_INFO));
 
     EXPECT_TRUE(CommonUtils::sCallSystem("printf '%5000s\\n' '' | tr ' ' x; exit 1", output));
