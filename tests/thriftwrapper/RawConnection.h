@@ -48,12 +48,13 @@ inline std::string reply(const std::string& text, int32_t sequenceId = 0) {
 
 }  // namespace wire
 
-// A blocking TCP connection to 127.0.0.1 with a receive time-out of ten
-// seconds.
+// A blocking TCP connection to 127.0.0.1 with a receive time-out, ten
+// seconds unless told otherwise.
 class RawConnection {
 public:
-    explicit RawConnection(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-        struct timeval timeout = {10, 0};
+    explicit RawConnection(int port, int timeoutSeconds = 10)
+        : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        struct timeval timeout = {timeoutSeconds, 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         struct sockaddr_in address = {};
         address.sin_family = AF_INET;
