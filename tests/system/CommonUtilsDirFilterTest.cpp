@@ -13,10 +13,10 @@ class CommonUtilsDirFilterTest : public quorvia_test::DeviceRootTest {};
 TEST_F(CommonUtilsDirFilterTest, NamesLeftOutAndFollowed) {
     talvern::ConfigInfo* config = talvern::ConfigInfo::sGetInstance();
     const struct { std::string name; bool filtered; } cases[] = {
-        {".hidden", true},       {"$Recycle.Bin", true}, {"recycled", true},  {"Timecapsule2", true},
-        {"VOSTEL_ORMAND_old", true}, {config->getBackupRouterDiskDirName() + " 2", true},
-        {config->getPemrickCameraDirName(), true}, {"Photos", false}, {"my.hidden", false},
-        {"", false},
+        {".hidden", true},      {"$Recycle.Bin", true}, {"recycled", true},
+        {"Timecapsule2", true}, {"VOSTEL_ORMAND_old", true},
+        {config->getBackupRouterDiskDirName() + " 2", true}, {config->getPemrickCameraDirName(), true},
+        {"Photos", false},      {"my.hidden", false},   {"", false},
     };
     for (const auto& c : cases) {
         log_.clear();

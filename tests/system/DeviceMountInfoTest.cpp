@@ -61,7 +61,8 @@ TEST_F(DeviceMountInfoTest, GetdiskEntriesAreParsedFromTheFirstLineAndFilteredBy
 
     const std::string ext = path("/extdisks");
     const std::string user = path("/userdisk");
-    setToolValue("getdisk", "mnt", "/dev/sdb1," + ext + "/sdb1 /dev/sda1," + user + "/appdata/x /dev/sda2," + user);
+    setToolValue("getdisk", "mnt",
+                 "/dev/sdb1," + ext + "/sdb1 /dev/sda1," + user + "/appdata/x /dev/sda2," + user);
     EXPECT_EQ("/dev/sdb1," + ext + "/sdb1;", describe(DeviceMountInfo::sGetHotplugDeviceMountInfo()));
     EXPECT_EQ(1, log_.count("DeviceMountInfo.sGetHotplugDeviceMountInfo device name: /dev/sdb1 "
                             "mount point: " + ext + "/sdb1"));

@@ -53,7 +53,8 @@ TEST_F(ImageUtilsTest, UnreadableSourcesAndOddIdentifyOutputFailAndTheSideLimitH
     const std::string fifo = root() + "/pipe.png";
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
     for (const std::string& unreadable : {fifo, root(), root() + "/missing.png"}) {
-        EXPECT_EQ(ImageUtils::kResizeFailed, utils_.resizeImage(unreadable, root() + "/t.png", 400, 300));
+        EXPECT_EQ(ImageUtils::kResizeFailed,
+                  utils_.resizeImage(unreadable, root() + "/t.png", 400, 300));
         EXPECT_EQ(1, log_.count("resize image, " + unreadable + " is not a readable regular file"));
     }
     const std::string source = root() + "/a b.png";

@@ -73,7 +73,7 @@ TEST_F(HashCalculatorTest, FilesUpToTheLimitAreHashedWholeAndLargerOnesByFourSam
 }
 
 // Anything but a regular file has no hash, and a FIFO never blocks the call.
-TEST_F(HashCalculatorTest, MissingOrSpecialFileOrZeroBufferGivesEmptyHashAndOneLine) {
+TEST_F(HashCalculatorTest, MissingOrNonRegularFileOrZeroBufferGivesEmptyHashAndOneLine) {
     ASSERT_EQ(0, mkfifo(path("/fifo").c_str(), 0600));
     writeFile("/abc", "abc");
     for (const std::string& file : {std::string(), path("/none"), path("/fifo"), root(),
@@ -83,10 +83,11 @@ TEST_F(HashCalculatorTest, MissingOrSpecialFileOrZeroBufferGivesEmptyHashAndOneL
     }
     EXPECT_EQ("", HashCalculator::calcFile(path("/abc"), 0));
     EXPECT_EQ(11u, log_.lines().size());
-    for (const std::string& line : {std::string("path is empty when calculate file hash."),
-                                    "file not exist when calculate file hash, path : " + path("/none"),
-                                    "open file fail when calc file hash, path : " + path("/fifo"),
-                                    std::string(" memory allocation failure, bufferSize : 0")}) {
+    const std::string lines[] = {"path is empty when calculate file hash.",
+                                 "file not exist when calculate file hash, path : " + path("/none"),
+                                 "open file fail when calc file hash, path : " + path("/fifo"),
+                                 " memory allocation failure, bufferSize : 0"};
+    for (const std::string& line : lines) {
         EXPECT_EQ(1, log_.count(line, google::GLOG_ERROR)) << line;
     }
 }
