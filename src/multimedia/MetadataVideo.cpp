@@ -110,9 +110,9 @@ void readCreationTime(const AVFormatContext* context, metadata_s& metadata) {
 
 namespace videoprobe {
 
-bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy) {
-    Clock::time_point deadline =
-        Clock::now() + std::chrono::seconds(Metadata::kOpenDeadlineSeconds);
+bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy,
+                   Clock::duration openLimit) {
+    Clock::time_point deadline = Clock::now() + openLimit;
     AVFormatContext* context = openMedia(path, &deadline);
     if (context == NULL) {
         return false;

@@ -1,6 +1,7 @@
 #ifndef QUORVIA_MULTIMEDIA_METADATAVIDEOPROBE_H
 #define QUORVIA_MULTIMEDIA_METADATAVIDEOPROBE_H
 
+#include <chrono>
 #include <string>
 
 #include "multimedia/Metadata.h"
@@ -20,8 +21,10 @@ enum StreamInfoPolicy {
 // The container part of video extraction: fills metadata.duration and, for the
 // MP4 family, metadata.date from the creation time. false, with the record
 // untouched, when path is not a regular file that libavformat can open within
-// Metadata::kOpenDeadlineSeconds. Any thread.
-bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy);
+// openLimit. Any thread.
+bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy,
+                   std::chrono::steady_clock::duration openLimit =
+                       std::chrono::seconds(Metadata::kOpenDeadlineSeconds));
 
 }  // namespace videoprobe
 }  // namespace talvern

@@ -128,6 +128,7 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
     server_->setOverloadAction(apache::thrift::server::T_OVERLOAD_CLOSE_ON_ACCEPT);
     server_->setIdleReadBufferLimit(IDLE_READ_BUFFER_LIMIT_);
     server_->setIdleWriteBufferLimit(IDLE_WRITE_BUFFER_LIMIT_);
+    server_->setResizeBufferEveryN(RESIZE_BUFFER_EVERY_N_);
 }
 
 // A worker may still be finishing a call (a dropped connection answers its

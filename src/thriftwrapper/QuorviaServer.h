@@ -30,12 +30,15 @@ public:
     // frame each bound the buffers to 32 MiB, while hundreds of idle peers
     // still leave room for the busy ones; past the limit new connections are
     // closed at accept, and accepting resumes below 80% of it (the library's
-    // hysteresis). A connection that once carried a big frame gives its
-    // buffers back when idle beyond 8 KiB.
+    // hysteresis). A connection that carried a big frame gives its buffers
+    // back beyond 8 KiB as soon as the reply is sent: the library checks
+    // every 512 calls by default, so one big request per peer would hold
+    // both buffers for as long as the peer stays connected.
     static const size_t MAX_FRAME_SIZE_ = 64 * 1024;
     static const size_t MAX_CONNECTIONS_ = 512;
     static const size_t IDLE_READ_BUFFER_LIMIT_ = 8 * 1024;
     static const size_t IDLE_WRITE_BUFFER_LIMIT_ = 8 * 1024;
+    static const int RESIZE_BUFFER_EVERY_N_ = 1;
 
     // Builds the processor around handler, the protocol factory, and the
     // worker pool, which is started here: the workers exist from the end of

@@ -7,6 +7,8 @@
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
+#include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,7 +23,6 @@ typedef std::vector<std::string> Names;
 // task end; shared between the worker and the test.
 class Journal {
 public:
-    Journal() : open_(false) {}
     void note(const std::string& entry) {
         boost::lock_guard<boost::mutex> lock(mutex_);
         entries_.push_back(entry);
@@ -34,39 +35,27 @@ public:
                           [this, count] { return entries_.size() >= count; });
         return entries_;
     }
-    void open() {
-        boost::lock_guard<boost::mutex> lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    void waitOpen() {
-        boost::unique_lock<boost::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return open_; });
-    }
+    void open() { gate_.set_value(); }
+    void waitOpen() { opened_.wait(); }
 
 private:
     boost::mutex mutex_;
     boost::condition_variable changed_;
     Names entries_;
-    bool open_;
+    std::promise<void> gate_;
+    std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
+// Notes its name when run, then does what then_ says; a task that should not
+// execute notes that it was skipped.
 class NoteTask : public Dispatchable {
 public:
     NoteTask(Journal& journal, const std::string& name, int turns, bool execute)
-        : journal_(journal), name_(name), turns_(turns), execute_(execute), gated_(false),
-          dispatcher_(NULL), throws_(false) {}
+        : journal_(journal), name_(name), turns_(turns), execute_(execute) {}
     virtual void run() {
         journal_.note(name_);
-        if (gated_) {
-            journal_.waitOpen();
-            journal_.note(name_ + "-end");
-        }
-        if (dispatcher_) {
-            dispatcher_->stop();
-        }
-        if (throws_) {
-            throw std::runtime_error("disk vanished");
+        if (then_) {
+            then_();
         }
     }
     virtual bool isRecurring() {
@@ -77,18 +66,28 @@ public:
     }
     virtual bool shouldExecute() { return execute_; }
 
+    std::function<void()> then_;
+
+private:
     Journal& journal_;
     std::string name_;
     int turns_;
     bool execute_;
-    bool gated_;
-    Dispatcher* dispatcher_;
-    bool throws_;
 };
 
 boost::shared_ptr<NoteTask> task(Journal& journal, const std::string& name, int turns = 1,
                                  bool execute = true) {
     return boost::shared_ptr<NoteTask>(new NoteTask(journal, name, turns, execute));
+}
+
+// A task that ends only once the test opens the journal.
+boost::shared_ptr<NoteTask> gated(Journal& journal, const std::string& name, int turns = 1) {
+    boost::shared_ptr<NoteTask> t = task(journal, name, turns);
+    t->then_ = [&journal, name] {
+        journal.waitOpen();
+        journal.note(name + "-end");
+    };
+    return t;
 }
 
 TEST(DispatcherTest, TasksRunInOrderAcrossStartsAndStops) {
@@ -120,9 +119,7 @@ TEST(DispatcherTest, TasksRunInOrderAcrossStartsAndStops) {
 TEST(DispatcherTest, RecurringTaskGoesBehindTasksQueuedDuringItsTurn) {
     Journal journal;
     Dispatcher dispatcher(true);
-    boost::shared_ptr<NoteTask> recurring = task(journal, "r", 2);
-    recurring->gated_ = true;
-    dispatcher.dispatch(recurring);
+    dispatcher.dispatch(gated(journal, "r", 2));
     journal.waitFor(1);
     dispatcher.dispatch(task(journal, "x"));
     dispatcher.dispatch(task(journal, "s", 3, false));
@@ -131,72 +128,52 @@ TEST(DispatcherTest, RecurringTaskGoesBehindTasksQueuedDuringItsTurn) {
               journal.waitFor(8));
 }
 
-TEST(DispatcherTest, ClearDropsWaitingTasksButNotTheRunningOne) {
+// clear() drops the waiting tasks, not the one in its turn, and the
+// destructor waits for that one to end.
+TEST(DispatcherTest, ClearAndDestructorLeaveTheTaskInItsTurnToEnd) {
     Journal journal;
-    Dispatcher dispatcher(true);
-    boost::shared_ptr<NoteTask> slow = task(journal, "slow");
-    slow->gated_ = true;
-    dispatcher.dispatch(slow);
-    journal.waitFor(1);
-    dispatcher.dispatch(task(journal, "dropped"));
-    dispatcher.dispatch(task(journal, "dropped too"));
-    EXPECT_EQ(2u, dispatcher.size());
-    dispatcher.clear();
-    EXPECT_TRUE(dispatcher.empty());
-    journal.open();
-    dispatcher.dispatch(task(journal, "after"));
-    EXPECT_EQ(Names({"slow", "slow-end", "after"}), journal.waitFor(3));
-}
-
-TEST(DispatcherTest, ThrowingOrStoppingTaskLeavesTheWorkerGoing) {
-    quorvia_test::LogCapture log;
-    Journal journal;
-    Dispatcher dispatcher(true);
-    boost::shared_ptr<NoteTask> bad = task(journal, "bad");
-    bad->throws_ = true;
-    boost::shared_ptr<NoteTask> stopper = task(journal, "stopper");
-    stopper->dispatcher_ = &dispatcher;
-    dispatcher.dispatch(bad);
-    dispatcher.dispatch(stopper);
-    dispatcher.dispatch(task(journal, "next"));
-    EXPECT_EQ(Names({"bad", "stopper", "next"}), journal.waitFor(3));
-    EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
-    EXPECT_TRUE(dispatcher.isRunning());
-}
-
-TEST(DispatcherTest, DestructorWaitsForTheTaskInItsTurn) {
-    Journal journal;
-    boost::shared_ptr<NoteTask> slow = task(journal, "slow");
-    slow->gated_ = true;
+    boost::shared_ptr<NoteTask> slow = gated(journal, "slow");
     {
         Dispatcher dispatcher(true);
         dispatcher.dispatch(slow);
         journal.waitFor(1);
+        dispatcher.dispatch(task(journal, "dropped"));
+        dispatcher.dispatch(task(journal, "dropped too"));
+        EXPECT_EQ(2u, dispatcher.size());
+        dispatcher.clear();
+        EXPECT_TRUE(dispatcher.empty());
         boost::thread(boost::bind(&Journal::open, &journal)).detach();
     }
     EXPECT_EQ(Names({"slow", "slow-end"}), journal.waitFor(0));
     EXPECT_EQ(1, slow.use_count());
 }
 
-// A task that is interrupted ends the worker; the queue stays and a new
-// start runs it.
-TEST(DispatcherTest, InterruptionEndsTheWorker) {
-    class Interrupting : public Dispatchable {
-    public:
-        virtual void run() { throw boost::thread_interrupted(); }
-        virtual bool isRecurring() { return false; }
-        virtual bool shouldExecute() { return true; }
-    };
+// A task that throws or stops the dispatcher leaves the worker going; one
+// that is interrupted ends it, the queue stays and a new start runs it.
+TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
+    quorvia_test::LogCapture log;
     Journal journal;
     Dispatcher dispatcher(true);
-    dispatcher.dispatch(boost::shared_ptr<Dispatchable>(new Interrupting));
+    boost::shared_ptr<NoteTask> bad = task(journal, "bad"), stopper = task(journal, "stopper"),
+                                interrupted = task(journal, "interrupted");
+    bad->then_ = [] { throw std::runtime_error("disk vanished"); };
+    stopper->then_ = [&dispatcher] { dispatcher.stop(); };
+    interrupted->then_ = [] { throw boost::thread_interrupted(); };
+    dispatcher.dispatch(bad);
+    dispatcher.dispatch(stopper);
+    dispatcher.dispatch(task(journal, "next"));
+    EXPECT_EQ(Names({"bad", "stopper", "next"}), journal.waitFor(3));
+    EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
+    EXPECT_TRUE(dispatcher.isRunning());
+
+    dispatcher.dispatch(interrupted);
     for (int i = 0; i < 500 && dispatcher.isRunning(); ++i) {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(10));
     }
     EXPECT_FALSE(dispatcher.isRunning());
     dispatcher.dispatch(task(journal, "after restart"));
     dispatcher.start();
-    EXPECT_EQ(Names({"after restart"}), journal.waitFor(1));
+    EXPECT_EQ("after restart", journal.waitFor(5).back());
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "sdk/utils/ThriftClient.h"
@@ -18,7 +17,7 @@ namespace {
 
 using quorvia_test::capture;
 
-const long kFollowMillis = 5000;
+typedef std::vector<std::string> Files;
 
 // The real daemon following $QUORVIA_ROOT/userdisk/data; the rows it keeps
 // are read with the sqlite3 command, as an operator would.
@@ -27,13 +26,15 @@ protected:
     virtual void SetUp() {
         DeviceRootTest::SetUp();
         data_ = path("/userdisk/data");
-        database_ = data_ + "/.systemconfig/DataBase/quorvia.db";
-        ASSERT_EQ(0, shell("mkdir -p " + quorvia_test::quoted(data_)));
     }
 
-    // Starts the daemon on a tree made beforehand and returns once it listens
-    // and watches at least `folders` folders.
-    void startDaemon(int folders) {
+    // Makes the files (below the data folder), starts the daemon and returns
+    // once it listens and watches at least `folders` folders.
+    void startDaemon(const Files& files, int folders) {
+        for (const std::string& file : files) {
+            const std::string full = quorvia_test::quoted(data_ + "/" + file);
+            ASSERT_EQ(0, shell("mkdir -p \"$(dirname " + full + ")\" && touch " + full));
+        }
         ASSERT_TRUE(daemon_.start(path(""), {"-d"}));
         ASSERT_TRUE(quorvia_test::waitForListener(ThriftClient::PORT_))
             << quorvia_test::slurp(path("/daemon.err"));
@@ -48,29 +49,19 @@ protected:
                         .c_str());
     }
 
-    // Makes the files (relative to the data folder) before the daemon starts;
-    // index() then makes a row for each through a request.
-    void makeFiles(const std::vector<std::pair<std::string, std::string>>& hashAndFile) {
-        for (const auto& item : hashAndFile) {
-            const std::string file = data_ + "/" + item.second;
-            ASSERT_EQ(0, shell("mkdir -p \"$(dirname " + quorvia_test::quoted(file) + ")\" && touch " + quorvia_test::quoted(file)));
-        }
-    }
-
-    void index(const std::vector<std::pair<std::string, std::string>>& hashAndFile) {
-        for (const auto& item : hashAndFile) {
-            ASSERT_NE("", ask(item.first, data_ + "/" + item.second));
-        }
-    }
-
-    static std::string ask(const std::string& hash, const std::string& file) {
-        return ThriftClient::sCallQuorvia("{\"api\":1,\"path\":\"" + file + "\",\"name\":\"" + hash +
-                                          "\",\"hash\":\"" + hash + "\"}");
+    // Asks for file i of files under hash "h<i+1>", which makes its row.
+    std::string ask(const Files& files, std::size_t i) {
+        const std::string hash = "h" + std::to_string(i + 1);
+        return ThriftClient::sCallQuorvia("{\"api\":1,\"path\":\"" + data_ + "/" + files[i] +
+                                          "\",\"name\":\"" + hash + "\",\"hash\":\"" + hash +
+                                          "\"}");
     }
 
     std::string sql(const std::string& statement) {
         int status = -1;
-        return capture("sqlite3 -cmd '.timeout 5000' " + quorvia_test::quoted(database_) + " " + quorvia_test::quoted(statement),
+        const std::string database = data_ + "/.systemconfig/DataBase/quorvia.db";
+        return capture("sqlite3 -cmd '.timeout 5000' " + quorvia_test::quoted(database) + " " +
+                           quorvia_test::quoted(statement),
                        status);
     }
 
@@ -80,15 +71,16 @@ protected:
                    "WHERE HASH NOT LIKE 'big%' ORDER BY HASH");
     }
 
-    // Polls the store until rows() reads expected, or the wait runs out.
-    void expectRowsFollow(const std::string& expected) {
+    // Changes the tree with the shell, then polls the store until rows()
+    // reads expected or the wait runs out.
+    void expectRowsFollow(const std::string& shellCommand, const std::string& expected) {
+        ASSERT_EQ(0, shell("cd " + quorvia_test::quoted(data_) + " && " + shellCommand));
         waitUntil([&] { return rows() == expected; });
         EXPECT_EQ(expected, rows());
     }
 
     static bool waitUntil(const std::function<bool()>& done) {
-        const auto deadline =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(kFollowMillis);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (!done()) {
             if (std::chrono::steady_clock::now() > deadline) {
                 return false;
@@ -98,58 +90,46 @@ protected:
         return true;
     }
 
-    void move(const std::string& shellCommand) {
-        ASSERT_EQ(0, shell("cd " + quorvia_test::quoted(data_) + " && " + shellCommand));
-    }
-
     quorvia_test::DaemonProcess daemon_;
     std::string data_;
-    std::string database_;
 };
 
 TEST_F(FollowDiskDaemonTest, RowsFollowFilesAndFoldersChangedWithTheShell) {
-    const std::vector<std::pair<std::string, std::string>> files = {
-        {"h1", "a/one.mp3"},       {"h2", "a/two.mp3"},  {"h3", "a/three.mp3"},
-        {"h4", "c/sub/four.mp3"},  {"h5", "c/five.mp3"}, {"h6", "keep.mp3"},
-        {"h7", "cc/seven.mp3"},    {"h8", "gone/eight.mp3"}};
-    makeFiles(files);
-    ASSERT_EQ(0, shell("mkdir -p " + quorvia_test::quoted(data_ + "/b") + " " + quorvia_test::quoted(data_ + "/e")));
-    startDaemon(8);
-    index(files);
+    const Files files = {"a/one.mp3",  "a/two.mp3",    "a/three.mp3", "c/sub/four.mp3",
+                         "c/five.mp3", "keep.mp3",     "cc/seven.mp3", "gone/eight.mp3",
+                         "b/x.txt",    "e/x.txt"};
+    startDaemon(files, 8);
+    for (std::size_t i = 0; i < 8; ++i) {
+        ASSERT_NE("", ask(files, i));
+    }
     // Files deleted, renamed and moved between folders; a folder renamed,
     // and a sibling that shares its name's start left alone.
-    move("rm a/one.mp3 && mv a/two.mp3 a/deux.mp3 && mv a/three.mp3 b/ && mv c d");
-    expectRowsFollow(
-        "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/d/sub/four.mp3\nh5 ~/d/five.mp3\n"
-        "h6 ~/keep.mp3\nh7 ~/cc/seven.mp3\nh8 ~/gone/eight.mp3\n");
+    expectRowsFollow("rm a/one.mp3 && mv a/two.mp3 a/deux.mp3 && mv a/three.mp3 b/ && mv c d",
+                     "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/d/sub/four.mp3\nh5 ~/d/five.mp3\n"
+                     "h6 ~/keep.mp3\nh7 ~/cc/seven.mp3\nh8 ~/gone/eight.mp3\n");
     // A whole folder moved into another, one renamed in place, one removed.
-    move("mv d e/ && mv e/d/sub e/d/under && rm -rf gone");
-    expectRowsFollow(
-        "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/e/d/under/four.mp3\nh5 ~/e/d/five.mp3\n"
-        "h6 ~/keep.mp3\nh7 ~/cc/seven.mp3\n");
-    // The moved rows answer the next request from the store.
-    EXPECT_EQ(ask("h5", data_ + "/e/d/five.mp3"), ask("h5", data_ + "/e/d/five.mp3"));
+    expectRowsFollow("mv d e/ && mv e/d/sub e/d/under && rm -rf gone",
+                     "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/e/d/under/four.mp3\n"
+                     "h5 ~/e/d/five.mp3\nh6 ~/keep.mp3\nh7 ~/cc/seven.mp3\n");
 }
 
 TEST_F(FollowDiskDaemonTest, RequestsAreAnsweredWhileALargeFolderIsRewritten) {
-    const int kRows = 2000;
-    makeFiles({{"h1", "keep.mp3"}, {"h2", "big/f.mp3"}});
-    startDaemon(2);
-    index({{"h1", "keep.mp3"}});
-    const std::string hit = ask("h1", data_ + "/keep.mp3");
-    sql("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
-        std::to_string(kRows) +
+    const std::string kRows = "2000";
+    const Files files = {"keep.mp3", "big/f.mp3"};
+    startDaemon(files, 2);
+    const std::string hit = ask(files, 0);
+    ASSERT_NE("", hit);
+    sql("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " + kRows +
         ") INSERT INTO quorvia(HASH, PATH, TITLE, DATE, MIME, DURATION, ARTIST, ALBUM) "
         "SELECT 'big' || i, '" + data_ + "/big/f' || i || '.mp3', 't', 0, '', '', '', '' FROM n");
-    const std::string moved = "SELECT COUNT(*) FROM quorvia WHERE PATH LIKE '" + data_ + "/moved/%'";
-    ASSERT_EQ(std::to_string(kRows) + "\n",
-              sql("SELECT COUNT(*) FROM quorvia WHERE PATH LIKE '" + data_ + "/big/%'"));
-    move("mv big moved");
+    const std::string inBig = "SELECT COUNT(*) FROM quorvia WHERE PATH LIKE '" + data_ + "/";
+    ASSERT_EQ(kRows + "\n", sql(inBig + "big/%'"));
+    ASSERT_EQ(0, shell("cd " + quorvia_test::quoted(data_) + " && mv big moved"));
     const bool followed = waitUntil([&] {
-        EXPECT_EQ(hit, ask("h1", data_ + "/keep.mp3"));
-        return sql(moved) == std::to_string(kRows) + "\n";
+        EXPECT_EQ(hit, ask(files, 0));
+        return sql(inBig + "moved/%'") == kRows + "\n";
     });
-    EXPECT_TRUE(followed) << sql(moved);
+    EXPECT_TRUE(followed) << sql(inBig + "moved/%'");
     EXPECT_EQ("h1 ~/keep.mp3\n", rows());
 }
 

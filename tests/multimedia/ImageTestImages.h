@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <jpeglib.h>
 
@@ -17,36 +18,34 @@
 
 namespace quorvia_test {
 
-inline std::string singleQuoted(const std::string& text) {
-    std::string quoted("'");
-    for (char c : text) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+inline void writeAll(const std::string& path, const std::string& content) {
+    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+inline bool exists(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0;
+}
+
+// What command prints on its standard output.
 inline std::string commandOutput(const std::string& command) {
-    std::string output;
-    FILE* stream = popen(command.c_str(), "r");
-    if (stream == NULL) {
-        return output;
-    }
-    char block[4096];
-    size_t got = 0;
-    while ((got = fread(block, 1, sizeof block, stream)) > 0) {
-        output.append(block, got);
-    }
-    pclose(stream);
-    return output;
-}
-
-inline bool runQuietly(const std::string& command) {
-    return system((command + " >/dev/null 2>&1").c_str()) == 0;
+    const std::string out = "/tmp/quorvia-test-output-" + std::to_string(getpid());
+    const int status = system((command + " > " + out).c_str());
+    const std::string text = status == -1 ? "" : readAll(out);
+    unlink(out.c_str());
+    return text;
 }
 
 // convert with arguments, writing path.
 inline bool makeImage(const std::string& arguments, const std::string& path) {
-    return runQuietly("/usr/bin/convert " + arguments + " " + singleQuoted(path));
+    return system(("/usr/bin/convert " + arguments + " '" + path + "' >/dev/null 2>&1").c_str()) ==
+           0;
 }
 
 // A width x height picture, red on its left half and blue on its right,
@@ -65,47 +64,27 @@ inline bool makeRedBlue(const std::string& path, int width, int height, bool noi
 inline bool addExifThumbnail(const std::string& path, int orientation,
                              const std::string& scratchDir) {
     const std::string thumb = scratchDir + "/exif-thumb.jpg";
-    struct stat info;
-    const bool made = stat(thumb.c_str(), &info) == 0;
-    return (made || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
-           runQuietly("exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
-                      "' -Orientation#=" + std::to_string(orientation) + " " +
-                      singleQuoted(path));
+    const std::string exiftool = "exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
+                                 "' -Orientation#=" + std::to_string(orientation) + " '" +
+                                 path + "' >/dev/null 2>&1";
+    return (exists(thumb) || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
+           system(exiftool.c_str()) == 0;
 }
 
-// "WxH" of the first frame, empty when the file doesn't decode.
+// "WxH" of each frame, blank-separated; empty when the file doesn't decode.
 inline std::string geometryOf(const std::string& path) {
-    return commandOutput("/usr/bin/identify -format '%wx%h\\n' " + singleQuoted(path) +
-                         " 2>/dev/null | head -n 1 | tr -d '\\n'");
-}
-
-inline int frameCount(const std::string& path) {
-    return std::stoi("0" + commandOutput("/usr/bin/identify " + singleQuoted(path) +
-                                         " 2>/dev/null | wc -l | tr -d ' \\n'"));
+    const std::string sizes =
+        commandOutput("/usr/bin/identify -format '%wx%h ' '" + path + "' 2>/dev/null");
+    return sizes.substr(0, sizes.find_last_not_of(' ') + 1);
 }
 
 // The colours of the picture's quarters, row by row: "RBRB" for an upright
 // red/blue picture, "RRBB" turned a quarter clockwise, "BRBR" upside down,
 // "BBRR" a quarter anticlockwise.
 inline std::string quarters(const std::string& path) {
-    return commandOutput("/usr/bin/convert " + singleQuoted(path) +
-                         "[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
+    return commandOutput("/usr/bin/convert '" + path +
+                         "'[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
                          "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
-}
-
-inline std::string readAll(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void writeAll(const std::string& path, const std::string& content) {
-    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-inline bool exists(const std::string& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0;
 }
 
 // The JPEG with its first frame header (SOF0..2) claiming width x height.
@@ -126,7 +105,7 @@ inline std::string withClaimedSize(std::string jpeg, int width, int height) {
 // A valid progressive grey JPEG of width x height that sends its AC
 // coefficients one per scan in two steps of precision: 127 scans, many more
 // than any encoder writes by default.
-inline bool writeManyScanJpeg(const std::string& path, int width, int height, int* scanCount) {
+inline bool writeManyScanJpeg(const std::string& path, int width, int height) {
     FILE* out = fopen(path.c_str(), "wb");
     if (out == NULL) {
         return false;
@@ -152,19 +131,14 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height, in
     cinfo.scan_info = script.data();
     cinfo.num_scans = static_cast<int>(script.size());
     jpeg_start_compress(&cinfo, TRUE);
-    std::vector<JSAMPLE> row(width);
-    for (int x = 0; x < width; ++x) {
-        row[x] = static_cast<JSAMPLE>(x * 7);
-    }
+    std::vector<JSAMPLE> row(width, 128);
     while (cinfo.next_scanline < cinfo.image_height) {
         JSAMPROW rows[1] = {row.data()};
         jpeg_write_scanlines(&cinfo, rows, 1);
     }
     jpeg_finish_compress(&cinfo);
     jpeg_destroy_compress(&cinfo);
-    fclose(out);
-    *scanCount = cinfo.num_scans;
-    return true;
+    return fclose(out) == 0;
 }
 
 // A GIF of frames copies of the one frame in oneFrameGif, written by hand

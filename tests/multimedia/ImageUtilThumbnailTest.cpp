@@ -1,6 +1,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/thread/thread.hpp>
+#include <chrono>
+#include <cstdlib>
 #include <string>
 
 #include "multimedia/ImageTestImages.h"
@@ -10,9 +13,33 @@
 
 using talvern::ConfigInfo;
 using talvern::ImageUtil;
+using talvern::THUMBNAIL_MIDDLE;
+using talvern::THUMBNAIL_SMALL;
 using namespace quorvia_test;
 
 namespace {
+
+struct Resized {
+    int result;
+    bool buffer;
+    unsigned long size;
+    std::string sizes;  // "srcWxsrcH outWxoutH"
+};
+
+// resizeJpeg towards side x otherSide, unchunked; frees the buffer.
+Resized resize(ImageUtil& util, const std::string& source, std::string target, int side = 1280,
+               int otherSide = 720) {
+    Resized r{0, false, 1, ""};
+    unsigned char* buffer = reinterpret_cast<unsigned char*>(1);
+    int sw = -7, sh = -7, ow = -7, oh = -7;
+    r.result = util.resizeJpeg(source, target, &buffer, &r.size, &sw, &sh, side, otherSide, &ow,
+                               &oh, 0);
+    r.buffer = buffer != NULL;
+    r.sizes = std::to_string(sw) + "x" + std::to_string(sh) + " " + std::to_string(ow) + "x" +
+              std::to_string(oh);
+    std::free(buffer);
+    return r;
+}
 
 class ImageUtilThumbnailTest : public DeviceRootTest {
 protected:
@@ -24,6 +51,16 @@ protected:
         middleRoot_ = ConfigInfo::sGetInstance()->getMiddleIconsRootPath();
     }
 
+    // A red/blue picture in dir_, its format told by the name, with an EXIF
+    // thumbnail of that orientation (none for 0).
+    std::string photo(const std::string& name, int width, int height, bool noisy,
+                      int orientation) {
+        const std::string file = dir_ + "/" + name;
+        EXPECT_TRUE(makeRedBlue(file, width, height, noisy, "-depth 8"));
+        EXPECT_TRUE(orientation == 0 || addExifThumbnail(file, orientation, dir_));
+        return file;
+    }
+
     ImageUtil util_;
     std::string dir_;
     std::string smallRoot_;
@@ -31,6 +68,155 @@ protected:
 };
 
 }  // namespace
+
+TEST(ImageUtilSampleSize, Table) {
+    struct Case {
+        int width, height, side, pixels, factor;
+    } const cases[] = {
+        {1280, 720, 1280, 921600, 1},    {1281, 721, 1280, 921600, 2},
+        {3264, 2448, 1280, 921600, 4},   {6000, 4000, 1280, 921600, 8},
+        {10000, 10000, 1280, 921600, 16}, {5000, 5000, -1, -1, 1},
+        {5000, 5000, -1, 1000000, 8},  // only a pixel bound
+        {3000, 4000, 1000, -1, 4},     // only a side bound
+        {17000, 17000, 1000, -1, 24},  // above 8: up to a multiple of 8
+    };
+    ImageUtil util;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        EXPECT_EQ(c.factor, util.computeSampleSize(c.width, c.height, c.side, c.pixels));
+    }
+}
+
+TEST_F(ImageUtilThumbnailTest, JpegResizeDecodesLargeSourcesReducedAndCopiesOthers) {
+    const std::string source = dir_ + "/big.jpg", target = dir_ + "/small.jpg";
+    struct Case {
+        int width, height;
+        bool noisy;  // then the result outgrows the first buffer
+        const char* options;
+        int side, otherSide;
+        const char* sizes;
+        const char* scale;
+    } const cases[] = {
+        {3264, 2448, false, "", 1280, 720, "3264x2448 816x612",
+         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
+        {3264, 2448, false, "-interlace Plane", 1280, 720, "3264x2448 816x612",
+         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
+        {2000, 2000, true, "", 1000, 1000, "2000x2000 1000x1000",
+         "scale(1, 2) origin(2000, 2000) target(1000, 1000)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.scale + std::string(c.options));
+        ASSERT_TRUE(makeRedBlue(source, c.width, c.height, c.noisy,
+                                c.options + std::string(" -quality 90")));
+        const Resized r = resize(util_, source, target, c.side, c.otherSide);
+        EXPECT_EQ(0, r.result);
+        EXPECT_TRUE(r.buffer);
+        EXPECT_EQ(static_cast<unsigned long>(readAll(target).size()), r.size);
+        EXPECT_EQ(c.noisy, r.size > ImageUtil::kFirstBufferSize);
+        EXPECT_EQ(c.sizes, r.sizes);
+        EXPECT_EQ(r.sizes.substr(r.sizes.find(' ') + 1), geometryOf(target));
+        EXPECT_EQ("RBRB", quarters(target));
+        EXPECT_TRUE(log_.contains(c.scale));
+    }
+    // A source of the largest side but needing no scaling: a byte-for-byte
+    // copy, no buffer, and -1.
+    ASSERT_TRUE(makeRedBlue(source, 64, 16, false));
+    writeAll(source, withClaimedSize(readAll(source), ImageUtil::kMaxJpegSide, 16));
+    const Resized r = resize(util_, source, target);
+    EXPECT_EQ(-1, r.result);
+    EXPECT_FALSE(r.buffer);
+    EXPECT_EQ(0u, r.size);
+    EXPECT_EQ("10000x16 10000x16", r.sizes);
+    EXPECT_EQ(readAll(source), readAll(target));
+    EXPECT_EQ(1, log_.count("no need to scale"));
+}
+
+// Cut short, unsupported, oversized or unreadable: each fails at once with its
+// reason, leaving neither a buffer nor a target.
+TEST_F(ImageUtilThumbnailTest, BadJpegSourcesFailWithTheirReason) {
+    const std::string bytes = readAll(photo("whole.jpg", 2000, 1500, true, 0));
+    ASSERT_TRUE(makeRedBlue(dir_ + "/cmyk.jpg", 2000, 1500, false, "-colorspace CMYK"));
+    writeAll(dir_ + "/mid-scan.jpg", bytes.substr(0, bytes.size() / 2));
+    writeAll(dir_ + "/text.jpg", "not a picture at all");
+    const std::string progressive = dir_ + "/progressive.jpg";
+    ASSERT_TRUE(makeRedBlue(progressive, 64, 64, false, "-interlace Plane -sampling-factor 1x1"));
+    const std::string small = readAll(progressive);
+    const int side = ImageUtil::kMaxJpegSide;
+    writeAll(dir_ + "/wide.jpg", withClaimedSize(small, side + 1, 16));
+    writeAll(dir_ + "/tall.jpg", withClaimedSize(small, 16, side + 1));
+    // A progressive decode keeps every coefficient: 10000 x 10000 in colour
+    // would take about 300 MB before a single scan is read.
+    writeAll(dir_ + "/huge.jpg", withClaimedSize(small, side, side));
+    ASSERT_TRUE(writeManyScanJpeg(dir_ + "/scans.jpg", 2000, 1500));
+    ASSERT_EQ(0, mkfifo((dir_ + "/pipe.jpg").c_str(), 0644));
+    const std::string decoder = "libjpeg: ";
+    struct Case {
+        const char* name;
+        std::string line;
+        int severity = google::GLOG_ERROR;
+    } const cases[] = {
+        {"cmyk.jpg", decoder}, {"mid-scan.jpg", decoder}, {"text.jpg", decoder},
+        {"huge.jpg", decoder + "Backing store not supported"},
+        {"scans.jpg", "jpeg has more than 100 scans, give up"},
+        {"wide.jpg", "image too large, jpeg width is 10001 and jpeg height is 16", google::GLOG_INFO},
+        {"tall.jpg", "image too large, jpeg width is 16 and jpeg height is 10001", google::GLOG_INFO},
+        {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
+    };
+    const auto start = std::chrono::steady_clock::now();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        log_.clear();
+        const Resized r = resize(util_, dir_ + "/" + c.name, dir_ + "/out.jpg");
+        EXPECT_EQ(-1, r.result);
+        EXPECT_FALSE(r.buffer);
+        EXPECT_FALSE(exists(dir_ + "/out.jpg"));
+        EXPECT_TRUE(log_.contains(c.line, c.severity));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+TEST_F(ImageUtilThumbnailTest, TwoThreadsResizeJpegsAtOnce) {
+    const std::string good = photo("good.jpg", 2000, 1500, false, 0), bad = dir_ + "/bad.jpg";
+    writeAll(bad, readAll(good).substr(0, readAll(good).size() / 2));
+    int rightResults[2] = {0, 0};
+    boost::thread_group threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.create_thread([this, t, &good, &bad, &rightResults] {
+            ImageUtil util;
+            for (int i = 0; i < 10; ++i) {
+                const bool isGood = (i + t) % 2 == 0;
+                const std::string target = dir_ + "/t" + std::to_string(t) + ".jpg";
+                rightResults[t] += (resize(util, isGood ? good : bad, target).result == 0) == isGood;
+            }
+        });
+    }
+    threads.join_all();
+    EXPECT_EQ(10, rightResults[0]);
+    EXPECT_EQ(10, rightResults[1]);
+}
+
+TEST_F(ImageUtilThumbnailTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableResults) {
+    const std::string block(ImageUtil::kChunkSize, 'x');
+    const std::string path = dir_ + "/block.bin";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(block.data()),
+                                         block.size(), path, 1));
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
+    EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
+    EXPECT_EQ(block, readAll(path));
+    EXPECT_EQ(1,
+              log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
+
+    const std::string empty = dir_ + "/empty.jpg";
+    EXPECT_EQ(-1, util_.save_to_jpeg_file(nullptr, 0, empty, 0));
+    EXPECT_FALSE(exists(empty));
+    EXPECT_EQ(1, log_.count("jpeg file " + empty + " is empty, delete it. useChunk is 0"));
+    const std::string nowhere = dir_ + "/no/such/dir/x.jpg";
+    EXPECT_EQ(-1,
+              util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>("x"), 1, nowhere, 0));
+    EXPECT_EQ(1, log_.count("open file" + nowhere + " fail"));
+}
 
 TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
     struct Case {
@@ -43,107 +229,93 @@ TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
                        {6, 90, "120x160", "RRBB"},
                        {8, 270, "120x160", "BBRR"}};
     for (const Case& c : cases) {
-        const std::string source = dir_ + "/o" + std::to_string(c.orientation) + ".jpg";
-        ASSERT_TRUE(makeRedBlue(source, 640, 480, false));
-        ASSERT_TRUE(addExifThumbnail(source, c.orientation, dir_));
+        SCOPED_TRACE(c.orientation);
+        const std::string source = photo(std::to_string(c.orientation) + ".jpg", 640, 480, false,
+                                         c.orientation);
         std::string thumb;
-        EXPECT_EQ(0, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+        EXPECT_EQ(0, util_.getThumbnail(source, thumb, THUMBNAIL_SMALL, "", 0));
         EXPECT_EQ(smallRoot_ + source, thumb);
-        EXPECT_EQ(c.geometry, geometryOf(thumb)) << c.orientation;
-        EXPECT_EQ(c.quarters, quarters(thumb)) << c.orientation;
+        EXPECT_EQ(c.geometry, geometryOf(thumb));
+        EXPECT_EQ(c.quarters, quarters(thumb));
         EXPECT_EQ(1, log_.count("get " + source + " orientation is " +
                                 std::to_string(c.degrees)));
     }
 }
 
-
 TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
-    const std::string source = dir_ + "/exif.jpg";
-    ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
-    ASSERT_TRUE(addExifThumbnail(source, 6, dir_));
-    const std::string bytes = readAll(source);
+    const std::string bytes = readAll(photo("exif.jpg", 64, 48, false, 6));
     const size_t app1 = bytes.find("Exif");
     ASSERT_NE(std::string::npos, app1);
     const std::string damaged = dir_ + "/damaged.jpg";
+    std::string thumb;
     // Counts, offsets and types across the TIFF header and first IFDs set to
     // absurd values, and the block cut short.
     int usable = 0;
     for (size_t at = app1 + 6; at < app1 + 200 && at < bytes.size(); at += 3) {
         for (const char value : {'\xFF', '\x00', '\x7F'}) {
             std::string variant(bytes);
-            variant[at] = value;
-            variant[at + 1] = value;
+            variant[at] = variant[at + 1] = value;
             writeAll(damaged, variant);
-            std::string thumb;
-            usable += util_.getThumbnail(damaged, thumb, talvern::THUMBNAIL_SMALL, "", 0) == 0;
+            usable += util_.getThumbnail(damaged, thumb, THUMBNAIL_SMALL, "", 0) == 0;
         }
     }
-    writeAll(damaged, bytes.substr(0, app1 + 40));
-    std::string thumb;
-    EXPECT_EQ(-1, util_.getThumbnail(damaged, thumb, talvern::THUMBNAIL_SMALL, "", 0));
     EXPECT_GT(usable, 0);
+    writeAll(damaged, bytes.substr(0, app1 + 40));
+    EXPECT_EQ(-1, util_.getThumbnail(damaged, thumb, THUMBNAIL_SMALL, "", 0));
 }
 
 TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIsSharedByHash) {
-    const std::string atLimit = dir_ + "/at-limit.jpg";
-    ASSERT_TRUE(makeRedBlue(atLimit, 1600, 1200, false));
     // Padded behind its end to exactly the limit.
+    const std::string atLimit = photo("at-limit.jpg", 1600, 1200, false, 0);
     std::string padded = readAll(atLimit);
     ASSERT_LE(padded.size(), ImageUtil::kCopyWithoutResizeSize);
     padded.resize(ImageUtil::kCopyWithoutResizeSize, '\0');
     writeAll(atLimit, padded);
     std::string thumb;
-    EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(middleRoot_ + "/ab/cd/abcdef01.jpg", thumb);
-    EXPECT_EQ(readAll(atLimit), readAll(thumb));
+    EXPECT_EQ(padded, readAll(thumb));
     EXPECT_EQ(1, log_.count(atLimit + " too small, no need to resize"));
     // Another file of the same content finds the thumbnail and reads nothing.
     unlink(atLimit.c_str());
-    EXPECT_EQ(
-        0, util_.getThumbnail(dir_ + "/copy.jpg", thumb, talvern::THUMBNAIL_MIDDLE, "abcdef01", 0));
+    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/copy.jpg", thumb, THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(1, log_.count(thumb + " has resized middle thumbnail, no need to resize again"));
 
-    const std::string above = dir_ + "/above.jpg";
-    ASSERT_TRUE(makeRedBlue(above, 1600, 1200, true));
-    ASSERT_TRUE(addExifThumbnail(above, 6, dir_));
+    const std::string above = photo("above.jpg", 1600, 1200, true, 6);
     ASSERT_GT(readAll(above).size(), ImageUtil::kCopyWithoutResizeSize);
-    EXPECT_EQ(0, util_.getThumbnail(above, thumb, talvern::THUMBNAIL_MIDDLE, "1234", 0));
+    EXPECT_EQ(0, util_.getThumbnail(above, thumb, THUMBNAIL_MIDDLE, "1234", 0));
     EXPECT_EQ(middleRoot_ + "/12/34/1234.jpg", thumb);
     EXPECT_EQ("600x800", geometryOf(thumb));
     EXPECT_EQ("RRBB", quarters(thumb));
     EXPECT_EQ(1, log_.count(above + " try use resize algorithm"));
 
     // Large in bytes but needing no scaling: a copy, and still -1.
-    const std::string hd = dir_ + "/hd.jpg";
-    ASSERT_TRUE(makeRedBlue(hd, 1280, 720, true));
+    const std::string hd = photo("hd.jpg", 1280, 720, true, 0);
     ASSERT_GT(readAll(hd).size(), ImageUtil::kCopyWithoutResizeSize);
-    EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, talvern::THUMBNAIL_MIDDLE, "beef02", 0));
+    EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, THUMBNAIL_MIDDLE, "beef02", 0));
     EXPECT_EQ(readAll(hd), readAll(thumb));
     EXPECT_EQ(-1, util_.getThumbnail(hd, thumb, static_cast<talvern::ThumbnailSize>(2), "x", 0));
 }
 
 TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     std::string thumb = "untouched";
-    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/raw.NEF", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(0, util_.getThumbnail(dir_ + "/raw.NEF", thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("untouched", thumb);
     EXPECT_EQ(1, log_.count("no need to generate thumbnail for camera raw image"));
 
-    const std::string png = dir_ + "/big.png";
-    ASSERT_TRUE(makeRedBlue(png, 600, 450, true, "-depth 8"));
+    const std::string png = photo("big.png", 600, 450, true, 0);
     ASSERT_GT(readAll(png).size(), ImageUtil::kCopyWithoutResizeSize);
-    EXPECT_EQ(0, util_.getThumbnail(png, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(0, util_.getThumbnail(png, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(smallRoot_ + png, thumb);
     EXPECT_EQ("400x300", geometryOf(thumb));
     EXPECT_EQ(1, log_.count("generate thumb for not jpg file."));
 
-    const std::string tiny = dir_ + "/tiny.gif";
-    ASSERT_TRUE(makeRedBlue(tiny, 40, 30, false));
-    EXPECT_EQ(0, util_.getThumbnail(tiny, thumb, talvern::THUMBNAIL_MIDDLE, "0a0b0c", 0));
+    const std::string tiny = photo("tiny.gif", 40, 30, false, 0);
+    EXPECT_EQ(0, util_.getThumbnail(tiny, thumb, THUMBNAIL_MIDDLE, "0a0b0c", 0));
     EXPECT_EQ(readAll(tiny), readAll(thumb));
 
-    const std::string wide = dir_ + "/wide.png";
-    ASSERT_TRUE(makeRedBlue(wide, 2002, 300, true, "-depth 8"));
-    EXPECT_EQ(-1, util_.getThumbnail(wide, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    const std::string wide = photo("wide.png", 2002, 300, true, 0);
+    EXPECT_EQ(-1, util_.getThumbnail(wide, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("", thumb);
     EXPECT_FALSE(exists(smallRoot_ + wide));
 }
@@ -151,27 +323,22 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
 // No EXIF thumbnail, no file, no regular file, a path or hash that would
 // leave the thumbnail tree: each fails with its reason and writes nothing.
 TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
-    const std::string plain = dir_ + "/plain.jpg";
-    ASSERT_TRUE(makeRedBlue(plain, 64, 48, false));
+    const std::string plain = photo("plain.jpg", 64, 48, false, 0);
     std::string thumb;
-    EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(1, log_.count("get thumbnail from exif, there is no thumbnail in exif " + plain));
     EXPECT_FALSE(exists(smallRoot_ + plain));
-    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(1, log_.count("get thumbnail from exif, path " + dir_ + "/gone.jpg not exist"));
-    int orientation = 5;
-    EXPECT_EQ(-1, util_.getImageOrientation(NULL, orientation));
 
-    const std::string source = dir_ + "/a.jpg";
-    ASSERT_TRUE(makeRedBlue(source, 64, 48, false));
-    ASSERT_TRUE(addExifThumbnail(source, 1, dir_));
+    const std::string source = photo("a.jpg", 64, 48, false, 1);
     const std::string climbing = dir_ + "/../../../../../../../../../../../.." + source;
-    EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(1, log_.count("generate thumb path, " + climbing +
                             " would leave the thumbnail tree"));
-    EXPECT_EQ(-1, util_.getThumbnail("photos/a.png", thumb, talvern::THUMBNAIL_SMALL, "", 0));
+    EXPECT_EQ("", util_.generateThumbPath("photos/a.png", THUMBNAIL_SMALL, ""));
     for (const std::string& hash : {std::string("a"), std::string("../../../x")}) {
-        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, talvern::THUMBNAIL_MIDDLE, hash, 0));
+        EXPECT_EQ(-1, util_.getThumbnail(source, thumb, THUMBNAIL_MIDDLE, hash, 0));
         EXPECT_EQ("", util_.getMiddleIconsHashPath(hash));
     }
 
@@ -181,70 +348,67 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
     for (const char* name : {"/pipe.jpg", "/pipe.png", "/folder.gif"}) {
         const std::string odd = dir_ + name;
         thumb = "untouched";
-        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, talvern::THUMBNAIL_MIDDLE, "1234", 0));
+        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, THUMBNAIL_MIDDLE, "1234", 0));
         EXPECT_EQ("", thumb);
         EXPECT_EQ(1, log_.count("generate thumbnail, " + odd + " is not a readable regular file"));
-        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, talvern::THUMBNAIL_SMALL, "", 0));
+        EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, THUMBNAIL_SMALL, "", 0));
     }
     EXPECT_EQ(-1, util_.rotateImage(dir_ + "/pipe.jpg", 90));
 }
 
-TEST_F(ImageUtilThumbnailTest, PngResizeReadsTheHeaderFirst) {
-    const std::string png = dir_ + "/p.png";
-    ASSERT_TRUE(makeRedBlue(png, 300, 200, false));
+// resizePng reads the header through libpng first; resizeGif samples every
+// frame. Both refuse sources beyond their limits and write nothing then.
+TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
+    typedef int (ImageUtil::*Resize)(const std::string&, int, int*, int*, std::string&);
+    const Resize png = &ImageUtil::resizePng, gif = &ImageUtil::resizeGif;
+    const std::string still = photo("p.png", 300, 200, false, 0), anim = dir_ + "/anim.gif";
+    ASSERT_TRUE(makeImage("-size 120x80 xc:red xc:blue xc:green -set delay 10", anim));
     int width = 0, height = 0;
     std::string thumb;
-    EXPECT_EQ(0, util_.resizePng(png, 100, &width, &height, thumb));
-    EXPECT_EQ(300 * 1000 + 200, width * 1000 + height);
-    EXPECT_EQ(smallRoot_ + png, thumb);
-    EXPECT_EQ("100x66", geometryOf(thumb));
-    EXPECT_EQ("RBRB", quarters(thumb));
-    EXPECT_EQ(1, log_.count("use libpng read png " + png + " and its width=300 height=200"));
+    struct Done {
+        Resize op;
+        std::string path;
+        int width;
+        const char* sizes;
+        const char* quarters;
+    } const done[] = {{png, still, 100, "300x200 100x66", "RBRB"},
+                      {gif, anim, 60, "120x80 60x40 60x40 60x40", "RRRR"}};
+    for (const Done& c : done) {
+        SCOPED_TRACE(c.path);
+        EXPECT_EQ(0, (util_.*c.op)(c.path, c.width, &width, &height, thumb));
+        EXPECT_EQ(smallRoot_ + c.path, thumb);
+        EXPECT_EQ(c.sizes, std::to_string(width) + "x" + std::to_string(height) + " " +
+                               geometryOf(thumb));
+        EXPECT_EQ(c.quarters, quarters(thumb));
+    }
+    EXPECT_EQ(1, log_.count("use libpng read png " + still + " and its width=300 height=200"));
 
-    const std::string bad = dir_ + "/bad.png", wide = dir_ + "/wide.png";
-    const int side = ImageUtil::kMaxPngSide;
-    ASSERT_TRUE(makeImage("-size " + std::to_string(side + 1) + "x10 xc:red", wide));
-    struct Case {
-        std::string path, content, line;
-    } const cases[] = {
-        {wide, "",
-         "resize png " + wide + " too large, and width=" + std::to_string(side + 1) + " height=10"},
-        {bad, readAll(png).substr(0, 20), "generate thumbnail " + bad + " exception"},
-        {bad, "GIF89a not a png", bad + "is not regular png"},
-        {dir_ + "/none.png", "", "failed to open " + dir_ + "/none.png, error: "},
+    const std::string wide = dir_ + "/wide.png", cut = dir_ + "/cut.png", other = dir_ + "/gif.png";
+    const std::string many = dir_ + "/many.gif", wideGif = dir_ + "/wide.gif";
+    const std::string pngSide = std::to_string(ImageUtil::kMaxPngSide + 1);
+    ASSERT_TRUE(makeImage("-size " + pngSide + "x10 xc:red", wide));
+    writeAll(cut, readAll(still).substr(0, 20));
+    writeAll(other, "GIF89a not a png");
+    ASSERT_TRUE(makeImage("-size 8x8 xc:red", dir_ + "/one.gif"));
+    writeAll(many, repeatedGif(readAll(dir_ + "/one.gif"), ImageUtil::kMagickMaxFrames + 1));
+    ASSERT_TRUE(makeImage("-size " + std::to_string(ImageUtil::kMagickMaxSide + 1) + "x1 xc:red",
+                          wideGif));
+    struct Refused {
+        Resize op;
+        std::string path, line;
+    } const refused[] = {
+        {png, wide, "resize png " + wide + " too large, and width=" + pngSide + " height=10"},
+        {png, cut, "generate thumbnail " + cut + " exception"},
+        {png, other, other + "is not regular png"},
+        {png, dir_ + "/none.png", "failed to open " + dir_ + "/none.png, error: "},
+        {gif, many, "read gif " + many + " fail"},
+        {gif, wideGif, "read gif " + wideGif + " fail"},
     };
-    for (const Case& c : cases) {
+    for (const Refused& c : refused) {
         SCOPED_TRACE(c.line);
-        if (!c.content.empty()) {
-            writeAll(c.path, c.content);
-        }
         log_.clear();
-        EXPECT_EQ(-1, util_.resizePng(c.path, 100, &width, &height, thumb));
+        EXPECT_EQ(-1, (util_.*c.op)(c.path, 4, &width, &height, thumb));
         EXPECT_TRUE(log_.contains(c.line));
         EXPECT_FALSE(exists(smallRoot_ + c.path));
-    }
-}
-
-TEST_F(ImageUtilThumbnailTest, GifResizeSamplesEveryFrameWithinLimits) {
-    const std::string gif = dir_ + "/anim.gif";
-    ASSERT_TRUE(makeImage("-size 120x80 xc:red xc:blue xc:green -set delay 10", gif));
-    int width = 0, height = 0;
-    std::string thumb;
-    EXPECT_EQ(0, util_.resizeGif(gif, 60, &width, &height, thumb));
-    EXPECT_EQ(120 * 1000 + 80, width * 1000 + height);
-    EXPECT_EQ(smallRoot_ + gif, thumb);
-    EXPECT_EQ("60x40", geometryOf(thumb));
-    EXPECT_EQ(3, frameCount(thumb));
-
-    const std::string one = dir_ + "/one.gif", many = dir_ + "/many.gif";
-    ASSERT_TRUE(makeImage("-size 8x8 xc:red", one));
-    writeAll(many, repeatedGif(readAll(one), ImageUtil::kMagickMaxFrames + 1));
-    const std::string wide = dir_ + "/wide.gif";
-    ASSERT_TRUE(makeImage("-size " + std::to_string(ImageUtil::kMagickMaxSide + 1) + "x1 xc:red",
-                          wide));
-    for (const std::string& path : {many, wide}) {
-        EXPECT_EQ(-1, util_.resizeGif(path, 4, &width, &height, thumb));
-        EXPECT_EQ(1, log_.count("read gif " + path + " fail"));
-        EXPECT_FALSE(exists(smallRoot_ + path));
     }
 }

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
+#include "multimedia/MetadataVideoProbe.h"
 #include "support/DeviceRootTest.h"
 
 using talvern::Metadata;
@@ -15,6 +17,10 @@ using talvern::metadata_s;
 namespace {
 
 const long kMtime = 1500000000;
+const long kDefault = 1600000000;
+const std::string kFfmpeg = "ffmpeg -nostdin -loglevel error -y ";
+const std::string kBlue = "-f lavfi -i color=c=blue:size=32x32:rate=10 ";
+const std::string kSine = "-f lavfi -i sine=frequency=440:sample_rate=8000 ";
 
 // Local wall-clock time in the test's zone.
 long localTime(int year, int month, int day, int hour, int minute, int second) {
@@ -31,16 +37,19 @@ protected:
         tzset();
     }
 
+    // Runs command with $F naming the file, then dates the file kMtime.
+    std::string media(const std::string& name, const std::string& command) {
+        const std::string file = path("/" + name);
+        EXPECT_EQ(0, shell("F='" + file + "'; " + command + " && touch -d @" +
+                           std::to_string(kMtime) + " \"$F\""))
+            << command;
+        return file;
+    }
+
     // A small JPEG without EXIF, then the given exiftool arguments applied.
     std::string jpeg(const std::string& name, const std::string& exiftoolArgs) {
-        const std::string file = path("/" + name);
-        EXPECT_EQ(0, shell("/usr/bin/convert -size 16x16 xc:red -strip 'jpg:" + file + "'"));
-        if (!exiftoolArgs.empty()) {
-            EXPECT_EQ(0, shell("exiftool -q -overwrite_original " + exiftoolArgs + " '" + file +
-                               "' >/dev/null"));
-        }
-        EXPECT_EQ(0, shell("touch -d @" + std::to_string(kMtime) + " '" + file + "'"));
-        return file;
+        return media(name, "/usr/bin/convert -size 16x16 xc:red -strip \"jpg:$F\" && exiftool -q "
+                           "-overwrite_original " + exiftoolArgs + " \"$F\" >/dev/null");
     }
 };
 
@@ -50,24 +59,19 @@ TEST_F(MetadataTest, NameDecidesTypeAndTitleOfNonJpegImages) {
         const char* mime;
     } cases[] = {{"a.png", "image/png"},  {"A.PNG", "image/png"}, {"x.tiff", "image/tiff"},
                  {"x.tif", "image/null"}, {"", "image/null"},      {"png", "image/png"}};
-    // The file is never opened: its path has no suffix, and isn't there.
-    const std::string file = path("/no-suffix");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         metadata_s metadata;
-        EXPECT_EQ(0, Metadata::getImageMetadata(file, c.name, 777, metadata, "", false));
+        // The file is never opened: its path has no suffix, and isn't there.
+        EXPECT_EQ(0, Metadata::getImageMetadata(path("/none"), c.name, 777, metadata, "", false));
         EXPECT_EQ(c.mime, metadata.mime);
         EXPECT_EQ(c.name, metadata.title);
         EXPECT_EQ(777, metadata.date);
-        metadata_s none;
-        Metadata::getImageMetadata(file, c.name, 0, none, "", false);
-        EXPECT_EQ(0, none.date);
     }
     EXPECT_TRUE(log_.lines().empty());
 }
 
 TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
-    const long defaultTime = 1600000000;
     struct Case {
         const char* label;
         std::string exiftool;
@@ -75,17 +79,15 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         long expected;
         int result;
     } cases[] = {
-        {"original, summer", "-DateTimeOriginal='2015:06:07 08:09:10'", defaultTime,
+        {"original, summer", "-DateTimeOriginal='2015:06:07 08:09:10'", kDefault,
          localTime(2015, 6, 7, 8, 9, 10), 0},
-        {"digitized only", "-CreateDate='2012:03:04 05:06:07'", defaultTime,
+        {"digitized only", "-CreateDate='2012:03:04 05:06:07'", kDefault,
          localTime(2012, 3, 4, 5, 6, 7), 0},
         {"original wins",
          "-DateTimeOriginal='2015:06:07 08:09:10' -CreateDate='2012:03:04 05:06:07'", 0,
          localTime(2015, 6, 7, 8, 9, 10), 0},
-        {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", defaultTime,
+        {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", kDefault,
          localTime(1980, 1, 1, 0, 0, 0), 0},
-        {"1970 gives way to default", "-DateTimeOriginal='1970:01:01 00:00:00'", defaultTime,
-         defaultTime, 0},
         {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, kMtime, 0},
         {"no date tag, mtime", "-Make=Quorvia", 0, kMtime, 0},
         // Without EXIF the default stands, even when there is none.
@@ -104,55 +106,115 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         EXPECT_EQ("image/jpeg", metadata.mime);
         EXPECT_EQ("PHOTO.JpEg", metadata.title);
         EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
-        EXPECT_EQ(c.result == 0 ? 0 : 1,
-                  log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
     }
 }
 
-TEST_F(MetadataTest, DamagedOrStrangeJpegsFailOrFallBackWithoutHanging) {
+// Every file goes down both the image and the video route.
+TEST_F(MetadataTest, DamagedOrStrangeFilesFailQuicklyWithATitleAndADate) {
     const std::string good = jpeg("good.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'");
-    ASSERT_EQ(0, shell("head -c 300 '" + good + "' > '" + path("/cut.jpg") + "'"));
-    // EXIF block whose offsets point past its end.
-    ASSERT_EQ(0, shell("cp '" + good + "' '" + path("/offsets.jpg") +
-                       "' && printf '\\377\\377\\377\\377' | dd of='" + path("/offsets.jpg") +
-                       "' bs=1 seek=30 conv=notrunc 2>/dev/null"));
+    const std::string clip = media("good.mp4", kFfmpeg + kBlue + "-c:v mpeg4 -t 2 \"$F\"");
+    // Cut short: the EXIF block, and the index an MP4 written this way keeps at its end.
+    media("cut.jpg", "head -c 300 '" + good + "' > \"$F\"");
+    media("cut.mp4", "head -c $(($(stat -c %s '" + clip + "') / 2)) '" + clip + "' > \"$F\"");
     // A month and hour that don't exist: the text doesn't parse.
-    const std::string badDate = jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
-    ASSERT_EQ(0, mkfifo(path("/fifo.jpg").c_str(), 0600));
-    struct Case {
-        std::string file;
-        bool dateKnown;
-    } cases[] = {{path("/cut.jpg"), false}, {path("/offsets.jpg"), false}, {badDate, true},
-                 {path("/fifo.jpg"), true}, {"/dev/zero", true}, {path("/missing.jpg"), true}};
+    jpeg("baddate.jpg", "-n -DateTimeOriginal='2015:13:45 99:99:99'");
+    media("playlist.mp4", "printf '#EXTM3U\\n#EXT-X-TARGETDURATION:10\\n#EXTINF:10,\\n"
+                          "http://127.0.0.1:9/x.ts\\n#EXT-X-ENDLIST\\n' > \"$F\"");
+    ASSERT_EQ(0, mkfifo(path("/fifo").c_str(), 0600));
+    const std::vector<std::string> files = {
+        path("/cut.jpg"), path("/baddate.jpg"), path("/cut.mp4"), path("/playlist.mp4"),
+        path("/fifo"), "/dev/zero", path("/missing")};
     const auto start = std::chrono::steady_clock::now();
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.file);
-        metadata_s metadata;
-        const int result =
-            Metadata::getImageMetadata(c.file, "x.jpg", 1600000000, metadata, "", false);
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        metadata_s image, video;
+        const int result = Metadata::getImageMetadata(file, "x.jpg", kDefault, image, "", false);
         EXPECT_TRUE(result == 0 || result == -1);
-        EXPECT_EQ("x.jpg", metadata.title);
-        if (c.dateKnown) {
-            EXPECT_EQ(1600000000, metadata.date);
+        EXPECT_EQ("x.jpg", image.title);
+        // The cut EXIF block may still hold the date.
+        EXPECT_TRUE(image.date == kDefault || image.date == localTime(2015, 6, 7, 8, 9, 10));
+        EXPECT_EQ(0, Metadata::getVideoMetadata(file, "v.mp4", kDefault, video, "", false));
+        EXPECT_EQ("v.mp4|" + std::to_string(kDefault),
+                  video.title + "|" + std::to_string(video.date));
+        // A JPEG may read as a one-frame video; nothing else here has a duration.
+        if (file.find(".jpg") == std::string::npos) {
+            EXPECT_EQ("", video.duration);
         }
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    for (const std::string& file : {path("/fifo.jpg"), std::string("/dev/zero")}) {
+    for (const std::string& file : {path("/fifo"), std::string("/dev/zero")}) {
         EXPECT_EQ(1, log_.count(file + " exif_data is NULL", google::GLOG_ERROR));
+        EXPECT_EQ(1, log_.count("av_open_input_file fail, path is " + file, google::GLOG_ERROR));
     }
+    metadata_s missing;
+    Metadata::getVideoMetadata(path("/missing"), "v.mp4", 0, missing, "", false);
+    EXPECT_EQ(0, missing.date);
+}
+
+// Probing the streams only where the header leaves things open gives the
+// record that probing always gives.
+TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsAreProbedOrNot) {
+    using namespace talvern::videoprobe;
+    const std::string v = kBlue + "-c:v mpeg4", created = " -metadata creation_time=";
+    const std::string color = kBlue + "-t 2 -c:v ";
+    // The date is the one read with kDefault as the default.
+    const struct Sample {
+        std::string name, ffmpegArgs, duration;
+        long date;
+    } samples[] = {
+        // The wall-clock time is read as local time, summer time included.
+        {"created.mp4", v + " -t 3" + created + "2024-07-02T10:20:30Z", "3",
+         localTime(2024, 7, 2, 10, 20, 30)},
+        {"old.mp4", v + " -t 1" + created + "1975-01-01T10:00:00Z", "1", kDefault},
+        {"audio.m4a", kSine + "-t 2 -c:a aac" + created + "2024-01-02T10:20:30Z", "",
+         localTime(2024, 1, 2, 10, 20, 30)},
+        {"meta.mkv", v + " -t 2" + created + "2024-01-02T10:20:30Z", "2", kDefault},
+        {"mixed.mov", v + " " + kSine + "-t 4 -c:a aac", "4", kDefault},
+        {"x264.mp4",
+         "-f lavfi -i testsrc=size=64x48:rate=10 -t 2 -c:v libx264 -preset ultrafast", "2",
+         kDefault},
+        {"long.mp4", v + " -t 90.9", "90", kDefault},
+        {"half.mp4", v + " -t 0.5", "0", kDefault},
+        {"plain.ts", v + " -t 2", "2", kDefault},
+        {"plain.flv", color + "flv1", "2", kDefault},
+        {"plain.webm", color + "libvpx", "2", kDefault},
+    };
+    for (const Sample& sample : samples) {
+        SCOPED_TRACE(sample.name);
+        const std::string file = media(sample.name, kFfmpeg + sample.ffmpegArgs + " \"$F\"");
+        metadata_s metadata;
+        EXPECT_EQ(0, Metadata::getVideoMetadata(file, "Clip", kDefault, metadata, "", false));
+        EXPECT_EQ("Clip", metadata.title);
+        EXPECT_EQ(sample.duration, metadata.duration);
+        EXPECT_EQ(sample.date, metadata.date);
+        EXPECT_EQ("", metadata.mime);
+        // Without a default, the file's time stands in for an absent date.
+        metadata_s noDefault;
+        Metadata::getVideoMetadata(file, "Clip", 0, noDefault, "", false);
+        EXPECT_EQ(sample.date == kDefault ? kMtime : sample.date, noDefault.date);
+        metadata_s lazy, always;
+        ASSERT_TRUE(readContainer(file, lazy, kStreamInfoWhenHeaderIsOpen));
+        ASSERT_TRUE(readContainer(file, always, kStreamInfoAlways));
+        EXPECT_EQ(always.duration + "|" + always.title + "|" + std::to_string(always.date),
+                  lazy.duration + "|" + lazy.title + "|" + std::to_string(lazy.date));
+    }
+    // An open past its deadline gives up at libavformat's first read.
+    metadata_s late;
+    EXPECT_FALSE(readContainer(path("/long.mp4"), late, kStreamInfoAlways, std::chrono::seconds(0)));
+    EXPECT_EQ("", late.duration);
+    EXPECT_TRUE(log_.contains("creation_time is 2024-07-02T10:20:30.000000Z", google::GLOG_INFO));
+    EXPECT_EQ(4, log_.count("video " + path("/long.mp4") + " raw duration is 90"));
+    EXPECT_EQ(0, log_.count("av_open_input_file fail", google::GLOG_ERROR));
 }
 
 TEST_F(MetadataTest, AudioRecordHoldsTheTitleAlone) {
-    writeFile("/song.mp3", "not really audio");
     metadata_s metadata;
     EXPECT_EQ(0, Metadata::getAudioMetadata(path("/song.mp3"), "Song.mp3", metadata));
+    // Without a path the record is left alone.
+    EXPECT_EQ(0, Metadata::getAudioMetadata("", "Other.mp3", metadata));
     EXPECT_EQ("Song.mp3|||||0", metadata.title + "|" + metadata.mime + "|" + metadata.duration +
                                     "|" + metadata.artist + "|" + metadata.album + "|" +
                                     std::to_string(metadata.date));
-    metadata_s untouched;
-    untouched.title = "before";
-    EXPECT_EQ(0, Metadata::getAudioMetadata("", "Song.mp3", untouched));
-    EXPECT_EQ("before", untouched.title);
 }
 
 }  // namespace

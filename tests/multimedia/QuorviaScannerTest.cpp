@@ -6,6 +6,7 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backup/MonitorTestSupport.h"
@@ -35,30 +36,9 @@ protected:
     quorvia::QuorviaScanner scanner_;
 };
 
-TEST_F(QuorviaScannerTest, GroupsOfTenAndTheRestAtTheEnd) {
-    const std::vector<std::vector<std::size_t>> cases = {{}, {10}, {10, 10, 5}};
-    for (std::size_t c = 0; c < cases.size(); ++c) {
-        const std::string dir = "c" + std::to_string(c);
-        fs::create_directories(data_ + "/" + dir);
-        std::vector<std::size_t> sizes;
-        for (std::size_t n = 0; n < cases[c].size(); ++n) {
-            for (std::size_t i = 0; i < cases[c][n]; ++i) {
-                touch(dir + "/p" + std::to_string(n) + "-" + std::to_string(i) + ".jpeg");
-            }
-        }
-        observer_->batches.clear();
-        scanner_.start_scanner(std::vector<std::string>(1, data_ + "/" + dir));
-        for (const std::vector<FileChangeItem>& batch : observer_->batches) {
-            sizes.push_back(batch.size());
-        }
-        EXPECT_EQ(cases[c], sizes);
-    }
-    EXPECT_EQ(MONITOR_TYPE_SCANNER, observer_->types[0]);
-    EXPECT_EQ(TALVERN_MODIFY, observer_->batches[0][0].mask);
-}
-
-// An unreadable root is logged and the next root scanned.
-TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesOnly) {
+// Visible JPEG files only, in batches of ten and the rest at the end; an
+// unreadable root is logged and the next root scanned.
+TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesInBatchesOfTen) {
     for (const char* file : {"Photo.JPG", ".hidden.jpg", "image.PNG", "movie.mp4",
                              ".cache/in-hidden.jpg", "$RECYCLE.BIN/binned.jpg", "sub/deep.jpeg"}) {
         touch(file);
@@ -70,10 +50,30 @@ TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesOnly) {
     ASSERT_EQ(1u, observer_->batches.size());
     std::vector<std::string> paths;
     for (const FileChangeItem& item : observer_->batches[0]) {
+        EXPECT_EQ(TALVERN_MODIFY, item.mask);
         paths.push_back(item.path);
     }
     std::sort(paths.begin(), paths.end());
     EXPECT_EQ(std::vector<std::string>({data_ + "/Photo.JPG", data_ + "/sub/deep.jpeg"}), paths);
+    EXPECT_EQ(MONITOR_TYPE_SCANNER, observer_->types[0]);
+
+    // Files in a folder of their own, and the batch sizes they come in.
+    const std::vector<std::pair<std::size_t, std::vector<std::size_t>>> cases = {
+        {0, {}}, {10, {10}}, {25, {10, 10, 5}}};
+    for (const auto& c : cases) {
+        const std::string dir = "n" + std::to_string(c.first);
+        fs::create_directories(data_ + "/" + dir);
+        for (std::size_t i = 0; i < c.first; ++i) {
+            touch(dir + "/p" + std::to_string(i) + ".jpeg");
+        }
+        observer_->batches.clear();
+        scanner_.start_scanner(std::vector<std::string>(1, data_ + "/" + dir));
+        std::vector<std::size_t> got;
+        for (const std::vector<FileChangeItem>& batch : observer_->batches) {
+            got.push_back(batch.size());
+        }
+        EXPECT_EQ(c.second, got) << c.first;
+    }
 }
 
 }  // namespace

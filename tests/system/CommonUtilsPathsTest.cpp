@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -23,21 +21,16 @@ struct TextCase {
 };
 
 TEST(CommonUtilsNames, RemoveSuffixMarksTrimAndLibconfigKeys) {
-    for (const TextCase& c : {TextCase{"a///", "a"}, TextCase{"///", "/"}, TextCase{"", ""}}) {
-        std::string path(c.in);
-        EXPECT_EQ(c.out, CommonUtils::sRemoveSuffix(path)) << c.in;
-        EXPECT_EQ(c.out, path) << c.in;
-    }
-    for (const TextCase& c : {TextCase{"'\"a\"'", "\"a\""}, TextCase{"'a\"", "'a\""},
-                              TextCase{"'", "'"}, TextCase{"''", ""}}) {
-        EXPECT_EQ(c.out, CommonUtils::sRemoveMarks(c.in)) << c.in;
-    }
+    std::string slashes("///");
+    EXPECT_EQ("/", CommonUtils::sRemoveSuffix(slashes));
+    EXPECT_EQ("/", slashes);
+    EXPECT_EQ("\"a\"", CommonUtils::sRemoveMarks("'\"a\"'"));
+    EXPECT_EQ("'", CommonUtils::sRemoveMarks("'"));
     char blanks[] = "  a   b  ";
     CommonUtils::sTrimAll(blanks);
     EXPECT_STREQ("a b ", blanks);
     CommonUtils::sTrimAll(NULL);
     for (const TextCase& c : {TextCase{"9 lives", "key_9_lives"}, TextCase{"*a b", "*a_b"},
-                              TextCase{"", ""}, TextCase{"ok-key_1", "ok-key_1"},
                               TextCase{"照片", "key_______"}}) {
         std::string key(c.in);
         CommonUtils::sConvertToValidLibconfigKey(key);
@@ -45,95 +38,58 @@ TEST(CommonUtilsNames, RemoveSuffixMarksTrimAndLibconfigKeys) {
     }
 }
 
-TEST_F(CommonUtilsPathsTest, InvalidAndEscapedCharsAreLogged) {
-    EXPECT_TRUE(CommonUtils::sIsContainInvalidChar("a\\b;|"));
-    EXPECT_FALSE(CommonUtils::sIsContainInvalidChar("a/照片 (1)'$`&.jpg"));
-    log_.clear();
-    EXPECT_TRUE(CommonUtils::sIsContainInvalidChar("x:y*z"));
-    EXPECT_EQ(1u, log_.lines().size());
-    EXPECT_EQ(1, log_.count("x:y*zcontains invalid char which is :", google::GLOG_INFO));
-
-    log_.clear();
-    EXPECT_EQ("\\ \\*\\?\\(\\)", CommonUtils::sGetEscapedPath(" *?()"));
-    EXPECT_EQ(5u, log_.lines().size());
-    EXPECT_EQ(1, log_.count(" *?()contains invalid char which is  ", google::GLOG_ERROR));
-    EXPECT_EQ("/d/照片\\ 一'$;", CommonUtils::sGetEscapedPath("/d/照片 一'$;"));
-}
-
-TEST_F(CommonUtilsPathsTest, FileTimesKindsStatAndTimeText) {
-    EXPECT_EQ(0, CommonUtils::sSetFileModifyTime(root(), 1500000000L));
-    EXPECT_EQ(1500000000L, CommonUtils::sGetFileModifyTime(root()));
-    EXPECT_TRUE(CommonUtils::sIsFile("/dev/null"));
-    EXPECT_FALSE(CommonUtils::sIsFile(root()));
-    const struct stat64 missing = CommonUtils::sGetFileStat(path("/missing"));
-    EXPECT_EQ(0u, missing.st_dev);
-    EXPECT_EQ(0u, missing.st_ino);
-    EXPECT_EQ(1, log_.count("the device id of " + path("/missing") + " is :0"));
-    setenv("TZ", "UTC", 1);
-    tzset();
-    EXPECT_EQ("2023-11-14T22:13:20", CommonUtils::sConvertTimeFormat(1700000000L));
-    EXPECT_EQ("", CommonUtils::sConvertTimeFormat(LONG_MAX));
-    EXPECT_EQ(9u, CommonUtils::lexicalCast<uint64_t>(std::string("4x"), uint64_t(9)));
-}
-
-TEST_F(CommonUtilsPathsTest, FileLockIsExclusiveAcrossProcessesAndUnlockCloses) {
-    writeFile("/lock", "");
-    const std::string name = path("/lock");
-    const int fd = open(name.c_str(), O_RDWR);
-    struct flock lock;
-    EXPECT_EQ(0, CommonUtils::slockFileLock(lock, F_WRLCK, fd, name));
-    const pid_t child = fork();
-    if (child == 0) {
-        const int other = open(name.c_str(), O_RDWR);
-        struct flock childLock;
-        const bool refused = CommonUtils::slockFileLock(childLock, F_WRLCK, other, name) == -1;
-        _exit(refused && fcntl(other, F_GETFD) == -1 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(0, CommonUtils::sUnlockFileLock(lock, fd, name));
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-}
-
-TEST_F(CommonUtilsPathsTest, DuplicateNamesCountOrUseTheWordSuffix) {
-    const std::string stem(251, 'n');
-    writeFile("/d/" + stem + ".txt", "");
-    for (const char* name : {"a.txt", "b(1).txt", "b(2).txt", "c(7).txt", "e(x).txt", "f().txt",
-                             "noext", "w.txt", "w-副本.txt", "w-副本2.txt", "w-副本4.txt", "c-副本x.txt"}) {
-        writeFile(std::string("/d/") + name, "");
-    }
-    const std::string d = path("/d/");
-    const TextCase counted[] = {
-        {"missing.txt", "missing.txt"}, {"a.txt", "a(1).txt"}, {"b(1).txt", "b(3).txt"},
-        {"c(7).txt", "c(1).txt"},       {"e(x).txt", "e(x)(1).txt"}, {"noext", "noext(1)"},
-        {"f().txt", "f()(1).txt"},      {stem + ".txt", stem + "(1).txt"},
-    };
-    for (const TextCase& c : counted) {
-        EXPECT_EQ(d + c.out, CommonUtils::sGetDuplicateFileName(d + c.in)) << c.in;
-    }
-    const TextCase worded[] = {
-        {"missing.txt", "missing.txt"}, {"a.txt", "a-副本.txt"}, {"w-副本4.txt", "w-副本3.txt"},
-        {"c-副本x.txt", "c-副本x-副本.txt"},
-    };
-    for (const TextCase& c : worded) {
-        EXPECT_EQ(d + c.out, CommonUtils::sGetDuplicatePath(d + c.in)) << c.in;
-    }
-    EXPECT_EQ("", CommonUtils::sGetDuplicatePath(""));
-    EXPECT_EQ(1, log_.count("CommonUtils::sGetDuplicatePath return newPath: " + d + "w-副本3.txt"));
-}
-
-TEST(CommonUtilsNames, AbsolutePathTable) {
+TEST(CommonUtilsNames, AbsolutePathPathStyleAndTimeText) {
     const struct { const char* path; bool ok; const char* expected; } cases[] = {
         {"/a/../..", false, "untouched"}, {"a/./b/", true, "a/b/"},   {"/a//b", true, "/a/b"},
-        {"/a/...x/b", false, "untouched"}, {"/a/..x", true, "/a/..x"}, {"/a/b/../c", true, "/a/c"},
-        {"", false, "untouched"},          {"/a/../", true, "/"},      {"a/..", true, ""},
+        {"/a/...x/b", false, "untouched"}, {"/a/..x", true, "/a/..x"}, {"", false, "untouched"},
+        {"/a/../", true, "/"},             {"a/..", true, ""},
     };
     for (const auto& c : cases) {
         std::string result("untouched");
         EXPECT_EQ(c.ok, CommonUtils::sGetAbsolutePath(c.path, result)) << c.path;
         EXPECT_EQ(c.expected, result) << c.path;
     }
+    EXPECT_EQ("/", CommonUtils::sUnifyPathStyle("/"));
+    EXPECT_EQ("a/", CommonUtils::sUnifyPathStyle("a//"));
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ("2023-11-14T22:13:20", CommonUtils::sConvertTimeFormat(1700000000L));
+    EXPECT_EQ("", CommonUtils::sConvertTimeFormat(LONG_MAX));
+}
+
+TEST_F(CommonUtilsPathsTest, InvalidAndEscapedCharsAreLogged) {
+    EXPECT_FALSE(CommonUtils::sIsContainInvalidChar("a/照片 (1)'$`&.jpg"));
+    EXPECT_TRUE(CommonUtils::sIsContainInvalidChar("x:y*z"));
+    EXPECT_EQ(1u, log_.lines().size());
+    EXPECT_EQ(1, log_.count("x:y*zcontains invalid char which is :", google::GLOG_INFO));
+
+    log_.clear();
+    EXPECT_EQ("/d/照片\\ 一'$\\*\\?\\(\\)", CommonUtils::sGetEscapedPath("/d/照片 一'$*?()"));
+    EXPECT_EQ(5u, log_.lines().size());
+    EXPECT_EQ(1, log_.count("/d/照片 一'$*?()contains invalid char which is  ", google::GLOG_ERROR));
+}
+
+TEST_F(CommonUtilsPathsTest, DuplicateNamesCountOrUseTheWordSuffix) {
+    for (const char* name : {"a.txt", "b(7).txt", "b(1).txt", "b(2).txt", "e(x).txt", "w.txt",
+                             "w-副本.txt", "w-副本2.txt", "w-副本4.txt", "c-副本x.txt"}) {
+        writeFile(std::string("/d/") + name, "");
+    }
+    const std::string d = path("/d/");
+    const TextCase counted[] = {
+        {"missing.txt", "missing.txt"}, {"a.txt", "a(1).txt"}, {"b(7).txt", "b(3).txt"},
+        {"e(x).txt", "e(x)(1).txt"},
+    };
+    for (const TextCase& c : counted) {
+        EXPECT_EQ(d + c.out, CommonUtils::sGetDuplicateFileName(d + c.in)) << c.in;
+    }
+    const TextCase worded[] = {
+        {"a.txt", "a-副本.txt"}, {"w-副本4.txt", "w-副本3.txt"}, {"c-副本x.txt", "c-副本x-副本.txt"},
+    };
+    for (const TextCase& c : worded) {
+        EXPECT_EQ(d + c.out, CommonUtils::sGetDuplicatePath(d + c.in)) << c.in;
+    }
+    EXPECT_EQ("", CommonUtils::sGetDuplicatePath(""));
+    EXPECT_EQ(1, log_.count("CommonUtils::sGetDuplicatePath return newPath: " + d + "w-副本3.txt"));
 }
 
 TEST_F(CommonUtilsPathsTest, UmountRefusesRootAndPrimaryDiskMounts) {
@@ -160,9 +116,8 @@ TEST_F(CommonUtilsPathsTest, PartitionSpaceTakesTheFirstSixFieldLineAndNeverLets
     setenv("PATH", (path("/bin") + ":" + getenv("PATH")).c_str(), 1);
     const std::string marker = path("/pwned");
     const struct { std::string mountPoint; unsigned long long total, available; } cases[] = {
-        {"/mnt/a", 3000 * 1024ULL, 2000 * 1024ULL}, {"/mnt/a1", 1000 * 1024ULL, 600 * 1024ULL},
-        {"/mnt/b", 0, 0}, {"/mnt/a; touch " + marker, 0, 0}, {"/mnt/a$(touch " + marker + ")", 0, 0},
-        {"mnt/a", 0, 0},
+        {"/mnt/a", 3000 * 1024ULL, 2000 * 1024ULL}, {"/mnt/b", 0, 0},
+        {"/mnt/a; touch " + marker, 0, 0},          {"/mnt/a$(touch " + marker + ")", 0, 0},
     };
     for (const auto& c : cases) {
         unsigned long long total = 7;
@@ -174,24 +129,8 @@ TEST_F(CommonUtilsPathsTest, PartitionSpaceTakesTheFirstSixFieldLineAndNeverLets
     EXPECT_NE(0, access(marker.c_str(), F_OK));
 }
 
-TEST(CommonUtilsPrimitives, PrefixSuffixCaseAndPathStyle) {
-    EXPECT_TRUE(CommonUtils::startWith("Primary=x", "PRIMARY="));
-    EXPECT_FALSE(CommonUtils::startWith("ab", "abc"));
-    EXPECT_TRUE(CommonUtils::endWith(".JpG", ".jpg"));
-    EXPECT_FALSE(CommonUtils::endWith("a.jpeg", ".jpg"));
-    EXPECT_EQ("照片.jpg", CommonUtils::sToLower("照片.JPG"));
-    EXPECT_EQ(0u, CommonUtils::sGetFileSize("/nonexistent/quorvia/file"));
-    const char* cases[][2] = {{"/", "/"}, {"a//", "a/"}, {"/a/b", "/a/b"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c[1], CommonUtils::sUnifyPathStyle(c[0])) << c[0];
-    }
-}
-
-TEST(CommonUtilsPrimitives, SplitsKeepOrCompressEmptyFields) {
-    typedef std::vector<std::string> Fields;
-    EXPECT_EQ(Fields({"a", "", "b"}), CommonUtils::splitString("a,,b", ","));
-    EXPECT_EQ(Fields({"a", "b", "c"}), CommonUtils::splitStringTokenCompress("a, ,b c", ", "));
-    EXPECT_EQ(Fields({"k", "v", "w"}), CommonUtils::splitStringTokenCompress("k#v###w", "###"));
+// The vector forms are exercised by every parser of the device's tools.
+TEST(CommonUtilsPrimitives, SplitIntoASetKeepsDistinctFields) {
     std::set<std::string> distinct = {"stale"};
     CommonUtils::splitString(distinct, "b,a,,b", ",");
     EXPECT_EQ((std::set<std::string>{"a", "b"}), distinct);

@@ -42,14 +42,14 @@ inline std::string requestCall(const std::string& parameter, int32_t sequenceId 
     return frame(head("request", 1, sequenceId) + stringStruct(1, parameter));
 }
 // The body of a successful reply frame.
-inline std::string reply(const std::string& text, int32_t sequenceId = 0,
-                         const std::string& name = "request") {
-    return head(name, 2, sequenceId) + stringStruct(0, text);
+inline std::string reply(const std::string& text, int32_t sequenceId = 0) {
+    return head("request", 2, sequenceId) + stringStruct(0, text);
 }
 
 }  // namespace wire
 
-// A blocking TCP connection to 127.0.0.1 with a receive time-out.
+// A blocking TCP connection to 127.0.0.1 with a receive time-out, ten
+// seconds unless told otherwise.
 class RawConnection {
 public:
     explicit RawConnection(int port, int timeoutSeconds = 10)
@@ -75,14 +75,14 @@ public:
     // The body of the next frame; "(none)" when the peer closed, failed or
     // timed out first.
     std::string readFrame() {
-        std::string length(4, '\0');
         uint32_t big = 0;
-        if (!receive(length)) {
+        if (recv(fd_, &big, 4, MSG_WAITALL) != 4) {
             return "(none)";
         }
-        length.copy(reinterpret_cast<char*>(&big), 4);
         std::string body(ntohl(big), '\0');
-        return receive(body) ? body : "(none)";
+        return recv(fd_, &body[0], body.size(), MSG_WAITALL) == static_cast<ssize_t>(body.size())
+                   ? body
+                   : "(none)";
     }
 
     // true when the peer closed the connection (end of stream or reset)
@@ -94,10 +94,6 @@ public:
     }
 
 private:
-    bool receive(std::string& out) {
-        return recv(fd_, &out[0], out.size(), MSG_WAITALL) == static_cast<ssize_t>(out.size());
-    }
-
     int fd_;
     bool connected_;
 };
