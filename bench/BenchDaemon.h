@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -86,6 +87,19 @@ inline pid_t startDaemon(const std::string& root, bool quiet) {
     }
     waitAccepting(DAEMON_PORT);
     return pid;
+}
+
+// A number field of /proc/PID/status ("VmRSS:" in KiB, "Threads:"); -1 when
+// the process or the field is not there.
+inline long statusField(pid_t pid, const std::string& field) {
+    std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, field.size(), field) == 0) {
+            return atol(line.c_str() + field.size());
+        }
+    }
+    return -1;
 }
 
 inline void stopDaemon(pid_t pid) {

@@ -17,7 +17,6 @@ extern "C" {
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -132,19 +131,7 @@ void benchAgainstBare(int connections, double seconds, const LoadGenerator::Requ
     print(label, medianOf(daemon), median(ratios));
 }
 
-// A field of /proc/PID/status in KiB ("VmRSS:", "RssAnon:", "RssFile:").
-long statusKiB(pid_t pid, const std::string& field) {
-    std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, field.size(), field) == 0) {
-            return atol(line.c_str() + field.size());
-        }
-    }
-    return -1;
-}
-
-long rssKiB(pid_t pid) { return statusKiB(pid, "VmRSS:"); }
+long rssKiB(pid_t pid) { return quorvia_bench::statusField(pid, "VmRSS:"); }
 
 void benchHitPath(const std::string& root, bool quiet, double seconds) {
     const pid_t pid = startDaemon(root, quiet);
@@ -168,7 +155,8 @@ void benchMemory(const std::string& root) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const long idle = rssKiB(pid);
     printf("daemon RSS idle: %ld KiB (anonymous %ld KiB, mapped files %ld KiB)\n", idle,
-           statusKiB(pid, "RssAnon:"), statusKiB(pid, "RssFile:"));
+           quorvia_bench::statusField(pid, "RssAnon:"),
+           quorvia_bench::statusField(pid, "RssFile:"));
     LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root, STORE_ROWS));
     const long after10k = rssKiB(pid);
     LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root, STORE_ROWS));

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -140,17 +139,6 @@ struct Sample {
     long threads;
 };
 
-long statusField(pid_t pid, const std::string& field) {
-    std::ifstream status(("/proc/" + std::to_string(pid) + "/status").c_str());
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, field.size(), field) == 0) {
-            return atol(line.c_str() + field.size());
-        }
-    }
-    return -1;
-}
-
 long descriptorCount(pid_t pid) {
     DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
     long count = 0;
@@ -165,8 +153,8 @@ long descriptorCount(pid_t pid) {
 
 Sample sample(pid_t pid, Clock::time_point start) {
     const Sample taken = {std::chrono::duration<double>(Clock::now() - start).count(),
-                          statusField(pid, "VmRSS:"), descriptorCount(pid),
-                          statusField(pid, "Threads:")};
+                          quorvia_bench::statusField(pid, "VmRSS:"), descriptorCount(pid),
+                          quorvia_bench::statusField(pid, "Threads:")};
     printf("%6.0f s  RSS %6ld KiB  descriptors %4ld  threads %3ld\n", taken.seconds,
            taken.rssKiB, taken.descriptors, taken.threads);
     fflush(stdout);
