@@ -53,7 +53,7 @@ TEST(QuorviaTaskFactoryTest, PairsMovesByCookieOnly) {
          {{"/d/a.jpg", TALVERN_MODIFY, false, 0}, {"/d/s/", TALVERN_MODIFY, true, 0},
           {"/d/b", TALVERN_CREATE, false, 0}, {"/d/s/", TALVERN_CREATE, true, 0},
           {"/d/c", TALVERN_DELETE, false, 0}, {"/d/s/", TALVERN_DELETE, true, 0},
-          {"/d/q", static_cast<WatchMask>(9), false, 0}, {"", TALVERN_CREATE, false, 0}},
+          {"/d/q", static_cast<WatchMask>(7), false, 0}, {"", TALVERN_CREATE, false, 0}},
          {"modify /d/a.jpg", "none", "create /d/b", "none", "delete /d/c", "none", "none",
           "create  (idle)"}},
         {"rename of a file and of a directory",
@@ -95,7 +95,7 @@ TEST(QuorviaTaskFactoryTest, PairsMovesByCookieOnly) {
         EXPECT_EQ(c.tasks, tasks) << c.title;
     }
     EXPECT_EQ(1, log.count("create task: path is/d/a.jpg mask : 1 , isDir : 0 , type : 2"));
-    EXPECT_EQ(1, log.count("TaskFactory::CreateTask, mask : 9 , path : /d/q"));
+    EXPECT_EQ(1, log.count("TaskFactory::CreateTask, mask : 7 , path : /d/q"));
 }
 
 TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
