@@ -140,7 +140,8 @@ void benchHitPath(const std::string& root, bool quiet, double seconds) {
         const std::string label =
             "daemon hit, " + std::to_string(connections) + " connection(s)" + how;
         if (connections == 3) {
-            print(label, LoadGenerator::sRun(DAEMON_PORT, connections, seconds, hitRequests(root, STORE_ROWS)));
+            print(label, LoadGenerator::sRun(DAEMON_PORT, connections, seconds,
+                                             hitRequests(root, STORE_ROWS)));
         } else {
             benchAgainstBare(connections, seconds, hitRequests(root, STORE_ROWS), label);
         }

@@ -1,8 +1,9 @@
 // The request router against arbitrary request text, as a peer sends it:
 // every answer is either the empty string or a JSON object whose "code" is
-// one of the codes the daemon answers with (done, missing, empty). The store lives in a private device root; paths in the
-// requests are used as given, so a request may read any file of this machine
-// as media, which is what the daemon does too.
+// one of the codes the daemon answers with (done, missing, empty). The store
+// lives in a private device root; paths in the requests are used as given,
+// so a request may read any file of this machine as media, which is what the
+// daemon does too.
 #include <glog/logging.h>
 #include <json-c/json.h>
 #include <stdint.h>

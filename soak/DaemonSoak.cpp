@@ -104,9 +104,8 @@ void sendBad(const std::string& bytes) {
 }
 
 bool answers() {
-    return LoadGenerator::sSend(DAEMON_PORT, 1, [](int, long) {
-               return std::string("{\"api\":1,\"path\":\"/p/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"alive\"}");
-           }) == 0;
+    const std::string probe = "{\"api\":1,\"path\":\"/p/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"a\"}";
+    return LoadGenerator::sSend(DAEMON_PORT, 1, [probe](int, long) { return probe; }) == 0;
 }
 
 // Connections that say nothing, or half a frame, and are held for a while.
@@ -176,6 +175,83 @@ void makeMedia(const std::string& root) {
     }
 }
 
+// What the peers did, filled while they run.
+struct Tally {
+    LoadFigures hits = {0, 0, 0, 0, 0};
+    LoadFigures misses = {0, 0, 0, 0, 0};
+    std::atomic<long> badSent{0}, badUnanswered{0}, crowds{0}, churns{0};
+};
+
+// One thread per kind of peer, each until end.
+std::vector<std::thread> startPeers(const std::string& root, double seconds,
+                                    Clock::time_point end, Tally& tally) {
+    const std::string data = root + "/userdisk/data";
+    std::vector<std::thread> peers;
+    peers.emplace_back([&tally, root, seconds] {
+        tally.hits = LoadGenerator::sRun(DAEMON_PORT, HIT_CONNECTIONS, seconds,
+                                         quorvia_bench::hitRequests(root, STORE_ROWS));
+    });
+    peers.emplace_back([&tally, data, seconds] {
+        tally.misses = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, missRequests(data));
+    });
+    peers.emplace_back([&tally, root, end] {
+        const std::vector<std::string> inputs = badInputs(root);
+        for (size_t i = 0; Clock::now() < end; ++i, ++tally.badSent) {
+            sendBad(inputs[i % inputs.size()]);
+            tally.badUnanswered += answers() ? 0 : 1;
+        }
+    });
+    peers.emplace_back([&tally, end] {
+        for (; Clock::now() < end; ++tally.crowds) {
+            holdCrowd();
+        }
+    });
+    peers.emplace_back([&tally, data, end] {
+        for (; Clock::now() < end; ++tally.churns) {
+            churnFolders(data, tally.churns);
+        }
+    });
+    return peers;
+}
+
+// Samples the daemon every SAMPLE_SECONDS until end or its death.
+std::vector<Sample> watch(pid_t pid, Clock::time_point start, Clock::time_point end) {
+    std::vector<Sample> samples;
+    while (Clock::now() < end && alive(pid)) {
+        samples.push_back(sample(pid, start));
+        std::this_thread::sleep_for(std::chrono::seconds(SAMPLE_SECONDS));
+    }
+    return samples;
+}
+
+// Prints the totals; true when the run passed.
+bool report(const Tally& tally, const std::vector<Sample>& samples, bool survived) {
+    printf("hits: %ld on %d connections (%.0f req/s, p99 %.0f us), %ld failed\n",
+           tally.hits.requests, HIT_CONNECTIONS, tally.hits.requestsPerSecond,
+           tally.hits.p99Micros, tally.hits.failures);
+    printf("misses and unmounts: %ld (%.0f req/s), %ld failed\n", tally.misses.requests,
+           tally.misses.requestsPerSecond, tally.misses.failures);
+    printf("bad inputs: %ld, after which the daemon did not answer: %ld\n", tally.badSent.load(),
+           tally.badUnanswered.load());
+    printf("crowds of %d idle connections: %ld; folder churn rounds: %ld\n", CROWD_SIZE,
+           tally.crowds.load(), tally.churns.load());
+    if (!samples.empty()) {
+        long maxRss = 0;
+        for (const Sample& taken : samples) {
+            maxRss = std::max(maxRss, taken.rssKiB);
+        }
+        printf("RSS: first %ld KiB, last %ld KiB, most %ld KiB; descriptors first %ld, last %ld\n",
+               samples.front().rssKiB, samples.back().rssKiB, maxRss,
+               samples.front().descriptors, samples.back().descriptors);
+    }
+    const bool clean = survived && tally.hits.failures == 0 && tally.misses.failures == 0 &&
+                       tally.badUnanswered == 0;
+    printf("%s\n", clean       ? "soak passed"
+                   : survived ? "soak FAILED: requests failed"
+                              : "soak FAILED: the daemon died or hangs");
+    return clean;
+}
+
 }  // namespace
 
 int main() {
@@ -188,45 +264,14 @@ int main() {
     }
     const double seconds = soakSeconds();
     const std::string root = quorvia_bench::makeRoot(STORE_ROWS);
-    const std::string data = root + "/userdisk/data";
     makeMedia(root);
     const pid_t pid = quorvia_bench::startDaemon(root, true);
     const Clock::time_point start = Clock::now();
-    const Clock::time_point end = start + std::chrono::milliseconds(static_cast<long>(seconds * 1000));
-    std::atomic<long> badSent(0), badUnanswered(0), crowds(0), churns(0);
-    LoadFigures hits = {0, 0, 0, 0, 0};
-    LoadFigures misses = {0, 0, 0, 0, 0};
-    std::vector<std::thread> peers;
-    peers.emplace_back([&] {
-        hits = LoadGenerator::sRun(DAEMON_PORT, HIT_CONNECTIONS, seconds,
-                                   quorvia_bench::hitRequests(root, STORE_ROWS));
-    });
-    peers.emplace_back([&] { misses = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, missRequests(data)); });
-    peers.emplace_back([&] {
-        const std::vector<std::string> inputs = badInputs(root);
-        for (size_t i = 0; Clock::now() < end; ++i) {
-            sendBad(inputs[i % inputs.size()]);
-            ++badSent;
-            if (!answers()) {
-                ++badUnanswered;
-            }
-        }
-    });
-    peers.emplace_back([&] {
-        for (; Clock::now() < end; ++crowds) {
-            holdCrowd();
-        }
-    });
-    peers.emplace_back([&] {
-        for (; Clock::now() < end; ++churns) {
-            churnFolders(data, churns);
-        }
-    });
-    std::vector<Sample> samples;
-    while (Clock::now() < end && alive(pid)) {
-        samples.push_back(sample(pid, start));
-        std::this_thread::sleep_for(std::chrono::seconds(SAMPLE_SECONDS));
-    }
+    const Clock::time_point end =
+        start + std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    Tally tally;
+    std::vector<std::thread> peers = startPeers(root, seconds, end, tally);
+    std::vector<Sample> samples = watch(pid, start, end);
     for (std::thread& peer : peers) {
         peer.join();
     }
@@ -234,24 +279,7 @@ int main() {
     if (survived) {
         samples.push_back(sample(pid, start));
     }
-    long maxRss = 0;
-    for (const Sample& taken : samples) {
-        maxRss = std::max(maxRss, taken.rssKiB);
-    }
-    printf("hits: %ld on %d connections (%.0f req/s, p99 %.0f us), %ld failed\n", hits.requests,
-           HIT_CONNECTIONS, hits.requestsPerSecond, hits.p99Micros, hits.failures);
-    printf("misses and unmounts: %ld (%.0f req/s), %ld failed\n", misses.requests,
-           misses.requestsPerSecond, misses.failures);
-    printf("bad inputs: %ld, after which the daemon did not answer: %ld\n", badSent.load(),
-           badUnanswered.load());
-    printf("crowds of %d idle connections: %ld; folder churn rounds: %ld\n", CROWD_SIZE,
-           crowds.load(), churns.load());
-    printf("RSS: first %ld KiB, last %ld KiB, most %ld KiB; descriptors first %ld, last %ld\n",
-           samples.front().rssKiB, samples.back().rssKiB, maxRss, samples.front().descriptors,
-           samples.back().descriptors);
-    const bool clean = survived && hits.failures == 0 && misses.failures == 0 && badUnanswered == 0;
-    printf("%s\n", clean ? "soak passed" : survived ? "soak FAILED: requests failed"
-                                                     : "soak FAILED: the daemon died or hangs");
+    const bool clean = report(tally, samples, survived);
     quorvia_bench::stopDaemon(pid);
     const std::string cleanup = "rm -rf '" + root + "'";
     return clean && system(cleanup.c_str()) == 0 ? 0 : 1;
