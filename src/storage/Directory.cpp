@@ -1,8 +1,13 @@
 #include "storage/Directory.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <vector>
 
 #include "system/Log.h"
 
@@ -21,6 +26,83 @@ std::string withoutTrailingSlash(const std::string& path) {
     return path;
 }
 
+boost::system::error_code systemError(int error) {
+    return boost::system::error_code(error, boost::system::system_category());
+}
+
+// Names in the directory open at fd, "." and ".." left out. The stream gets a
+// descriptor of its own, so fd stays open for the removals.
+bool listNames(int fd, std::vector<std::string>& names) {
+    const int own = dup(fd);
+    DIR* stream = own < 0 ? NULL : fdopendir(own);
+    if (stream == NULL) {
+        if (own >= 0) {
+            close(own);
+        }
+        return false;
+    }
+    while (const dirent* entry = readdir(stream)) {
+        const std::string name(entry->d_name);
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    closedir(stream);
+    return true;
+}
+
+// Removes name in the directory open at parentFd, and everything below it
+// when it is a directory. Every step goes through descriptors and refuses
+// to follow a link, so a link anywhere in the tree (or one swapped in during
+// the walk) is removed as a link and never leads outside. Returns 0 or the
+// first errno met; what can be removed is removed all the same.
+int removeTree(int parentFd, const std::string& name, int depth) {
+    const int fd = openat(parentFd, name.c_str(),
+                          O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno == ENOTDIR || errno == ELOOP) {
+            return unlinkat(parentFd, name.c_str(), 0) == 0 ? 0 : errno;
+        }
+        return errno == ENOENT ? 0 : errno;
+    }
+    int error = 0;
+    std::vector<std::string> names;
+    if (depth >= Directory::kMaxRemoveDepth) {
+        error = ENAMETOOLONG;
+    } else if (!listNames(fd, names)) {
+        error = errno;
+    }
+    for (const std::string& child : names) {
+        const int childError = removeTree(fd, child, depth + 1);
+        error = error != 0 ? error : childError;
+    }
+    close(fd);
+    if (unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+        error = error != 0 ? error : errno;
+    }
+    return error;
+}
+
+// The recursive removal of path: its last component is taken as it is (a
+// link there is removed as a link, whatever a trailing "/" says).
+int removeTreeAt(const std::string& path) {
+    const std::string trimmed = withoutTrailingSlash(path);
+    const std::string::size_type slash = trimmed.rfind('/');
+    const std::string parent =
+        slash == std::string::npos ? "." : (slash == 0 ? "/" : trimmed.substr(0, slash));
+    const std::string name = slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
+    if (name.empty() || name == "." || name == "..") {
+        return EINVAL;
+    }
+    const int parentFd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (parentFd < 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    const int error = removeTree(parentFd, name, 0);
+    close(parentFd);
+    return error;
+}
+
 }  // namespace
 
 bool Directory::sExists(const std::string& path) {
@@ -37,7 +119,9 @@ bool Directory::sExists(const std::string& path) {
 ErrorCode Directory::sCreateDirectory(const std::string& path) {
     boost::system::error_code ec;
     fs::create_directories(path, ec);
-    chmod(path.c_str(), kCreatedDirectoryMode);
+    // Never through a link planted at path: the mode is for our own folder.
+    fchmodat(AT_FDCWD, withoutTrailingSlash(path).c_str(), kCreatedDirectoryMode,
+             AT_SYMLINK_NOFOLLOW);
     if (ec.value() == kNoSpaceLeftOnDevice) {
         QLOG(ERROR) << "create directory " << path << ", No space left on device";
     }
@@ -47,13 +131,14 @@ ErrorCode Directory::sCreateDirectory(const std::string& path) {
 ErrorCode Directory::sDelete(const std::string& path, bool recursive) {
     ErrorCode result;
     try {
-        boost::system::error_code ec;
         if (recursive) {
-            fs::remove_all(path, ec);
+            const int error = removeTreeAt(path);
+            result.setSystemError(error == 0 ? boost::system::error_code() : systemError(error));
         } else {
-            fs::remove(path, ec);
+            boost::system::error_code ec;
+            fs::remove(withoutTrailingSlash(path), ec);
+            result.setSystemError(ec);
         }
-        result.setSystemError(ec);
     } catch (const fs::filesystem_error& e) {
         QLOG(ERROR) << "Directory::sDelete catch exception: " << e.what();
         result.setSystemError(e.code());

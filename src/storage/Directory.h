@@ -12,6 +12,10 @@ class Directory {
 public:
     // Mode of a directory made by sCreateDirectory (its last component only).
     static const int kCreatedDirectoryMode = 0777;
+    // Deepest level the recursive delete descends to: it holds one descriptor
+    // a level, and the trees it clears are a few levels deep. Deeper entries
+    // stay and the call reports ENAMETOOLONG.
+    static const int kMaxRemoveDepth = 64;
 
     virtual ~Directory() {}
 
@@ -21,7 +25,8 @@ public:
     // Makes the directory and its missing parents; the system error says how.
     static ErrorCode sCreateDirectory(const std::string& path);
     // Removes a whole tree (recursive) or one empty entry. A missing path is
-    // no error.
+    // no error. A link, at path (trailing "/" or not) or anywhere below it, is
+    // removed as a link: nothing outside the tree is ever touched.
     static ErrorCode sDelete(const std::string& path, bool recursive);
     // True if ancestor is path or one of its parent directories, compared on
     // bytes after cutting one trailing "/" from each; false if either is empty.

@@ -1,5 +1,8 @@
 #include "system/ConfigInfo.h"
 
+#include <stdio.h>
+#include <sys/stat.h>
+
 #include <boost/thread/lock_guard.hpp>
 #include <fstream>
 
@@ -25,6 +28,11 @@ const char* const kDefaultPemrickCameraDirName = "摄像机监控视频";
 std::string devicePath(const char* fixedPath) { return DeviceRoot::sPath(fixedPath); }
 
 std::string systemConfigRootPath() { return devicePath(systemConfigRoot); }
+
+bool isLink(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+}
 
 void makeIfMissing(const std::string& path) {
     if (!Directory::sExists(path)) {
@@ -56,6 +64,7 @@ const std::string ConfigInfo::sNeedShareHSDOWNLOADKey = "needShareHSDOWNLOAD";
 const std::string ConfigInfo::sNeedPopUserInstruction = "needPopUserInstruction";
 const std::string ConfigInfo::sLatestBackupDiskTimeKey = "latestBackupDiskTime";
 const std::string ConfigInfo::sNeedCopyInstructionKey = "needCopyInstruction";
+const char* const ConfigInfo::kBrokenConfigSuffix = ".broken";
 
 ConfigInfo* ConfigInfo::sGetInstance() {
     static ConfigInfo instance;
@@ -154,8 +163,14 @@ void ConfigInfo::init() {
         }
     }
     // Cleared at every start; neither is the live database or thumbnail root.
-    Directory::sDelete(configRoot_ + "/DataBase/", true);
-    Directory::sDelete(userdiskRootPath_ + "/.thumbnails/", true);
+    // The removal never follows a link; a configuration root that is itself a
+    // link (planted on a disk prepared elsewhere) would lead it outside.
+    if (isLink(configRoot_)) {
+        QLOG(ERROR) << configRoot_ << " is a link, leave what it points to alone";
+    } else {
+        Directory::sDelete(configRoot_ + "/DataBase", true);
+    }
+    Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
 
     if (File::sExists(globalConfigPath_)) {
         boost::lock_guard<boost::mutex> lock(configMutex_);
@@ -168,8 +183,26 @@ void ConfigInfo::init() {
         } catch (const libconfig::ParseException& error) {
             QLOG(ERROR) << "parse config file error at :" << error.getLine() << " - "
                         << error.getError();
+            setAsideBrokenGlobalConfig();
         }
     }
+}
+
+void ConfigInfo::setAsideBrokenGlobalConfig() {
+    const std::string aside = globalConfigPath_ + kBrokenConfigSuffix;
+    // rename moves a link planted at either name as a link.
+    if (rename(globalConfigPath_.c_str(), aside.c_str()) != 0) {
+        QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse and can't be set aside";
+        return;
+    }
+    QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse, set aside as " << aside;
+    // What the parser kept of it may hold a setting without a value, which
+    // would be written out as another file that doesn't parse: start empty.
+    libconfig::Setting& root = config_.getRoot();
+    while (root.getLength() > 0) {
+        root.remove(0u);
+    }
+    globalConfigLoadFailed_ = false;
 }
 
 void ConfigInfo::getPrimaryDiskDeviceFromFile() {

@@ -26,6 +26,8 @@ public:
     static const std::string sNeedPopUserInstruction;
     static const std::string sLatestBackupDiskTimeKey;
     static const std::string sNeedCopyInstructionKey;
+    // Where a global configuration file that no longer parses is set aside.
+    static const char* const kBrokenConfigSuffix;
 
     virtual ~ConfigInfo();
 
@@ -148,6 +150,10 @@ private:
 
     void localization();
     void init();
+    // A global file that no longer parses (cut short by a power loss) goes
+    // aside to globalConfigPath_ + kBrokenConfigSuffix, so that later settings
+    // are stored again. Caller holds configMutex_.
+    void setAsideBrokenGlobalConfig();
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;
@@ -207,8 +213,8 @@ private:
     libconfig::Config config_;
     boost::mutex configMutex_;
     boost::mutex backupDrivePathMutex_;
-    // True while the global file exists but its last load failed (it didn't
-    // parse or couldn't be read): config_ then holds at most part of it, so
+    // True while the global file exists but its last load failed (it couldn't
+    // be read, or didn't parse and couldn't be set aside): config_ then holds at most part of it, so
     // setConfig must not write config_ over it. Guarded by configMutex_.
     bool globalConfigLoadFailed_;
 };

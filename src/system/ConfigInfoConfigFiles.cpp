@@ -1,5 +1,12 @@
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
+#include <stdexcept>
 
 #include "storage/File.h"
 #include "system/ConfigInfo.h"
@@ -21,9 +28,37 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
     }
 }
 
+// Mode of a written configuration file: other components of the device read
+// it.
+const mode_t kConfigFileMode = 0644;
+
+// Writes config to a new file beside path, synced, then renamed over path:
+// a power cut leaves the old file or the new one, never half of one, and a
+// link or FIFO planted at path is replaced, never written through.
+void replaceFile(const libconfig::Config& config, const std::string& path) {
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(&temporary[0]);
+    if (fd < 0) {
+        throw std::runtime_error("can't create " + temporary);
+    }
+    FILE* out = fdopen(fd, "w");
+    if (out == NULL) {
+        close(fd);
+        unlink(temporary.c_str());
+        throw std::runtime_error("can't write " + temporary);
+    }
+    config.write(out);
+    const bool written = fflush(out) == 0 && fchmod(fd, kConfigFileMode) == 0 && fsync(fd) == 0;
+    const bool closed = fclose(out) == 0;
+    if (!written || !closed || rename(temporary.c_str(), path.c_str()) != 0) {
+        unlink(temporary.c_str());
+        throw std::runtime_error("can't replace " + path);
+    }
+}
+
 void writeConfig(libconfig::Config& config, const std::string& path) {
     try {
-        config.writeFile(path.c_str());
+        replaceFile(config, path);
     } catch (const std::exception& error) {
         QLOG(ERROR) << "save config file error: " << error.what();
     }
@@ -71,6 +106,9 @@ std::string ConfigInfo::getConfig(const std::string& key) {
                 globalConfigLoadFailed_ = false;
             } catch (const std::exception& error) {
                 QLOG(ERROR) << "parse config file error at :" << error.what();
+                if (dynamic_cast<const libconfig::ParseException*>(&error) != NULL) {
+                    setAsideBrokenGlobalConfig();
+                }
             }
         }
         boost::lock_guard<boost::mutex> lock(configMutex_);

@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "support/DaemonProcess.h"
 #include "support/DeviceRootTest.h"
 #include "system/ConfigInfo.h"
 
 namespace {
 
+using quorvia_test::quoted;
 using talvern::ConfigInfo;
 namespace fs = boost::filesystem;
 
@@ -72,17 +74,42 @@ TEST_F(ConfigInfoTest, FolderGettersMakeTheFolderOnlyWhereTheyShould) {
     EXPECT_TRUE(fs::is_directory(config->getBackupRootPath(exists, "r")));
 }
 
-TEST_F(ConfigInfoTest, StartLoadsTheGlobalFileAndDeletesTheTwoLeftoverTreesOnly) {
+// The disk may come from another machine: links planted in or at the two
+// leftover trees and at the configuration file lead nowhere.
+TEST_F(ConfigInfoTest, StartDeletesTheTwoLeftoverTreesOnlyAndNeverFollowsAPlantedLink) {
     writeFile(kGlobalFile, "needCopyInstruction = \"yes\";\n");
-    writeFile("/userdisk/talvernConfig/DataBase/old.db", "x");
     writeFile("/userdisk/.thumbnails/a/b.jpg", "x");
     writeFile("/userdisk/data/.systemconfig/DataBase/quorvia.db", "keep");
+    writeFile("/outside/photos/p.jpg", "photo");
+    writeFile("/outside/victim.cfg", "victim");
+    const std::string outside = quoted(path("/outside"));
+    ASSERT_EQ(0, shell("cd " + quoted(path("/userdisk")) + " && ln -s " + outside +
+                       "/photos talvernConfig/DataBase && ln -s " + outside +
+                       " .thumbnails/a/out && mkfifo .thumbnails/fifo"
+                       " && ln -s /nowhere .thumbnails/dangling"));
     info();
-    EXPECT_FALSE(fs::exists(path("/userdisk/talvernConfig/DataBase")));
-    EXPECT_FALSE(fs::exists(path("/userdisk/.thumbnails")));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(path("/userdisk/talvernConfig/DataBase"))));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(path("/userdisk/.thumbnails"))));
     EXPECT_EQ("keep", readFile("/userdisk/data/.systemconfig/DataBase/quorvia.db"));
-    fs::remove(path(kGlobalFile));
+    EXPECT_EQ("photo", readFile("/outside/photos/p.jpg"));
     EXPECT_EQ("yes", info()->getConfig(ConfigInfo::sNeedCopyInstructionKey));
+
+    // The file is replaced as a whole: a link at its name is never written through.
+    fs::remove(path(kGlobalFile));
+    fs::create_symlink(path("/outside/victim.cfg"), path(kGlobalFile));
+    info()->setConfig("k", "v");
+    EXPECT_EQ("victim", readFile("/outside/victim.cfg"));
+    EXPECT_FALSE(fs::is_symlink(path(kGlobalFile)));
+    EXPECT_EQ("needCopyInstruction = \"yes\";\nk = \"v\";\n", global());
+}
+
+TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
+    writeFile("/outside/DataBase/photo.jpg", "photo");
+    fs::create_directories(path("/userdisk"));
+    fs::create_symlink(path("/outside"), path("/userdisk/talvernConfig"));
+    info();
+    EXPECT_EQ("photo", readFile("/outside/DataBase/photo.jpg"));
+    EXPECT_TRUE(log_.contains(path("/userdisk/talvernConfig") + " is a link", google::GLOG_ERROR));
 }
 
 TEST_F(ConfigInfoTest, ConfigurationRootThatCantBeMadeStopsTheStartHousekeeping) {
@@ -125,24 +152,31 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     EXPECT_FALSE(fs::exists(path("/no")));
 }
 
-TEST_F(ConfigFilesTest, SetConfigKeepsAFileThatFailedToParseAtStartOrReload) {
+// A file cut short by a power loss goes aside, so that settings are stored
+// again; one that can't be read at all is kept and not written over.
+TEST_F(ConfigFilesTest, AFileThatNoLongerParsesIsSetAsideAtStartOrReload) {
     const std::string garbled = "userSetting = \"precious\";\nbroken = = ;\n";
     writeFile(kGlobalFile, garbled);
     info()->setConfig("needShareHSDOWNLOAD", "true");
-    EXPECT_EQ(garbled, global());
     EXPECT_TRUE(log_.contains("parse config file error at :2 - ", google::GLOG_ERROR));
-    EXPECT_TRUE(log_.contains("setConfig skipped: " + path(kGlobalFile), google::GLOG_ERROR));
-
-    // Once the user repairs it and it loads again, writes go through and keep it.
-    writeFile(kGlobalFile, "userSetting = \"precious\";\n");
-    EXPECT_EQ("precious", info()->getConfig("userSetting"));
-    info()->setConfig("needShareHSDOWNLOAD", "true");
-    EXPECT_EQ("precious", info()->getConfig("userSetting"));
+    EXPECT_TRUE(log_.contains("config file " + path(kGlobalFile) + " does not parse, set aside as " +
+                                  path(kGlobalFile) + ".broken",
+                              google::GLOG_ERROR));
+    EXPECT_EQ(garbled, readFile(std::string(kGlobalFile) + ".broken"));
+    EXPECT_EQ("true", info()->getConfig("needShareHSDOWNLOAD"));
 
     writeFile(kGlobalFile, "{{{ not a config");
     EXPECT_EQ("", info()->getConfig("userSetting"));
+    EXPECT_EQ("{{{ not a config", readFile(std::string(kGlobalFile) + ".broken"));
     info()->setConfig("b", "2");
-    EXPECT_EQ("{{{ not a config", global());
+    EXPECT_EQ("2", info()->getConfig("b"));
+
+    fs::remove(path(kGlobalFile));
+    fs::create_directory(path(kGlobalFile));
+    info()->getConfig("b");
+    info()->setConfig("c", "3");
+    EXPECT_TRUE(log_.contains("setConfig skipped: " + path(kGlobalFile), google::GLOG_ERROR));
+    EXPECT_TRUE(fs::is_directory(path(kGlobalFile)));
 }
 
 // A rejected key or a garbled file throws to the caller, leaves the file as it
