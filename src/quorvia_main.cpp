@@ -10,7 +10,9 @@
 #include <exception>
 #include <memory>
 
+#include "multimedia/MediaReadGuard.h"
 #include "multimedia/QuorviaManager.h"
+#include "system/ConfigInfo.h"
 #include "system/Log.h"
 #include "thriftwrapper/QuorviaHandler.h"
 #include "thriftwrapper/QuorviaServer.h"
@@ -32,6 +34,9 @@ int main(int argc, char** argv) {
 
     // The demuxers of this FFmpeg generation register themselves: there is no
     // registration call to make before the first video request.
+
+    // A media file that crashed the last run is not read again.
+    talvern::MediaReadGuard::sRecover(talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath());
 
     // A thread that can't start or a port that is taken ends the process
     // with one line and a non-zero status, rather than a daemon that serves

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <utility>
@@ -137,6 +139,32 @@ TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
     ASSERT_TRUE(closing.send(frame(head("request", 2, 1) + stringStruct(1, UNMOUNT))));
     EXPECT_TRUE(closing.closedByPeer());
     EXPECT_EQ(DONE, ThriftClient::sCallQuorvia(UNMOUNT));
+}
+
+// A file that crashes its reader ends the process once; the restarted
+// daemon answers for it as for a file it can't read and stays up.
+TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart) {
+    const std::string clip = path("/userdisk/data/crash.mp4");
+    writeFile("/userdisk/data/crash.mp4", "a container that crashes its reader");
+    setenv("LD_PRELOAD", (std::string(QUORVIA_BINARY_DIR) + "/tests/libcrash_on_open.so").c_str(), 1);
+    setenv("QUORVIA_CRASH_ON_OPEN", clip.c_str(), 1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    const std::string request = R"({"api":2,"path":")" + clip +
+                                R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})";
+    startDaemon({"-d"});
+    EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
+    EXPECT_EQ(128 + SIGSEGV, daemon_.waitForExit(20));
+
+    startDaemon({"-d"});
+    const std::string answer = R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", )"
+                               R"("date": 7 })";
+    EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
+    EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
+    EXPECT_EQ(-1, daemon_.waitForExit(0));
+    const std::string err = slurp(path("/daemon.err"));
+    EXPECT_NE(std::string::npos,
+              err.find("media file " + clip + " crashed the daemon while it was read; it is not "
+                       "read again")) << err;
 }
 
 }  // namespace

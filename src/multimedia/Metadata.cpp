@@ -10,6 +10,7 @@
 
 #include <cstring>
 
+#include "multimedia/MediaReadGuard.h"
 #include "multimedia/MetadataTime.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
@@ -51,6 +52,10 @@ bool imageMimeOf(const std::string& name, std::string& mime) {
 // blocking and checked before any read, so a FIFO, a device or a directory
 // given as a JPEG can't stall a worker.
 ExifData* loadExif(const std::string& path) {
+    MediaReadGuard guard(path);
+    if (!guard.admitted()) {
+        return NULL;
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         return NULL;

@@ -8,6 +8,7 @@ extern "C" {
 #include <chrono>
 #include <string>
 
+#include "multimedia/MediaReadGuard.h"
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
 #include "multimedia/MetadataVideoProbe.h"
@@ -112,6 +113,10 @@ namespace videoprobe {
 
 bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy,
                    Clock::duration openLimit) {
+    MediaReadGuard guard(path);
+    if (!guard.admitted()) {
+        return false;
+    }
     Clock::time_point deadline = Clock::now() + openLimit;
     AVFormatContext* context = openMedia(path, &deadline);
     if (context == NULL) {

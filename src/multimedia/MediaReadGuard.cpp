@@ -1,0 +1,286 @@
+#include "multimedia/MediaReadGuard.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/mutex.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "system/Log.h"
+
+namespace talvern {
+
+const char* const MediaReadGuard::kListFileName = "unreadable-media";
+const char* const MediaReadGuard::kReadingMarkerPrefix = "reading-";
+const char* const MediaReadGuard::kCrashedMarkerPrefix = "crashed-";
+
+namespace {
+
+// A listed file and how often it was being read when the process died.
+typedef std::pair<int, std::string> Entry;
+
+// One reader's marker. The names are kept as plain characters because the
+// crash hook may use nothing else.
+struct Slot {
+    int fd;
+    bool busy;
+    char reading[PATH_MAX];
+    char crashed[PATH_MAX];
+};
+
+const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[0]);
+
+// Set up once by sRecover before any reader starts, read-only afterwards
+// except for the busy flags (under gSlotMutex).
+Slot gSlots[MediaReadGuard::kMaxReaders];
+int gSlotCount = 0;
+std::vector<std::string> gListed;
+struct sigaction gPrevious[kHookedCount];
+boost::mutex gSlotMutex;
+thread_local int tSlot = -1;
+
+void chainToPrevious(int signal, siginfo_t* info, void* context) {
+    for (std::size_t i = 0; i < kHookedCount; ++i) {
+        if (kHookedSignals[i] != signal) {
+            continue;
+        }
+        sigaction(signal, &gPrevious[i], NULL);
+        if ((gPrevious[i].sa_flags & SA_SIGINFO) != 0) {
+            gPrevious[i].sa_sigaction(signal, info, context);
+        } else if (gPrevious[i].sa_handler != SIG_DFL && gPrevious[i].sa_handler != SIG_IGN) {
+            gPrevious[i].sa_handler(signal);
+        } else {
+            // Delivered with the default action once this handler returns.
+            raise(signal);
+        }
+    }
+}
+
+// Runs on the crashing thread: only async-signal-safe calls.
+void onCrash(int signal, siginfo_t* info, void* context) {
+    const int slot = tSlot;
+    if (slot >= 0) {
+        rename(gSlots[slot].reading, gSlots[slot].crashed);
+    }
+    chainToPrevious(signal, info, context);
+}
+
+void hookCrashSignals() {
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    sigemptyset(&action.sa_mask);
+    action.sa_sigaction = onCrash;
+    action.sa_flags = SA_SIGINFO;
+    for (std::size_t i = 0; i < kHookedCount; ++i) {
+        sigaction(kHookedSignals[i], &action, &gPrevious[i]);
+    }
+}
+
+// Content of a small regular file that is no link, or "" (then removed).
+std::string takeSmallFile(const std::string& path) {
+    std::string content;
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat info;
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        char buffer[PATH_MAX];
+        const ssize_t got = read(fd, buffer, sizeof(buffer));
+        content.assign(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    return content;
+}
+
+std::string readAll(const std::string& path) {
+    std::string content;
+    FILE* in = fopen(path.c_str(), "rbe");
+    if (in == NULL) {
+        return content;
+    }
+    char buffer[4096];
+    std::size_t got;
+    while ((got = fread(buffer, 1, sizeof(buffer), in)) > 0) {
+        content.append(buffer, got);
+    }
+    fclose(in);
+    return content;
+}
+
+// Records "strikes<TAB>path<NUL>": a path may hold any byte but NUL.
+std::vector<Entry> loadList(const std::string& path) {
+    std::vector<Entry> entries;
+    const std::string content = readAll(path);
+    std::size_t start = 0;
+    std::size_t end;
+    while ((end = content.find('\0', start)) != std::string::npos) {
+        const std::string record = content.substr(start, end - start);
+        const std::size_t tab = record.find('\t');
+        if (tab != std::string::npos) {
+            entries.push_back(Entry(atoi(record.substr(0, tab).c_str()), record.substr(tab + 1)));
+        }
+        start = end + 1;
+    }
+    return entries;
+}
+
+// Written beside its name and renamed over it, so a link planted at the
+// name is replaced, never written through.
+void storeList(const std::string& path, const std::vector<Entry>& entries) {
+    std::string content;
+    for (const Entry& entry : entries) {
+        content += std::to_string(entry.first) + '\t' + entry.second + '\0';
+    }
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(&temporary[0]);
+    if (fd < 0) {
+        QLOG(ERROR) << "can't store the list of unreadable media in " << path;
+        return;
+    }
+    const bool written =
+        write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    close(fd);
+    if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
+        unlink(temporary.c_str());
+        QLOG(ERROR) << "can't store the list of unreadable media in " << path;
+    }
+}
+
+// One more strike for path (or as many as listing takes); the entry moves
+// to the end, the newest place.
+void strike(std::vector<Entry>& entries, const std::string& path, bool crashed) {
+    int strikes = 0;
+    for (std::vector<Entry>::iterator it = entries.begin(); it != entries.end(); ++it) {
+        if (it->second == path) {
+            strikes = it->first;
+            entries.erase(it);
+            break;
+        }
+    }
+    strikes = crashed ? MediaReadGuard::kStrikesToList
+                      : std::min(strikes + 1, MediaReadGuard::kStrikesToList);
+    if (crashed) {
+        QLOG(ERROR) << "media file " << path
+                    << " crashed the daemon while it was read; it is not read again";
+    } else if (strikes >= MediaReadGuard::kStrikesToList) {
+        QLOG(ERROR) << "media file " << path << " was being read at each of the daemon's last "
+                    << strikes << " ends; it is not read again";
+    } else {
+        QLOG(WARNING) << "media file " << path << " was being read when the daemon ended";
+    }
+    entries.push_back(Entry(strikes, path));
+}
+
+bool copyName(const std::string& name, char (&target)[PATH_MAX]) {
+    if (name.size() >= sizeof(target)) {
+        return false;
+    }
+    memcpy(target, name.c_str(), name.size() + 1);
+    return true;
+}
+
+// Opens this run's marker for slot (emptied); false when it can't be used.
+bool openMarker(Slot& slot, const std::string& reading, const std::string& crashed) {
+    if (!copyName(reading, slot.reading) || !copyName(crashed, slot.crashed)) {
+        return false;
+    }
+    slot.fd =
+        open(slot.reading, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    struct stat info;
+    if (slot.fd >= 0 && (fstat(slot.fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+        close(slot.fd);
+        slot.fd = -1;
+    }
+    return slot.fd >= 0;
+}
+
+int acquireSlot() {
+    boost::lock_guard<boost::mutex> lock(gSlotMutex);
+    for (int i = 0; i < gSlotCount; ++i) {
+        if (!gSlots[i].busy) {
+            gSlots[i].busy = true;
+            return i;
+        }
+    }
+    return -1;
+}
+
+bool isListed(const std::string& path) {
+    return std::find(gListed.begin(), gListed.end(), path) != gListed.end();
+}
+
+}  // namespace
+
+void MediaReadGuard::sRecover(const std::string& folder) {
+    const std::string listPath = folder + "/" + kListFileName;
+    std::vector<Entry> entries = loadList(listPath);
+    const std::size_t before = entries.size();
+    bool changed = false;
+    for (int i = 0; i < kMaxReaders; ++i) {
+        const std::string reading = folder + "/" + kReadingMarkerPrefix + std::to_string(i);
+        const std::string crashed = folder + "/" + kCrashedMarkerPrefix + std::to_string(i);
+        const std::string crashedPath = takeSmallFile(crashed);
+        const std::string readingPath = takeSmallFile(reading);
+        unlink(crashed.c_str());
+        if (!crashedPath.empty() || !readingPath.empty()) {
+            strike(entries, crashedPath.empty() ? readingPath : crashedPath, !crashedPath.empty());
+            changed = true;
+        }
+        if (openMarker(gSlots[gSlotCount], reading, crashed)) {
+            ++gSlotCount;
+        }
+    }
+    if (entries.size() > kMaxListed) {
+        entries.erase(entries.begin(), entries.end() - kMaxListed);
+    }
+    if (changed || entries.size() != before) {
+        storeList(listPath, entries);
+    }
+    for (const Entry& entry : entries) {
+        if (entry.first >= kStrikesToList) {
+            gListed.push_back(entry.second);
+        }
+    }
+    hookCrashSignals();
+}
+
+MediaReadGuard::MediaReadGuard(const std::string& path) : slot_(-1), admitted_(!isListed(path)) {
+    if (!admitted_) {
+        QLOG(INFO) << "media file " << path << " is listed as unreadable, not read";
+        return;
+    }
+    slot_ = acquireSlot();
+    if (slot_ < 0) {
+        return;
+    }
+    // A marker that can't be written leaves the read unmarked, not refused.
+    if (pwrite(gSlots[slot_].fd, path.data(), path.size(), 0) ==
+        static_cast<ssize_t>(path.size())) {
+        tSlot = slot_;
+    }
+}
+
+MediaReadGuard::~MediaReadGuard() {
+    if (slot_ < 0) {
+        return;
+    }
+    tSlot = -1;
+    if (ftruncate(gSlots[slot_].fd, 0) != 0) {
+        QLOG(WARNING) << "can't clear " << gSlots[slot_].reading;
+    }
+    boost::lock_guard<boost::mutex> lock(gSlotMutex);
+    gSlots[slot_].busy = false;
+}
+
+}  // namespace talvern

@@ -1,0 +1,59 @@
+#ifndef QUORVIA_MULTIMEDIA_MEDIAREADGUARD_H
+#define QUORVIA_MULTIMEDIA_MEDIAREADGUARD_H
+
+#include <cstddef>
+#include <string>
+
+namespace talvern {
+
+// Keeps a media file that crashes a library from crashing the daemon again
+// at every restart. While a guard lives, its thread's marker file beside the
+// database names the file being read; a crash signal on that thread turns
+// the marker into a crash record before the process dies. At the next start
+// sRecover puts the file on a short persisted list, and guards for a listed
+// file refuse the read, so the request gets the answer of a file that can't
+// be read.
+//
+// Without sRecover (tests, other programs of the library) guards admit every
+// read and write nothing.
+class MediaReadGuard {
+public:
+    // Threads that may read media at once (three request workers and the
+    // file-task worker, with room to spare); a guard beyond them reads
+    // unmarked.
+    static const int kMaxReaders = 8;
+    // A file still being read when the process died without a crash signal
+    // (SIGKILL from the out-of-memory killer, a power cut) is only a suspect:
+    // listed for good at its second time. A crash signal lists it at once.
+    static const int kStrikesToList = 2;
+    // Files remembered; the oldest entry goes first.
+    static const std::size_t kMaxListed = 32;
+    static const char* const kListFileName;
+    static const char* const kReadingMarkerPrefix;
+    static const char* const kCrashedMarkerPrefix;
+
+    // Start-up, on the main thread before any reader starts: reads the
+    // markers left in folder by the last run, logs and lists their files,
+    // stores the list, opens the markers of this run and hooks the crash
+    // signals (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT), chaining to the
+    // handlers installed before. Call it once.
+    static void sRecover(const std::string& folder);
+
+    // Marks path as being read by this thread until the guard goes.
+    explicit MediaReadGuard(const std::string& path);
+    virtual ~MediaReadGuard();
+
+    // false: path is listed as a file that crashed a reader; don't read it.
+    bool admitted() const { return admitted_; }
+
+private:
+    MediaReadGuard(const MediaReadGuard&);
+    MediaReadGuard& operator=(const MediaReadGuard&);
+
+    int slot_;
+    bool admitted_;
+};
+
+}  // namespace talvern
+
+#endif

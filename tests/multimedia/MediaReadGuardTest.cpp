@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+
+#include "multimedia/MediaReadGuard.h"
+#include "support/DeviceRootTest.h"
+
+namespace {
+
+using talvern::MediaReadGuard;
+
+class MediaReadGuardTest : public quorvia_test::DeviceRootTest {};
+
+std::string record(int strikes, const std::string& path) {
+    return std::to_string(strikes) + '\t' + path + '\0';
+}
+
+// sRecover runs once a process: each ctest case has its own.
+TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
+    std::string list;
+    for (int i = 0; i < 40; ++i) {
+        list += record(2, "/old/" + std::to_string(i));
+    }
+    list += record(1, "/d/suspect.mp4");
+    writeFile("/db/unreadable-media", list);
+    writeFile("/db/reading-0", "/d/suspect.mp4");
+    writeFile("/db/reading-1", "/d/first.mp4");
+    writeFile("/db/crashed-2", "/d/crash.jpg");
+    MediaReadGuard::sRecover(path("/db"));
+
+    EXPECT_FALSE(MediaReadGuard("/d/suspect.mp4").admitted());
+    EXPECT_FALSE(MediaReadGuard("/d/crash.jpg").admitted());
+    EXPECT_TRUE(MediaReadGuard("/d/first.mp4").admitted());
+    EXPECT_FALSE(MediaReadGuard("/old/39").admitted());
+    EXPECT_TRUE(MediaReadGuard("/old/10").admitted());
+    EXPECT_TRUE(log_.contains("media file /d/crash.jpg crashed the daemon while it was read",
+                              google::GLOG_ERROR));
+    EXPECT_TRUE(log_.contains("media file /d/first.mp4 was being read when the daemon ended",
+                              google::GLOG_WARNING));
+    const std::string stored = readFile("/db/unreadable-media");
+    EXPECT_EQ(32 * 1u, std::count(stored.begin(), stored.end(), '\0'));
+    EXPECT_NE(std::string::npos, stored.find(record(1, "/d/first.mp4")));
+    EXPECT_EQ("", readFile("/db/reading-0"));
+    EXPECT_FALSE(std::ifstream(path("/db/crashed-2").c_str()).good());
+
+    // This run's marker names the file while it is read, and only then.
+    {
+        MediaReadGuard guard("/d/now.mp4");
+        EXPECT_EQ("/d/now.mp4", readFile("/db/reading-0"));
+    }
+    EXPECT_EQ("", readFile("/db/reading-0"));
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+/* Preloaded into the daemon by tests: opening the file named by
+ * QUORVIA_CRASH_ON_OPEN ends the process with SIGSEGV on the opening thread,
+ * as a media library that crashes on that file would. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static void crashIfChosen(const char* path) {
+    const char* chosen = getenv("QUORVIA_CRASH_ON_OPEN");
+    if (chosen != NULL && path != NULL && strcmp(chosen, path) == 0) {
+        raise(SIGSEGV);
+    }
+}
+
+static mode_t modeOf(int flags, va_list args) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? (mode_t)va_arg(args, int) : 0;
+}
+
+#define WRAP_OPEN(name)                                                               \
+    int name(const char* path, int flags, ...) {                                      \
+        static int (*real)(const char*, int, ...);                                    \
+        va_list args;                                                                 \
+        va_start(args, flags);                                                        \
+        const mode_t mode = modeOf(flags, args);                                      \
+        va_end(args);                                                                 \
+        crashIfChosen(path);                                                          \
+        if (real == NULL) {                                                           \
+            real = (int (*)(const char*, int, ...))dlsym(RTLD_NEXT, #name);           \
+        }                                                                             \
+        return real(path, flags, mode);                                               \
+    }
+
+#define WRAP_OPENAT(name)                                                             \
+    int name(int dir, const char* path, int flags, ...) {                             \
+        static int (*real)(int, const char*, int, ...);                               \
+        va_list args;                                                                 \
+        va_start(args, flags);                                                        \
+        const mode_t mode = modeOf(flags, args);                                      \
+        va_end(args);                                                                 \
+        crashIfChosen(path);                                                          \
+        if (real == NULL) {                                                           \
+            real = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, #name);      \
+        }                                                                             \
+        return real(dir, path, flags, mode);                                          \
+    }
+
+#define WRAP_FOPEN(name)                                                              \
+    FILE* name(const char* path, const char* how) {                                   \
+        static FILE* (*real)(const char*, const char*);                               \
+        crashIfChosen(path);                                                          \
+        if (real == NULL) {                                                           \
+            real = (FILE * (*)(const char*, const char*)) dlsym(RTLD_NEXT, #name);    \
+        }                                                                             \
+        return real(path, how);                                                       \
+    }
+
+WRAP_OPEN(open)
+WRAP_OPEN(open64)
+WRAP_OPENAT(openat)
+WRAP_OPENAT(openat64)
+WRAP_FOPEN(fopen)
+WRAP_FOPEN(fopen64)
