@@ -6,6 +6,7 @@
 #include <glog/logging.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <exception>
 #include <memory>
@@ -16,6 +17,20 @@
 #include "system/Log.h"
 #include "thriftwrapper/QuorviaHandler.h"
 #include "thriftwrapper/QuorviaServer.h"
+
+namespace {
+
+// Ends the process with status while the file-following threads still run:
+// the static destructors (the inotify descriptor, the store) must not run
+// under them, so the logs are flushed by hand and the process leaves at once.
+void leave(int status) {
+    google::FlushLogFiles(google::GLOG_INFO);
+    fflush(stdout);
+    fflush(stderr);
+    _exit(status);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     printf("argc is %d, argv is NULL? %d\n", argc, argv == NULL ? 1 : 0);
@@ -53,7 +68,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         QLOG(ERROR) << "quorvia daemon can't serve on " << QuorviaServer::BIND_ADDRESS_ << ":"
                     << QuorviaServer::PORT_ << ": " << e.what();
-        return 1;
+        leave(1);
     }
-    return 0;
+    leave(0);
 }

@@ -1,11 +1,11 @@
 #include "thriftwrapper/QuorviaServer.h"
 
 #include <sys/socket.h>
-
 #include <thrift/concurrency/ThreadFactory.h>
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TNonblockingServerSocket.h>
 #include <thrift/transport/TSocket.h>
+
+#include "thriftwrapper/GuardedServerSocket.h"
 
 using apache::thrift::TProcessor;
 using apache::thrift::concurrency::ThreadFactory;
@@ -13,9 +13,8 @@ using apache::thrift::concurrency::ThreadManager;
 using apache::thrift::protocol::TBinaryProtocolFactory;
 using apache::thrift::protocol::TProtocol;
 using apache::thrift::protocol::TProtocolFactory;
-using apache::thrift::server::TServerEventHandler;
 using apache::thrift::server::TNonblockingServer;
-using apache::thrift::transport::TNonblockingServerSocket;
+using apache::thrift::server::TServerEventHandler;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransport;
 
@@ -42,7 +41,8 @@ public:
     virtual void* createContext(std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
         return new ConnectionContext;
     }
-    virtual void deleteContext(void* context, std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
+    virtual void deleteContext(void* context, std::shared_ptr<TProtocol>,
+                               std::shared_ptr<TProtocol>) {
         delete static_cast<ConnectionContext*>(context);
     }
     virtual void processContext(void* context, std::shared_ptr<TTransport> transport) {
@@ -64,7 +64,8 @@ public:
 // generated code turns them into exception replies.
 class DroppingProcessor : public TProcessor {
 public:
-    explicit DroppingProcessor(const std::shared_ptr<TProcessor>& processor) : processor_(processor) {}
+    explicit DroppingProcessor(const std::shared_ptr<TProcessor>& processor)
+        : processor_(processor) {}
 
     virtual bool process(std::shared_ptr<TProtocol> in, std::shared_ptr<TProtocol> out,
                          void* context) {
@@ -111,13 +112,13 @@ std::shared_ptr<ThreadManager> makeStartedThreadManager() {
 }  // namespace
 
 QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
-    std::shared_ptr<TProcessor> processor = std::make_shared<DroppingProcessor>(
-        std::make_shared<talvern::TalvernProcessor>(handler));
+    std::shared_ptr<TProcessor> processor =
+        std::make_shared<DroppingProcessor>(std::make_shared<talvern::TalvernProcessor>(handler));
     std::shared_ptr<TProtocolFactory> protocolFactory = makeProtocolFactory();
     threadManager_ = makeStartedThreadManager();
     // The server socket takes the address: that is what binds loopback only.
     server_.reset(new TNonblockingServer(processor, protocolFactory,
-                                         std::make_shared<TNonblockingServerSocket>(BIND_ADDRESS_, port),
+                                         std::make_shared<GuardedServerSocket>(BIND_ADDRESS_, port),
                                          threadManager_));
     server_->setServerEventHandler(std::make_shared<ConnectionTracker>());
     server_->setMaxFrameSize(MAX_FRAME_SIZE_);

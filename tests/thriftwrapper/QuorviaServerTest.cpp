@@ -1,6 +1,9 @@
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -12,6 +15,7 @@
 #include <thrift/TOutput.h>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "thriftwrapper/QuorviaServer.h"
 #include "thriftwrapper/RawConnection.h"
 
@@ -66,6 +70,7 @@ protected:
     }
 
     std::shared_ptr<SlowHandler> handler_;
+    quorvia_test::LogCapture log_;
     std::unique_ptr<QuorviaServer> server_;
     std::thread thread_;
     int port_ = 0;
@@ -154,6 +159,53 @@ TEST_F(QuorviaServerTest, DestroyedWhileAWorkerEndsADroppedCallRegression) {
     TearDown();
     server_.reset();
     SetUp();
+}
+
+int highestDescriptor() {
+    int highest = -1;
+    DIR* listing = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(listing)) {
+        highest = std::max(highest, atoi(entry->d_name));
+    }
+    closedir(listing);
+    return highest;
+}
+
+// The router's other components share the descriptor table: an accept that
+// fails for lack of descriptors ended the process with an uncaught transport
+// exception. Now the open connections are served, the failures make one line
+// a second, and the waiting peer is taken once descriptors are free again.
+TEST_F(QuorviaServerTest, AcceptWithoutDescriptorsKeepsServingRegression) {
+    RawConnection first(port_);
+    ASSERT_TRUE(first.send(requestCall("before")));
+    ASSERT_EQ(reply("before"), first.readFrame());
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    struct rlimit low = saved;
+    low.rlim_cur = static_cast<rlim_t>(highestDescriptor() + 1);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    // Every descriptor taken but one, for the waiting peer's socket.
+    std::vector<int> fillers;
+    for (int fd = dup(0); fd >= 0; fd = dup(0)) {
+        fillers.push_back(fd);
+    }
+    close(fillers.back());
+    fillers.pop_back();
+    RawConnection waiting(port_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(first.send(requestCall("during")));
+    EXPECT_EQ(reply("during"), first.readFrame());
+    for (int fd : fillers) {
+        close(fd);
+    }
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    ASSERT_TRUE(waiting.send(requestCall("after")));
+    EXPECT_EQ(reply("after"), waiting.readFrame());
+    int warnings = 0;
+    for (const quorvia_test::LogCapture::Line& line : log_.lines()) {
+        warnings += line.text.find("accept failed") == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(1, warnings);
 }
 
 }  // namespace

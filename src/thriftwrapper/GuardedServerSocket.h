@@ -1,0 +1,39 @@
+#ifndef QUORVIA_THRIFTWRAPPER_GUARDEDSERVERSOCKET_H
+#define QUORVIA_THRIFTWRAPPER_GUARDEDSERVERSOCKET_H
+
+#include <thrift/transport/TNonblockingServerSocket.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+// The server's listening socket, for which a failed accept is no reason to
+// end. The router's other components share the descriptor table: when
+// accept fails (EMFILE, ENFILE, a peer gone before it was taken), the server
+// is handed a socket that was never opened, which it drops, and goes on
+// serving the connections it has. Each failure costs the I/O thread a short
+// pause, so that a peer left pending while descriptors are short does not
+// make it spin, and the failures are logged once a second at most.
+//
+// Called on the server's I/O thread only.
+class GuardedServerSocket : public apache::thrift::transport::TNonblockingServerSocket {
+public:
+    // Pause after a failed accept.
+    static const int kFailurePauseMilliseconds = 10;
+    // At most one WARNING line about failed accepts in this time.
+    static const int kLogEverySeconds = 1;
+
+    GuardedServerSocket(const std::string& address, int port);
+    virtual ~GuardedServerSocket();
+
+protected:
+    virtual std::shared_ptr<apache::thrift::transport::TSocket> acceptImpl();
+
+private:
+    void noteFailure(const std::string& what);
+
+    std::chrono::steady_clock::time_point lastLog_;
+    unsigned long failuresSinceLog_;
+};
+
+#endif
