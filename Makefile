@@ -32,7 +32,7 @@ test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 bench: configure
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks quorvia quorvia-cli
 	@sh bench/run.sh $(BUILD_DIR)
 
 fuzz: deps
@@ -41,7 +41,7 @@ fuzz: deps
 	@sh fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
 
 soak: configure
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target DaemonSoak
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target DaemonSoak quorvia quorvia-cli
 	@SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/soak/DaemonSoak
 
 # The daemon in the foreground on a demo device root under the build folder.

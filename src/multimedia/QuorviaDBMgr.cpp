@@ -39,6 +39,8 @@ bool QuorviaDBMgr::init() {
     return true;
 }
 
+bool QuorviaDBMgr::isSerialized() const { return db_ != NULL && sqlite3_db_mutex(db_) != NULL; }
+
 bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one

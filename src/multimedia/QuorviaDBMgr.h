@@ -16,8 +16,8 @@ namespace quorvia {
 // The index of media metadata: one SQLite database, one row per file content
 // keyed by its hash. All threads share one connection, in write-ahead-log mode
 // where the file system allows it. Every public operation holds mutex_ for its
-// whole body, except getMetadataByHash (reads without it, relying on SQLite's
-// serialized threading mode) and getFileHash (locks only around its own store
+// whole body, except getMetadataByHash (reads without it where SQLite runs the
+// connection in serialized mode, see isSerialized) and getFileHash (locks only around its own store
 // calls, not across the file read). Operations answer with bool and log their
 // failures; on a store that could not be opened they fail at prepare and take
 // their failure route.
@@ -56,6 +56,10 @@ public:
     bool execSql(const std::string& sql);
     // true for SQLITE_OK, SQLITE_ROW and SQLITE_DONE; logs any other code.
     bool isSqlSucceed(int code);
+    // true when SQLite serialises every call on the open connection itself
+    // (a library built SQLITE_THREADSAFE=1, opened without a threading flag),
+    // so that a read may go without mutex_. Any thread.
+    bool isSerialized() const;
 
     // ---- Rows ----
     // Stores or replaces the row of context.hash. true when written.

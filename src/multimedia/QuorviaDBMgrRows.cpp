@@ -1,4 +1,5 @@
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/locks.hpp>
 
 #include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/QuorviaDBMgrSql.h"
@@ -54,12 +55,16 @@ bool QuorviaDBMgr::insertToDB(const QuorviaContext& context) {
     return result;
 }
 
-// No lock: the connection runs in SQLite's serialized mode (the library is
-// built SQLITE_THREADSAFE=1 and opened without a threading flag), so SQLite
+// No lock where the connection runs in SQLite's serialized mode: SQLite
 // serialises every call on it, and this read may interleave with a writer
-// holding mutex_. A writer's open transaction is visible here, as it is the
-// same connection.
+// holding mutex_ (the hit path does not wait for a directory move). A
+// writer's open transaction is visible here, as it is the same connection.
+// A SQLite built otherwise gets the store's lock.
 bool QuorviaDBMgr::getMetadataByHash(const std::string& hash, talvern::metadata_s& metadata) {
+    boost::unique_lock<boost::mutex> lock(mutex_, boost::defer_lock);
+    if (!isSerialized()) {
+        lock.lock();
+    }
     const std::string sql = "SELECT TITLE, DATE, MIME, DURATION, ARTIST, ALBUM FROM " +
                             mainTableName_ + " WHERE HASH=?;";
     sqlite3_stmt* stmt = NULL;
