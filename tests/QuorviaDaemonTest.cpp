@@ -26,6 +26,9 @@ const std::string DONE = "{ \"code\": 0, \"msg\": \"\" }";
 class QuorviaDaemonTest : public DeviceRootTest {
 protected:
     virtual void TearDown() {
+        if (daemon_.pid() > 0) {
+            EXPECT_TRUE(daemon_.running()) << slurp(path("/daemon.err"));
+        }
         daemon_.stop();
         DeviceRootTest::TearDown();
     }
@@ -34,8 +37,10 @@ protected:
     // root, and waits for the port.
     void startDaemon(const std::vector<std::string>& args) {
         setenv("GLOG_log_dir", root().c_str(), 1);
-        ASSERT_TRUE(daemon_.start(path(""), args));
-        ASSERT_TRUE(waitForListener(ThriftClient::PORT_)) << slurp(path("/daemon.err"));
+        std::string why;
+        ASSERT_TRUE(daemon_.startListening(path(""), args, ThriftClient::PORT_, why))
+            << why << "\n"
+            << slurp(path("/daemon.err"));
     }
 
     DaemonProcess daemon_;

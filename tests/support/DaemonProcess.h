@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "thriftwrapper/RawConnection.h"
+
 namespace quorvia_test {
 
 // A program built next to the tests (build/bin/NAME).
@@ -80,6 +82,31 @@ public:
         }
         return pid_ > 0;
     }
+
+    // start, then waits until port answers. false, with the reason in why,
+    // when something answered on port before the start (another daemon: the
+    // test would speak to it), when nothing answers in time, or when this
+    // daemon has ended meanwhile (what answers is not ours).
+    bool startListening(const std::string& outDir, const std::vector<std::string>& args,
+                        int port, std::string& why) {
+        if (RawConnection(port).connected()) {
+            why = "port " + std::to_string(port) + " was taken before the daemon started";
+            return false;
+        }
+        if (!start(outDir, args) || !waitForListener(port)) {
+            why = "the daemon did not listen on port " + std::to_string(port);
+            return false;
+        }
+        if (!running()) {
+            why = "the daemon ended; what listens on port " + std::to_string(port) +
+                  " is not ours";
+            return false;
+        }
+        return true;
+    }
+
+    // true while the daemon started last has not ended.
+    bool running() { return pid_ > 0 && waitpid(pid_, NULL, WNOHANG) == 0; }
 
     void stop() {
         if (pid_ > 0) {

@@ -189,12 +189,11 @@ int highestDescriptor() {
 // a second, and the waiting peer is taken once descriptors are free again.
 TEST_F(QuorviaServerTest, AcceptWithoutDescriptorsKeepsServingRegression) {
     RawConnection first(port_);
-    // Every path of a call is taken once while descriptors are plenty, so
+    // A call's path is taken a few times while descriptors are plenty, so
     // that a sanitizer's report on it is symbolized then, not in the window.
     for (int i = 0; i < 5; ++i) {
         ASSERT_TRUE(first.send(requestCall("before")));
         ASSERT_EQ(reply("before"), first.readFrame());
-        ASSERT_EQ(reply("before"), call("before"));
     }
     struct rlimit saved;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
