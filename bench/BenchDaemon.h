@@ -2,21 +2,20 @@
 #define QUORVIA_BENCH_BENCHDAEMON_H
 
 #include <fcntl.h>
+#include <glog/logging.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <stdio.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <thrift/TOutput.h>
+#include <thrift/transport/TSocket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
-
-#include <glog/logging.h>
-#include <thrift/TOutput.h>
-#include <thrift/transport/TSocket.h>
 
 #include "LoadGenerator.h"
 #include "multimedia/QuorviaDBMgr.h"
@@ -79,7 +78,8 @@ inline pid_t startDaemon(const std::string& root, bool quiet) {
         if (quiet) {
             setenv("GLOG_minloglevel", "1", 1);
         }
-        const std::string path = std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
+        const std::string path =
+            std::string(QUORVIA_SOURCE_DIR) + "/tools/device:" + getenv("PATH");
         setenv("PATH", path.c_str(), 1);
         const std::string binary = daemonPath();
         execl(binary.c_str(), binary.c_str(), static_cast<char*>(NULL));
@@ -162,12 +162,25 @@ inline std::string imageRequest(const std::string& path, const std::string& hash
            "\",\"defaultModifyTime\":0}";
 }
 
-// Requests for the rows of makeRoot(rows), spread over the table.
+// The row of makeRoot(rows) that a thread's n-th hit asks for, spread over
+// the table.
+inline long hitRow(int thread, long n, int rows) { return (n * 7919 + thread * 104729) % rows; }
+
 inline LoadGenerator::RequestOf hitRequests(const std::string& root, int rows) {
     return [root, rows](int thread, long n) {
-        const long row = (n * 7919 + thread * 104729) % rows;
+        const long row = hitRow(thread, n, rows);
         return imageRequest(root + "/userdisk/data/photos/IMG_" + std::to_string(row) + ".jpg",
                             "h" + std::to_string(row));
+    };
+}
+
+// The one right answer to each of hitRequests's requests: the stored row.
+inline LoadGenerator::Check hitAnswers(int rows) {
+    return [rows](int thread, long n, const std::string& reply) {
+        const long row = hitRow(thread, n, rows);
+        return reply == "{ \"code\": 0, \"msg\": \"\", \"title\": \"IMG_" + std::to_string(row) +
+                            ".jpg\", \"mime\": \"image\\/jpeg\", \"date\": " +
+                            std::to_string(1600000000 + row) + " }";
     };
 }
 

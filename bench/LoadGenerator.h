@@ -1,6 +1,10 @@
 #ifndef QUORVIA_BENCH_LOADGENERATOR_H
 #define QUORVIA_BENCH_LOADGENERATOR_H
 
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TSocket.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -10,10 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TSocket.h>
 
 #include "Talvern.h"
 
@@ -30,24 +30,26 @@ struct LoadFigures {
 
 // Load on the service at 127.0.0.1:port: `connections` threads, each with one
 // Thrift connection of its own, send requests back to back for `seconds`.
-// requestOf(thread, n) gives the n-th request text of a thread. Latency is
-// taken per call, from send to reply.
+// requestOf(thread, n) gives the n-th request text of a thread; when a check
+// is given, a reply it refuses (check(thread, n, reply) false) counts as a
+// failure. Latency is taken per call, from send to reply.
 class LoadGenerator {
 public:
     typedef std::function<std::string(int, long)> RequestOf;
+    typedef std::function<bool(int, long, const std::string&)> Check;
 
     virtual ~LoadGenerator() {}
 
-    static LoadFigures sRun(int port, int connections, double seconds, const RequestOf& requestOf) {
+    static LoadFigures sRun(int port, int connections, double seconds, const RequestOf& requestOf,
+                            const Check& check = Check()) {
         std::vector<std::vector<double>> latencies(connections);
         std::vector<long> failures(connections, 0);
         const auto deadline = std::chrono::steady_clock::now() +
                               std::chrono::microseconds(static_cast<long>(seconds * 1e6));
         std::vector<std::thread> threads;
         for (int t = 0; t < connections; ++t) {
-            threads.emplace_back([&, t] {
-                sDrive(port, t, deadline, requestOf, latencies[t], failures[t]);
-            });
+            threads.emplace_back(
+                [&, t] { sDrive(port, t, deadline, requestOf, check, latencies[t], failures[t]); });
         }
         for (std::thread& thread : threads) {
             thread.join();
@@ -69,10 +71,12 @@ public:
     }
 
     // Sends count requests on one connection, as fast as replies come.
-    static long sSend(int port, long count, const RequestOf& requestOf) {
+    static long sSend(int port, long count, const RequestOf& requestOf,
+                      const Check& check = Check()) {
         std::vector<double> latencies;
         long failures = 0;
-        sDriveCount(port, count, requestOf, latencies, failures);
+        sLoop(port, 0, requestOf, check, latencies, failures,
+              [count](long n) { return n >= count; });
         return failures;
     }
 
@@ -90,8 +94,8 @@ private:
     };
 
     template <class Stop>
-    static void sLoop(int port, int thread, const RequestOf& requestOf, std::vector<double>& latencies,
-                      long& failures, Stop stop) {
+    static void sLoop(int port, int thread, const RequestOf& requestOf, const Check& check,
+                      std::vector<double>& latencies, long& failures, Stop stop) {
         std::unique_ptr<Connection> connection;
         std::string result;
         for (long n = 0; !stop(n); ++n) {
@@ -110,19 +114,18 @@ private:
             latencies.push_back(
                 std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
                     .count());
+            if (check && !check(thread, n, result)) {
+                ++failures;
+            }
         }
     }
 
     static void sDrive(int port, int thread, std::chrono::steady_clock::time_point deadline,
-                       const RequestOf& requestOf, std::vector<double>& latencies, long& failures) {
+                       const RequestOf& requestOf, const Check& check,
+                       std::vector<double>& latencies, long& failures) {
         latencies.reserve(1 << 16);
-        sLoop(port, thread, requestOf, latencies, failures,
+        sLoop(port, thread, requestOf, check, latencies, failures,
               [deadline](long) { return std::chrono::steady_clock::now() >= deadline; });
-    }
-
-    static void sDriveCount(int port, long count, const RequestOf& requestOf,
-                            std::vector<double>& latencies, long& failures) {
-        sLoop(port, 0, requestOf, latencies, failures, [count](long n) { return n >= count; });
     }
 };
 

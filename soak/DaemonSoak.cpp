@@ -4,7 +4,8 @@
 // idle and stalled connections, and folder moves in the data folder that the
 // monitor follows. SOAK_SECONDS (default 120) bounds it. Prints what was sent
 // and the daemon's memory, descriptors and threads as the run goes; exits 1
-// when the daemon died, stopped answering, or failed a well-formed request.
+// when the daemon died, stopped answering, failed a well-formed request or
+// answered it wrongly, or when its memory or descriptors grew past a bound.
 
 #include <dirent.h>
 #include <stdio.h>
@@ -42,6 +43,19 @@ const long MISSES_PER_UNMOUNT = 500;
 // server's connection limit, past which new peers are turned away.
 const int CROWD_SIZE = 200;
 const int SAMPLE_SECONDS = 5;
+// Growth allowed from the first quarter of the run to the last, once the
+// daemon is warm (its caches and the workers' heaps filled): of the most
+// resident memory in a sample, and of the fewest open descriptors (the
+// crowds come and go).
+const double WARM_UP_SECONDS = 10;
+const long MAX_RSS_GROWTH_KIB = 8 * 1024;
+const long MAX_DESCRIPTOR_GROWTH = 16;
+const std::string DONE = "{ \"code\": 0, \"msg\": \"\" }";
+const std::string RECORD = "{ \"code\": 0, \"msg\": \"\", \"title\": \"x\", ";
+const std::string PROBE = "{\"api\":1,\"path\":\"/p/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"a\"}";
+const std::string PROBE_ANSWER =
+    "{ \"code\": 0, \"msg\": \"\", \"title\": \"a.mp3\", \"mime\": \"\", \"album\": \"\", "
+    "\"artist\": \"\", \"duration\": \"\", \"date\": 0 }";
 
 double soakSeconds() {
     const char* text = getenv("SOAK_SECONDS");
@@ -69,6 +83,19 @@ LoadGenerator::RequestOf missRequests(const std::string& data) {
             default:
                 return request(1, data + "/media/song.mp3", hash);
         }
+    };
+}
+
+// What each miss must get: a record titled with the request's name (the
+// clip's duration read from the file), or the unmount's bare success.
+LoadGenerator::Check missAnswers() {
+    return [](int, long n, const std::string& reply) {
+        if (n % MISSES_PER_UNMOUNT == MISSES_PER_UNMOUNT - 1) {
+            return reply == DONE;
+        }
+        const bool record = reply.compare(0, RECORD.size(), RECORD) == 0;
+        return n % 3 == 1 ? record && reply.find("\"duration\": \"10\"") != std::string::npos
+                          : record;
     };
 }
 
@@ -103,9 +130,11 @@ void sendBad(const std::string& bytes) {
     }
 }
 
+// A well-formed request gets its one right answer.
 bool answers() {
-    const std::string probe = "{\"api\":1,\"path\":\"/p/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"a\"}";
-    return LoadGenerator::sSend(DAEMON_PORT, 1, [probe](int, long) { return probe; }) == 0;
+    return LoadGenerator::sSend(
+               DAEMON_PORT, 1, [](int, long) { return PROBE; },
+               [](int, long, const std::string& reply) { return reply == PROBE_ANSWER; }) == 0;
 }
 
 // Connections that say nothing, or half a frame, and are held for a while.
@@ -154,8 +183,8 @@ Sample sample(pid_t pid, Clock::time_point start) {
     const Sample taken = {std::chrono::duration<double>(Clock::now() - start).count(),
                           quorvia_bench::statusField(pid, "VmRSS:"), descriptorCount(pid),
                           quorvia_bench::statusField(pid, "Threads:")};
-    printf("%6.0f s  RSS %6ld KiB  descriptors %4ld  threads %3ld\n", taken.seconds,
-           taken.rssKiB, taken.descriptors, taken.threads);
+    printf("%6.0f s  RSS %6ld KiB  descriptors %4ld  threads %3ld\n", taken.seconds, taken.rssKiB,
+           taken.descriptors, taken.threads);
     fflush(stdout);
     return taken;
 }
@@ -165,9 +194,9 @@ bool alive(pid_t pid) { return waitpid(pid, NULL, WNOHANG) == 0; }
 void makeMedia(const std::string& root) {
     const std::string media = root + "/userdisk/data/media";
     const std::string command =
-        "mkdir -p " + media + " " + root + "/etc/talvernconfig && cp -r " +
-        QUORVIA_SOURCE_DIR + "/data/localization " + root + "/etc/talvernconfig/ && cd " +
-        media + " && mv ../photo.jpg ../clip.mp4 . && mkfifo " + root + "/fifo.mp4" +
+        "mkdir -p " + media + " " + root + "/etc/talvernconfig && cp -r " + QUORVIA_SOURCE_DIR +
+        "/data/localization " + root + "/etc/talvernconfig/ && cd " + media +
+        " && mv ../photo.jpg ../clip.mp4 . && mkfifo " + root + "/fifo.mp4" +
         " && ffmpeg -v error -y -f lavfi -i sine=duration=2 -metadata title=Soak song.mp3" +
         " && head -c 3000 photo.jpg > damaged.jpg && head -c 5000 clip.mp4 > damaged.mp4";
     if (system(command.c_str()) != 0) {
@@ -183,16 +212,18 @@ struct Tally {
 };
 
 // One thread per kind of peer, each until end.
-std::vector<std::thread> startPeers(const std::string& root, double seconds,
-                                    Clock::time_point end, Tally& tally) {
+std::vector<std::thread> startPeers(const std::string& root, double seconds, Clock::time_point end,
+                                    Tally& tally) {
     const std::string data = root + "/userdisk/data";
     std::vector<std::thread> peers;
     peers.emplace_back([&tally, root, seconds] {
         tally.hits = LoadGenerator::sRun(DAEMON_PORT, HIT_CONNECTIONS, seconds,
-                                         quorvia_bench::hitRequests(root, STORE_ROWS));
+                                         quorvia_bench::hitRequests(root, STORE_ROWS),
+                                         quorvia_bench::hitAnswers(STORE_ROWS));
     });
     peers.emplace_back([&tally, data, seconds] {
-        tally.misses = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, missRequests(data));
+        tally.misses =
+            LoadGenerator::sRun(DAEMON_PORT, 1, seconds, missRequests(data), missAnswers());
     });
     peers.emplace_back([&tally, root, end] {
         const std::vector<std::string> inputs = badInputs(root);
@@ -224,11 +255,49 @@ std::vector<Sample> watch(pid_t pid, Clock::time_point start, Clock::time_point 
     return samples;
 }
 
+// The most resident memory and the fewest descriptors among samples
+// [begin, end).
+Sample extremes(std::vector<Sample>::const_iterator begin,
+                std::vector<Sample>::const_iterator end) {
+    Sample result = {0, 0, -1, 0};
+    for (std::vector<Sample>::const_iterator it = begin; it != end; ++it) {
+        result.rssKiB = std::max(result.rssKiB, it->rssKiB);
+        result.descriptors = result.descriptors < 0 ? it->descriptors
+                                                    : std::min(result.descriptors, it->descriptors);
+    }
+    return result;
+}
+
+// Prints how memory and descriptors moved from the first quarter of the run
+// to the last; true when within their bounds.
+bool flat(const std::vector<Sample>& all) {
+    std::vector<Sample> samples;
+    for (const Sample& taken : all) {
+        if (taken.seconds >= WARM_UP_SECONDS) {
+            samples.push_back(taken);
+        }
+    }
+    if (samples.size() < 4) {
+        printf("too few samples to compare the run's quarters\n");
+        return true;
+    }
+    const size_t quarter = samples.size() / 4;
+    const Sample first = extremes(samples.begin(), samples.begin() + quarter);
+    const Sample last = extremes(samples.end() - quarter, samples.end());
+    printf(
+        "first quarter: RSS most %ld KiB, descriptors fewest %ld; last quarter: %ld KiB, %ld "
+        "(bounds +%ld KiB, +%ld)\n",
+        first.rssKiB, first.descriptors, last.rssKiB, last.descriptors, MAX_RSS_GROWTH_KIB,
+        MAX_DESCRIPTOR_GROWTH);
+    return last.rssKiB - first.rssKiB <= MAX_RSS_GROWTH_KIB &&
+           last.descriptors - first.descriptors <= MAX_DESCRIPTOR_GROWTH;
+}
+
 // Prints the totals; true when the run passed.
 bool report(const Tally& tally, const std::vector<Sample>& samples, bool survived) {
     printf("hits: %ld on %d connections (%.0f req/s, p99 %.0f us), %ld failed\n",
-           tally.hits.requests, HIT_CONNECTIONS, tally.hits.requestsPerSecond,
-           tally.hits.p99Micros, tally.hits.failures);
+           tally.hits.requests, HIT_CONNECTIONS, tally.hits.requestsPerSecond, tally.hits.p99Micros,
+           tally.hits.failures);
     printf("misses and unmounts: %ld (%.0f req/s), %ld failed\n", tally.misses.requests,
            tally.misses.requestsPerSecond, tally.misses.failures);
     printf("bad inputs: %ld, after which the daemon did not answer: %ld\n", tally.badSent.load(),
@@ -241,15 +310,17 @@ bool report(const Tally& tally, const std::vector<Sample>& samples, bool survive
             maxRss = std::max(maxRss, taken.rssKiB);
         }
         printf("RSS: first %ld KiB, last %ld KiB, most %ld KiB; descriptors first %ld, last %ld\n",
-               samples.front().rssKiB, samples.back().rssKiB, maxRss,
-               samples.front().descriptors, samples.back().descriptors);
+               samples.front().rssKiB, samples.back().rssKiB, maxRss, samples.front().descriptors,
+               samples.back().descriptors);
     }
-    const bool clean = survived && tally.hits.failures == 0 && tally.misses.failures == 0 &&
-                       tally.badUnanswered == 0;
-    printf("%s\n", clean       ? "soak passed"
-                   : survived ? "soak FAILED: requests failed"
-                              : "soak FAILED: the daemon died or hangs");
-    return clean;
+    const bool served =
+        tally.hits.failures == 0 && tally.misses.failures == 0 && tally.badUnanswered == 0;
+    const bool bounded = flat(samples);
+    printf("%s\n", !survived  ? "soak FAILED: the daemon died or hangs"
+                   : !served  ? "soak FAILED: requests failed or got wrong answers"
+                   : !bounded ? "soak FAILED: memory or descriptors grew"
+                              : "soak passed");
+    return survived && served && bounded;
 }
 
 }  // namespace
