@@ -67,7 +67,8 @@ inline std::string daemonPath() {
 
 // The real daemon on the device root of QUORVIA_ROOT, logging to files under
 // root like a deployed one; quiet drops its INFO lines (glog's minimum level
-// from the environment). Returns once it listens.
+// from the environment). Returns once it listens; a daemon that does not
+// listen within ten seconds ends the benchmark with status 1.
 inline pid_t startDaemon(const std::string& root, bool quiet) {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -85,7 +86,11 @@ inline pid_t startDaemon(const std::string& root, bool quiet) {
         execl(binary.c_str(), binary.c_str(), static_cast<char*>(NULL));
         _exit(127);
     }
-    waitAccepting(DAEMON_PORT);
+    if (!waitAccepting(DAEMON_PORT)) {
+        printf("the daemon did not start: no figures\n");
+        kill(pid, SIGKILL);
+        exit(1);
+    }
     return pid;
 }
 

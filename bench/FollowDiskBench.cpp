@@ -144,7 +144,7 @@ int main() {
     quorvia_bench::quietBenchProcess("follow-bench");
     if (quorvia_bench::accepting(DAEMON_PORT)) {
         printf("port %d is taken: no figures\n", DAEMON_PORT);
-        return 0;
+        return 1;
     }
     char pattern[] = "/tmp/quorvia-follow-bench-XXXXXX";
     const std::string root = mkdtemp(pattern);
@@ -160,12 +160,13 @@ int main() {
     const pid_t pid = quorvia_bench::startDaemon(root, true);
     LoadGenerator::sSend(DAEMON_PORT, 1, [root](int, long) { return hitRequest(root); });
     // The data folder, gone/ and big/.
-    if (waitWatching(pid, 3)) {
+    const bool following = waitWatching(pid, 3);
+    if (following) {
         benchDelete(root);
         benchHitDuringMove(root);
     } else {
         printf("the daemon did not follow its data folder: no figures\n");
     }
     quorvia_bench::stopDaemon(pid);
-    return run("rm -rf '" + root + "'") ? 0 : 1;
+    return run("rm -rf '" + root + "'") && following ? 0 : 1;
 }

@@ -59,14 +59,19 @@ double benchSeconds() {
     return text != NULL && atof(text) > 0 ? atof(text) : 2.0;
 }
 
+// Set when a figure rests on failed requests: the run then ends with status 1.
+bool gFailed = false;
+
 void print(const std::string& label, const LoadFigures& figures, double ratio = 0) {
     printf("%-56s %9.0f req/s  p50 %7.1f us  p99 %7.1f us", label.c_str(),
            figures.requestsPerSecond, figures.p50Micros, figures.p99Micros);
     if (ratio > 0) {
         printf("  (%.2f of bare)", ratio);
     }
-    if (figures.failures > 0) {
-        printf("  %ld failed", figures.failures);
+    if (figures.failures > 0 || figures.requests == 0) {
+        printf("  FAILED: %ld of %ld requests failed", figures.failures,
+               figures.requests + figures.failures);
+        gFailed = true;
     }
     printf("\n");
     fflush(stdout);
@@ -158,10 +163,16 @@ void benchMemory(const std::string& root) {
     printf("daemon RSS idle: %ld KiB (anonymous %ld KiB, mapped files %ld KiB)\n", idle,
            quorvia_bench::statusField(pid, "RssAnon:"),
            quorvia_bench::statusField(pid, "RssFile:"));
-    LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root, STORE_ROWS));
+    long failed = LoadGenerator::sSend(DAEMON_PORT, 10000, hitRequests(root, STORE_ROWS),
+                                       quorvia_bench::hitAnswers(STORE_ROWS));
     const long after10k = rssKiB(pid);
-    LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root, STORE_ROWS));
+    failed += LoadGenerator::sSend(DAEMON_PORT, 90000, hitRequests(root, STORE_ROWS),
+                                   quorvia_bench::hitAnswers(STORE_ROWS));
     const long after100k = rssKiB(pid);
+    if (failed > 0) {
+        printf("FAILED: %ld of the memory run's requests failed\n", failed);
+        gFailed = true;
+    }
     printf("daemon RSS: idle %ld KiB, after 10,000 requests %ld KiB, after 100,000 %ld KiB "
            "(growth from 10,000 to 100,000: %ld KiB)\n",
            idle, after10k, after100k, after100k - after10k);
@@ -218,7 +229,7 @@ int main() {
     const double seconds = benchSeconds();
     if (accepting(DAEMON_PORT) || accepting(BARE_PORT)) {
         printf("port %d or %d is taken: no figures\n", DAEMON_PORT, BARE_PORT);
-        return 0;
+        return 1;
     }
     const std::string root = makeRoot(STORE_ROWS);
     const pid_t bare = startBareServer();
@@ -229,5 +240,5 @@ int main() {
     benchMissPath(root, seconds, false);
     benchMissPath(root, seconds, true);
     const std::string cleanup = "rm -rf '" + root + "'";
-    return system(cleanup.c_str()) == 0 ? 0 : 1;
+    return system(cleanup.c_str()) == 0 && !gFailed ? 0 : 1;
 }

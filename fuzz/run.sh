@@ -6,6 +6,7 @@ build_dir=$1
 seconds=$2
 here=$(cd "$(dirname "$0")" && pwd)
 status=0
+export LSAN_OPTIONS="suppressions=$here/lsan.supp"
 for target in "$build_dir"/fuzz/*Fuzz; do
     [ -f "$target" ] && [ -x "$target" ] || continue
     name=$(basename "$target")

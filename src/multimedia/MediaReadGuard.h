@@ -21,13 +21,13 @@ public:
     // Threads that may read media at once (three request workers and the
     // file-task worker, with room to spare); a guard beyond them reads
     // unmarked.
-    static const int kMaxReaders = 8;
+    static constexpr int kMaxReaders = 8;
     // A file still being read when the process died without a crash signal
     // (SIGKILL from the out-of-memory killer, a power cut) is only a suspect:
     // listed for good at its second time. A crash signal lists it at once.
-    static const int kStrikesToList = 2;
+    static constexpr int kStrikesToList = 2;
     // Files remembered; the oldest entry goes first.
-    static const std::size_t kMaxListed = 32;
+    static constexpr std::size_t kMaxListed = 32;
     static const char* const kListFileName;
     static const char* const kReadingMarkerPrefix;
     static const char* const kCrashedMarkerPrefix;

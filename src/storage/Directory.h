@@ -15,7 +15,7 @@ public:
     // Deepest level the recursive delete descends to: it holds one descriptor
     // a level, and the trees it clears are a few levels deep. Deeper entries
     // stay and the call reports ENAMETOOLONG.
-    static const int kMaxRemoveDepth = 64;
+    static constexpr int kMaxRemoveDepth = 64;
 
     virtual ~Directory() {}
 

@@ -19,9 +19,9 @@
 class GuardedServerSocket : public apache::thrift::transport::TNonblockingServerSocket {
 public:
     // Pause after a failed accept.
-    static const int kFailurePauseMilliseconds = 10;
+    static constexpr int kFailurePauseMilliseconds = 10;
     // At most one WARNING line about failed accepts in this time.
-    static const int kLogEverySeconds = 1;
+    static constexpr int kLogEverySeconds = 1;
 
     GuardedServerSocket(const std::string& address, int port);
     virtual ~GuardedServerSocket();

@@ -92,12 +92,6 @@ private:
     std::shared_ptr<TProcessor> processor_;
 };
 
-// No size limits at protocol level (the frame limit bounds a message), strict
-// read off so that calls without the version word are served, strict write on.
-std::shared_ptr<TProtocolFactory> makeProtocolFactory() {
-    return std::make_shared<TBinaryProtocolFactory>(0, 0, false, true);
-}
-
 // Detached worker threads. The thread factory of this Thrift generation has
 // no scheduling policy, priority or stack size to set: the workers run with
 // the system's defaults.
@@ -111,10 +105,19 @@ std::shared_ptr<ThreadManager> makeStartedThreadManager() {
 
 }  // namespace
 
+// Strings and containers no longer than a frame: a call without the version
+// word starts with its name's length, which the protocol reads without
+// looking at the frame, so a 7-byte frame that declared 1.8 GB made a worker
+// allocate and clear that much.
+std::shared_ptr<TProtocolFactory> QuorviaServer::sMakeProtocolFactory() {
+    const int32_t limit = static_cast<int32_t>(MAX_FRAME_SIZE_);
+    return std::make_shared<TBinaryProtocolFactory>(limit, limit, false, true);
+}
+
 QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
     std::shared_ptr<TProcessor> processor =
         std::make_shared<DroppingProcessor>(std::make_shared<talvern::TalvernProcessor>(handler));
-    std::shared_ptr<TProtocolFactory> protocolFactory = makeProtocolFactory();
+    std::shared_ptr<TProtocolFactory> protocolFactory = sMakeProtocolFactory();
     threadManager_ = makeStartedThreadManager();
     // The server socket takes the address: that is what binds loopback only.
     server_.reset(new TNonblockingServer(processor, protocolFactory,

@@ -40,6 +40,11 @@ public:
     static const size_t IDLE_WRITE_BUFFER_LIMIT_ = 8 * 1024;
     static const int RESIZE_BUFFER_EVERY_N_ = 1;
 
+    // The protocol of every connection: binary, calls with or without the
+    // version word read, replies written with it, and no string or container
+    // longer than MAX_FRAME_SIZE_.
+    static std::shared_ptr<apache::thrift::protocol::TProtocolFactory> sMakeProtocolFactory();
+
     // Builds the processor around handler, the protocol factory, and the
     // worker pool, which is started here: the workers exist from the end of
     // construction. Throws (an apache::thrift::TException or std::exception)
