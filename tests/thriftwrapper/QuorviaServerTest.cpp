@@ -211,6 +211,10 @@ int highestDescriptor() {
 // exception. Now the open connections are served, the failures make one line
 // a second, and the waiting peer is taken once descriptors are free again.
 TEST_F(QuorviaServerTest, AcceptWithoutDescriptorsKeepsServingRegression) {
+#ifdef QUORVIA_UNDEFINED_SANITIZER
+    GTEST_SKIP() << "the sanitizer's type check needs a descriptor (a pipe) and reports every "
+                    "object as invalid without one";
+#endif
     RawConnection first(port_);
     // A call's path is taken a few times while descriptors are plenty, so
     // that a sanitizer's report on it is symbolized then, not in the window.
