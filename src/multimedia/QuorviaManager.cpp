@@ -52,6 +52,9 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
     }
     for (std::size_t i = 0; i < changes->size(); ++i) {
         const FileChangeItem& item = (*changes)[i];
+        for (const MoveHalf& half : item.earlierMoves) {
+            dispatcherTask(item.path, half.mask, item.isDir, type, half.cookie);
+        }
         if (item.mask == TALVERN_MODIFY && !CommonUtils::endWith(item.path, ".jpg") &&
             !CommonUtils::endWith(item.path, ".jpeg")) {
             continue;

@@ -39,8 +39,9 @@ public:
     void init();
     // Body of the monitor thread; never returns.
     void notify();
-    // The observer operation, on the monitor thread: content changes count
-    // for JPEG files only; every other change goes to the factory in order.
+    // The observer operation, on the monitor thread: each item's earlier move
+    // halves go to the factory first, then its last change, of which content
+    // changes count for JPEG files only; items in order.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
     // One change to the queue (dropped when the queue isn't made yet).
     void dispatcherTask(const std::string& path, WatchMask mask, bool isDir, MonitorType type,

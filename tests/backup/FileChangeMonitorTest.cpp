@@ -118,14 +118,24 @@ protected:
         return relative;
     }
 
-    // "MASK path-below-data [#cookie]" lines; a directory's path ends in "/".
+    // "MASK path-below-data [#cookie] [after HALF#cookie...]" lines; a
+    // directory's path ends in "/".
     Lines describe(const std::vector<FileChangeItem>& items, bool cookies) {
         Lines lines;
         for (const FileChangeItem& item : items) {
             EXPECT_EQ(item.isDir, item.path.back() == '/') << item.path;
-            lines.push_back(FileChangeMonitor::convertWatchMaskToString(item.mask).substr(8) +
-                            " " + item.path.substr(data_.size() + 1) +
-                            (cookies && item.cookie ? " #" + std::to_string(item.cookie) : ""));
+            std::string line = FileChangeMonitor::convertWatchMaskToString(item.mask).substr(8) +
+                               " " + item.path.substr(data_.size() + 1);
+            if (cookies && item.cookie) {
+                line += " #" + std::to_string(item.cookie);
+            }
+            for (std::size_t i = 0; cookies && i < item.earlierMoves.size(); ++i) {
+                line += (i == 0 ? " after " : " ") +
+                        FileChangeMonitor::convertWatchMaskToString(item.earlierMoves[i].mask)
+                            .substr(8) +
+                        "#" + std::to_string(item.earlierMoves[i].cookie);
+            }
+            lines.push_back(line);
         }
         return lines;
     }
@@ -175,7 +185,9 @@ TEST_F(FileChangeMonitorTest, EventSequencesFoldIntoTheirItems) {
     } cases[] = {
         {"created then written", {{IN_CREATE, "f"}, {IN_CLOSE_WRITE, "f"}}, {"MODIFY f"}},
         {"created then deleted", {{IN_CREATE, "f"}, {IN_DELETE, "f"}}, {"DELETE f"}},
-        {"moved in then out", {{IN_MOVED_TO, "f", 7}, {IN_MOVED_FROM, "f", 8}}, {"FROM f #8"}},
+        {"moved in then out",
+         {{IN_MOVED_TO, "f", 7}, {IN_MOVED_FROM, "f", 8}},
+         {"FROM f #8 after TO#7"}},
         {"rename", {{IN_MOVED_FROM, "a", 1}, {IN_MOVED_TO, "b", 1}}, {"FROM a #1", "TO b #1"}},
         {"rename onto a path seen earlier",
          {{IN_CLOSE_WRITE, "b"}, {IN_MOVED_FROM, "a", 2}, {IN_MOVED_TO, "b", 2}},
@@ -183,9 +195,19 @@ TEST_F(FileChangeMonitorTest, EventSequencesFoldIntoTheirItems) {
         {"moved away and back",
          {{IN_MOVED_FROM, "a", 1}, {IN_MOVED_TO, "b", 1}, {IN_MOVED_FROM, "b", 2},
           {IN_MOVED_TO, "a", 2}},
-         {"TO a #2", "FROM b #2"}},
-        {"written after a move keeps no cookie",
-         {{IN_MOVED_TO, "f", 3}, {IN_CLOSE_WRITE, "f"}}, {"MODIFY f"}},
+         {"TO a #2 after FROM#1", "FROM b #2 after TO#1"}},
+        // A file renamed and then written, deleted or renamed again within the
+        // quiet second lost its move: its row stayed at the old name.
+        {"written after a move keeps the move, regression",
+         {{IN_MOVED_TO, "f", 3}, {IN_CLOSE_WRITE, "f"}},
+         {"MODIFY f after TO#3"}},
+        {"deleted after a move keeps the move, regression",
+         {{IN_MOVED_FROM, "a", 5}, {IN_MOVED_TO, "b", 5}, {IN_DELETE, "b"}},
+         {"FROM a #5", "DELETE b after TO#5"}},
+        {"renamed twice keeps both moves, regression",
+         {{IN_MOVED_FROM, "a", 1}, {IN_MOVED_TO, "b", 1}, {IN_MOVED_FROM, "b", 2},
+          {IN_MOVED_TO, "c", 2}},
+         {"FROM a #1", "FROM b #2 after TO#1", "TO c #2"}},
         {"directory created and deleted", {{IN_CREATE | D, "gone"}, {IN_DELETE | D, "gone"}},
          {"DELETE gone/"}},
         {"hidden directory dropped, hidden file kept",

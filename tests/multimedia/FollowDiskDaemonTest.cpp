@@ -111,6 +111,13 @@ TEST_F(FollowDiskDaemonTest, RowsFollowFilesAndFoldersChangedWithTheShell) {
     expectRowsFollow("mv d e/ && mv e/d/sub e/d/under && rm -rf gone",
                      "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/e/d/under/four.mp3\n"
                      "h5 ~/e/d/five.mp3\nh6 ~/keep.mp3\nh7 ~/cc/seven.mp3\n");
+    // Within one quiet second: a file renamed then written, one renamed twice,
+    // and a file removed from a folder just moved (the rows once stayed at the
+    // old names, and the subfolder's event was lost with its watch).
+    expectRowsFollow("mv keep.mp3 kept.mp3 && echo more >> kept.mp3 && mv cc/seven.mp3 cc/sept.mp3"
+                     " && mv cc/sept.mp3 cc/sieben.mp3 && mv e f && rm f/d/five.mp3",
+                     "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/f/d/under/four.mp3\n"
+                     "h6 ~/kept.mp3\nh7 ~/cc/sieben.mp3\n");
 }
 
 TEST_F(FollowDiskDaemonTest, RequestsAreAnsweredWhileALargeFolderIsRewritten) {

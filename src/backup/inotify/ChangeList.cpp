@@ -5,6 +5,10 @@ void ChangeList::add(const std::string& path, WatchMask mask, bool isDir, uint32
         indexByPath_.insert(std::make_pair(path, items_.size()));
     if (!slot.second) {
         FileChangeItem& item = items_[slot.first->second];
+        if (item.cookie != 0) {
+            const MoveHalf half = {item.mask, item.cookie};
+            item.earlierMoves.push_back(half);
+        }
         item.mask = mask;
         item.isDir = isDir;
         item.cookie = cookie;

@@ -18,7 +18,8 @@ public:
     virtual ~ChangeList() {}
 
     // Folds one event into the list: overwrites the mask, kind and cookie of
-    // the path's item where there is one (it keeps its place), else appends.
+    // the path's item where there is one (it keeps its place; a move half it
+    // showed goes to its earlier moves), else appends.
     void add(const std::string& path, WatchMask mask, bool isDir, uint32_t cookie);
     void clear();
     bool empty() const { return items_.empty(); }

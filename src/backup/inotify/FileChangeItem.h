@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 // The monitor's own event vocabulary.
 enum WatchMask {
@@ -20,6 +21,12 @@ enum MonitorType {
     MONITOR_TYPE_INOTIFY = 2
 };
 
+// Half of a move that a path took part in.
+struct MoveHalf {
+    WatchMask mask;   // TALVERN_FROM or TALVERN_TO
+    uint32_t cookie;  // the kernel's move cookie
+};
+
 // One entry of a change batch, copied by value.
 struct FileChangeItem {
     FileChangeItem() : mask(static_cast<WatchMask>(0)), isDir(false), cookie(0) {}
@@ -32,6 +39,10 @@ struct FileChangeItem {
     // The kernel's move cookie of the last event, which ties the two halves of
     // one move together; 0 for every event that is not half of a move.
     uint32_t cookie;
+    // The halves of moves the path took part in before its last event, in
+    // their order: a file renamed and then written, deleted or renamed again
+    // within one batch still carries its row through each move.
+    std::vector<MoveHalf> earlierMoves;
 };
 
 #endif

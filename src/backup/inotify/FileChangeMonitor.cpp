@@ -156,6 +156,9 @@ void FileChangeMonitor::addWatchDiskDir(inotify_event* event) {
     if (it == wdToPath_.end()) {
         return;
     }
+    if (event->mask & IN_MOVED_TO) {
+        movedDirs_.erase(event->cookie);
+    }
     scanAndAddWatchDiskDirRecursive(it->second + eventName(event) + "/");
 }
 
@@ -173,15 +176,31 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
         return;
     }
     QLOG(WARNING) << "Folder removed: " << path;
+    if (event->mask & IN_MOVED_FROM) {
+        movedDirs_[event->cookie] = found;
+        return;
+    }
     kernel_->removeWatch(inotifyFd_, found);
     wdToPath_.erase(found);
     pathToWd_.erase(path);
-    // A directory moved away takes its subtree's watches along: left in place
-    // they would name its files by paths that now belong to nobody (or to a
-    // newcomer). A move inside the tree scans the new place afresh.
-    if (event->mask & IN_MOVED_FROM) {
+}
+
+// Left in place, the watches of a directory moved out of the tree would name
+// its files by paths that now belong to nobody (or to a newcomer).
+void FileChangeMonitor::dropDirectoriesMovedOut() {
+    for (boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
+         it != movedDirs_.end(); ++it) {
+        boost::unordered_map<int, std::string>::iterator moved = wdToPath_.find(it->second);
+        if (moved == wdToPath_.end()) {
+            continue;
+        }
+        const std::string path = moved->second;
         removeWatchesBelow(path);
+        kernel_->removeWatch(inotifyFd_, it->second);
+        forgetPath(path, it->second);
+        wdToPath_.erase(it->second);
     }
+    movedDirs_.clear();
 }
 
 void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {
@@ -520,6 +539,7 @@ void FileChangeMonitor::deliverChanges() {
     if (!delayAddDirs_.empty()) {
         delayAddWatchDiskDir();
     }
+    dropDirectoriesMovedOut();
     changesNotified_ = true;
     printAllChanges();
     notifyObserver();

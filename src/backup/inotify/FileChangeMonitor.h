@@ -62,7 +62,12 @@ public:
     // A directory that arrived (IN_CREATE / IN_MOVED_TO with IN_ISDIR) in a
     // watched directory: its whole tree is scanned.
     void addWatchDiskDir(inotify_event* event);
-    // A directory that left (IN_DELETE / IN_MOVED_FROM with IN_ISDIR).
+    // A directory that left (IN_DELETE / IN_MOVED_FROM with IN_ISDIR). A
+    // deleted one loses its watch. A moved one keeps its watches and its
+    // subtree's until the batch is delivered: events queued in the subtree
+    // after the move still find their directories, and the arrival's scan
+    // gives them their new paths. Only a move whose other half has not come
+    // by then (out of the tree) takes the whole subtree's watches down.
     void removeWatchDiskDir(inotify_event* event);
     // A watched directory that went itself (IN_DELETE_SELF).
     void removeWatchDiskDirSelf(inotify_event* event);
@@ -137,6 +142,9 @@ private:
     void forgetPath(const std::string& path, int wd);
     void forgetWatch(int wd);
     void removeWatchesBelow(const std::string& dir);
+    // Takes down the watches of directories that moved out of the tree: the
+    // moves still unpaired in movedDirs_. Before a delivery.
+    void dropDirectoriesMovedOut();
     void watchMissingRoots();
     void noteRefusedWatch(int error);
     bool isRoot(const std::string& pathWithSlash) const;
@@ -149,6 +157,9 @@ private:
     boost::unordered_map<int, std::string> wdToPath_;
     boost::unordered_map<std::string, int> pathToWd_;
     boost::unordered_map<std::string, int> delayAddDirs_;
+    // Directories moved away in the batch being gathered: move cookie ->
+    // their watch descriptor; a directory's arrival takes its entry out.
+    boost::unordered_map<uint32_t, int> movedDirs_;
     // Roots whose own watch is gone (missing at start, or deleted): watched
     // again on a quiet pass once they exist.
     boost::unordered_set<std::string> unwatchedRoots_;
