@@ -27,6 +27,11 @@ const int kExifValueSize = 1024;
 const int kFirstBelievableTmYear = 80;
 // Chunk fed to the EXIF loader; it stops asking once it has the block.
 const size_t kExifReadChunk = 4096;
+// How far into a file the EXIF block is looked for: it follows the start of
+// the image and the other application blocks (JFIF, XMP, an ICC profile),
+// a few hundred KiB at most. The loader takes runs of 0xFF as padding for
+// as long as they last: 300 MB of them held a worker for 8 s.
+const size_t kMaxExifScanBytes = 512 << 10;
 
 // The MIME type a name's suffix tells; no dot needed. true for JPEG.
 bool imageMimeOf(const std::string& name, std::string& mime) {
@@ -66,8 +71,10 @@ ExifData* loadExif(const std::string& path) {
         ExifLoader* loader = exif_loader_new();
         unsigned char chunk[kExifReadChunk];
         ssize_t got;
-        while ((got = read(fd, chunk, sizeof(chunk))) > 0 &&
+        size_t scanned = 0;
+        while (scanned < kMaxExifScanBytes && (got = read(fd, chunk, sizeof(chunk))) > 0 &&
                exif_loader_write(loader, chunk, static_cast<unsigned int>(got)) != 0) {
+            scanned += static_cast<size_t>(got);
         }
         data = exif_loader_get_data(loader);
         exif_loader_unref(loader);

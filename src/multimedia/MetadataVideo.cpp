@@ -2,12 +2,12 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
 }
-#include <sys/stat.h>
 
 #include <boost/lexical_cast.hpp>
 #include <chrono>
 #include <string>
 
+#include "multimedia/ContainerReader.h"
 #include "multimedia/MediaReadGuard.h"
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
@@ -24,32 +24,6 @@ const char* const kMp4FamilyName = "mov,mp4,m4a,3gp,3g2,mj2";
 const size_t kDateTimeSeparatorIndex = 10;
 
 typedef std::chrono::steady_clock Clock;
-
-// libavformat polls this during blocking work; past the deadline it gives up.
-int pastDeadline(void* opaque) {
-    return Clock::now() >= *static_cast<const Clock::time_point*>(opaque) ? 1 : 0;
-}
-
-// Opens path as media: a regular file only (a FIFO or a device could block or
-// never end), through the plain file protocol only (a playlist can't make it
-// read other files or devices), and never for longer than the deadline.
-AVFormatContext* openMedia(const std::string& path, Clock::time_point* deadline) {
-    struct stat info;
-    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return NULL;
-    }
-    AVFormatContext* context = avformat_alloc_context();
-    if (context == NULL) {
-        return NULL;
-    }
-    context->interrupt_callback.callback = pastDeadline;
-    context->interrupt_callback.opaque = deadline;
-    AVDictionary* options = NULL;
-    av_dict_set(&options, "protocol_whitelist", "file", 0);
-    const int rc = avformat_open_input(&context, path.c_str(), NULL, &options);
-    av_dict_free(&options);
-    return rc == 0 ? context : NULL;
-}
 
 // Stream probing decodes frames and costs far more than the open. It can only
 // change what the record takes (the duration and the streams' types) where
@@ -117,8 +91,8 @@ bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPoli
     if (!guard.admitted()) {
         return false;
     }
-    Clock::time_point deadline = Clock::now() + openLimit;
-    AVFormatContext* context = openMedia(path, &deadline);
+    const ContainerReader reader(path, Clock::now() + openLimit);
+    AVFormatContext* context = reader.context();
     if (context == NULL) {
         return false;
     }
@@ -130,7 +104,6 @@ bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPoli
         readDuration(path, context, metadata);
     }
     readCreationTime(context, metadata);
-    avformat_close_input(&context);
     return true;
 }
 

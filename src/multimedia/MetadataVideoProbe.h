@@ -20,8 +20,9 @@ enum StreamInfoPolicy {
 
 // The container part of video extraction: fills metadata.duration and, for the
 // MP4 family, metadata.date from the creation time. false, with the record
-// untouched, when path is not a regular file that libavformat can open within
-// openLimit. Any thread.
+// untouched, when path is not a regular file holding a container that
+// ContainerReader takes within openLimit, or a file listed as unreadable
+// (MediaReadGuard). Any thread.
 bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy,
                    std::chrono::steady_clock::duration openLimit =
                        std::chrono::seconds(Metadata::kOpenDeadlineSeconds));
