@@ -1,5 +1,6 @@
 #include "multimedia/ImageUtil.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <libexif/exif-data.h>
@@ -19,6 +20,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/ImageUtils.h"
@@ -175,6 +177,30 @@ void createParentIfMissing(const std::string& path) {
     createDirectoryIfMissing(boost::filesystem::path(path).parent_path().string());
 }
 
+// true when a folder of path below root (which ends in "/") is a link: the
+// thumbnail tree lies on the user disk, where one can be planted to lead the
+// writes elsewhere.
+bool passesThroughLink(const std::string& root, const std::string& path) {
+    if (path.compare(0, root.size(), root) != 0) {
+        return false;
+    }
+    for (std::string::size_type slash = path.find('/', root.size()); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        struct stat info;
+        if (lstat(path.substr(0, slash).c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A thumbnail made before is a regular file; a link or a FIFO in its place
+// is not one, and is replaced by the new thumbnail.
+bool isMadeThumbnail(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 bool isJpegName(const std::string& path) {
     return CommonUtils::endWith(path, ".jpg") || CommonUtils::endWith(path, ".jpeg");
 }
@@ -252,18 +278,18 @@ bool magickRead(MagickWand* wand, const std::string& path) {
     return done;
 }
 
-// Writes every frame, joined, in the format they were read in. A file left
-// half-written is removed.
+// Writes every frame, joined, in the format they were read in, as the whole
+// new content of path (see ReplacementFile); nothing is left of a failed
+// write.
 bool magickWrite(MagickWand* wand, const std::string& path) {
-    FILE* file = std::fopen(path.c_str(), "wb");
-    if (file == NULL) {
+    ReplacementFile replacement(path);
+    if (replacement.stream() == NULL) {
         return false;
     }
-    bool done = MagickWriteImagesFile(wand, file) == MagickTrue;
-    done = (std::fclose(file) == 0) && done;
+    const bool done = MagickWriteImagesFile(wand, replacement.stream()) == MagickTrue &&
+                      replacement.commit(ImageUtil::kThumbnailMode, false);
     if (!done) {
         logMagickError(wand);
-        File::sDelete(path);
     }
     return done;
 }
@@ -303,6 +329,9 @@ int scaledHeight(int sourceWidth, int sourceHeight, int width) {
 // ---- JPEG resizing and writing ----
 
 int ImageUtil::computeInitialSampleSize(int width, int height, int minSide, int maxPixels) {
+    if ((minSide != -1 && minSide <= 0) || (maxPixels != -1 && maxPixels <= 0)) {
+        return 0;
+    }
     const double w = width;
     const double h = height;
     const int lowBound =
@@ -426,9 +455,14 @@ int ImageUtil::resizeJpeg(const std::string& srcPath, std::string& dstPath,
 
 int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
                                  const std::string& path, int useChunk) {
-    FILE* file = std::fopen(path.c_str(), "wb");
+    ReplacementFile replacement(path);
+    FILE* file = replacement.stream();
     if (file == NULL) {
         QLOG(ERROR) << "open file" << path << " fail";
+        return -1;
+    }
+    if (size == 0) {
+        QLOG(ERROR) << "jpeg file " << path << " is empty, delete it. useChunk is " << useChunk;
         return -1;
     }
     bool written = true;
@@ -442,21 +476,14 @@ int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
     if (written && size > offset) {
         written = std::fwrite(buffer + offset, 1, size - offset, file) == size - offset;
     }
-    written = (std::fclose(file) == 0) && written;
     // A short write (a full disk) would leave a thumbnail that looks usable.
-    if (!written) {
+    if (!written || !replacement.commit(kThumbnailMode, false)) {
         QLOG(ERROR) << "write jpeg file " << path << " fail, delete it";
-        File::sDelete(path);
         return -1;
     }
-    if (File::sGetFileSize(path) != 0) {
-        QLOG(INFO) << "save to jpeg file success, target path is " << path << ", isUseChunk "
-                   << useChunk;
-        return 0;
-    }
-    QLOG(ERROR) << "jpeg file " << path << " is empty, delete it. useChunk is " << useChunk;
-    File::sDelete(path);
-    return -1;
+    QLOG(INFO) << "save to jpeg file success, target path is " << path << ", isUseChunk "
+               << useChunk;
+    return 0;
 }
 
 // ---- Thumbnail pipeline ----
@@ -476,7 +503,7 @@ int prepareTarget(const std::string& path, bool logTargetAsExisting, std::string
     if (thumbPath.empty()) {
         return kTargetFailed;
     }
-    if (File::sExists(thumbPath)) {
+    if (isMadeThumbnail(thumbPath)) {
         QLOG(INFO) << (logTargetAsExisting ? thumbPath : path)
                    << " has resized middle thumbnail, no need to resize again";
         return kTargetDone;
@@ -670,6 +697,10 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
             return thumbPath;
         }
         QLOG(INFO) << "generateThumbPath thumbPath is " << thumbPath;
+    }
+    if (passesThroughLink(config->getThumbnailRootPath(), thumbPath)) {
+        QLOG(ERROR) << "generate thumb path, " << thumbPath << " passes through a link";
+        return std::string();
     }
     createParentIfMissing(thumbPath);
     return thumbPath;

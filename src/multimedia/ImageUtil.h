@@ -4,6 +4,8 @@
 #include <stdio.h>
 
 #include <jpeglib.h>
+#include <sys/types.h>
+
 #include <string>
 
 struct _ExifData;
@@ -66,6 +68,8 @@ public:
 
     // getThumbnail: sources up to this size are copied, not resized.
     static constexpr unsigned long kCopyWithoutResizeSize = 200000;
+    // Mode of a written thumbnail: other components of the device serve it.
+    static constexpr mode_t kThumbnailMode = 0644;
     static constexpr int kJpegMiddleWidth = 1280;
     static constexpr int kJpegMiddleHeight = 720;
     static constexpr int kCommandLineWidth = 400;
@@ -86,7 +90,8 @@ public:
     // ---- JPEG resizing and writing ----
 
     // Sample factor for a width x height source so that the result keeps at
-    // least minSide on its shorter side and at most maxPixels (-1: no bound).
+    // least minSide on its shorter side and at most maxPixels (-1: no bound);
+    // 0 for a bound of 0 or below, which no factor can meet.
     int computeInitialSampleSize(int width, int height, int minSide, int maxPixels);
     // That factor made usable: 1, 2, 4 or 8, above 8 a multiple of 8.
     int computeSampleSize(int width, int height, int minSide, int maxPixels);

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "storage/ReplacementFile.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -38,6 +39,7 @@ struct Slot {
     char crashed[PATH_MAX];
 };
 
+const mode_t kListFileMode = 0644;
 const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[0]);
 
@@ -142,17 +144,12 @@ void storeList(const std::string& path, const std::vector<Entry>& entries) {
     for (const Entry& entry : entries) {
         content += std::to_string(entry.first) + '\t' + entry.second + '\0';
     }
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkstemp(&temporary[0]);
-    if (fd < 0) {
-        QLOG(ERROR) << "can't store the list of unreadable media in " << path;
-        return;
-    }
+    ReplacementFile replacement(path);
     const bool written =
-        write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-    close(fd);
-    if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
-        unlink(temporary.c_str());
+        replacement.stream() != NULL &&
+        fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size() &&
+        replacement.commit(kListFileMode, false);
+    if (!written) {
         QLOG(ERROR) << "can't store the list of unreadable media in " << path;
     }
 }

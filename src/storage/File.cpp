@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "storage/ReplacementFile.h"
 #include "system/Log.h"
 
 namespace fs = boost::filesystem;
@@ -109,26 +110,26 @@ int File::sRawCopyFile(const std::string& from, const std::string& to) {
         logOpenFailure(from);
         return -1;
     }
-    FILE* out = std::fopen(to.c_str(), "wb");
-    if (out == NULL) {
+    // The copy takes the place of whatever stands at to (a link or a FIFO
+    // planted there is replaced, never written through) only once complete.
+    ReplacementFile out(to);
+    if (out.stream() == NULL) {
         logOpenFailure(to);
         std::fclose(in);
         return -1;
     }
     int result = 0;
     try {
-        result = copyBlocks(in, out);
+        result = copyBlocks(in, out.stream());
     } catch (const boost::thread_interrupted&) {
         QLOG(ERROR) << "copy thread interrupted";
         std::fclose(in);
-        std::fclose(out);
-        fs::remove(to);
         return 1;
     }
     std::fclose(in);
-    std::fclose(out);
-    if (result == 0) {
-        chmod(to.c_str(), 0777);
+    if (result == 0 && !out.commit(kCopiedFileMode, false)) {
+        logOpenFailure(to);
+        return -1;
     }
     return result;
 }

@@ -4,20 +4,23 @@
 #include <stdint.h>
 
 #include <boost/filesystem.hpp>
+#include <sys/types.h>
+
 #include <string>
 
 #include "storage/ErrorCode.h"
 
 namespace talvern {
 
-// Static file helpers. No file-system exception leaves them, except the one
-// from removing a cancelled copy's destination (sRawCopyFile). Any thread.
+// Static file helpers. No file-system exception leaves them. Any thread.
 class File {
 public:
     // Free space a copy needs beyond the source's size.
     static const uint64_t kCopyFreeSpaceMargin = 10485760;
     // Bytes moved per step of the copy loop; the cancellation latency.
     static const size_t kCopyBlockSize = 1024;
+    // Mode of a finished copy.
+    static constexpr mode_t kCopiedFileMode = 0777;
 
     virtual ~File() {}
 
@@ -29,8 +32,10 @@ public:
     static boost::filesystem::space_info sGetDiskSpaceInfo(const std::string& path);
     // Removes a file; a directory is left in place and reported as success.
     static ErrorCode sDelete(const std::string& path);
-    // Copies in blocks: 0 copied, -1 open or write failed, -2 not enough free
-    // space, 1 the calling boost::thread was interrupted (no destination left).
+    // Copies in blocks into a new file that then takes the place of to (a
+    // link or FIFO planted at to is replaced, never written through): 0
+    // copied, -1 open or write failed, -2 not enough free space, 1 the
+    // calling boost::thread was interrupted (to left as it was).
     static int sRawCopyFile(const std::string& from, const std::string& to);
     // sRawCopyFile with its result as API code: 0, 1005, 1040 or 1061.
     static ErrorCode sCopy(const std::string& from, const std::string& to);

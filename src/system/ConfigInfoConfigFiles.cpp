@@ -1,14 +1,11 @@
-#include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
 #include <stdexcept>
 
 #include "storage/File.h"
+#include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
 #include "system/Log.h"
 
@@ -32,26 +29,16 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
 // it.
 const mode_t kConfigFileMode = 0644;
 
-// Writes config to a new file beside path, synced, then renamed over path:
-// a power cut leaves the old file or the new one, never half of one, and a
-// link or FIFO planted at path is replaced, never written through.
+// Written beside path, synced, then renamed over it: a power cut leaves the
+// old file or the new one, never half of one, and a link or FIFO planted at
+// path is replaced, never written through.
 void replaceFile(const libconfig::Config& config, const std::string& path) {
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkstemp(&temporary[0]);
-    if (fd < 0) {
-        throw std::runtime_error("can't create " + temporary);
+    ReplacementFile replacement(path);
+    if (replacement.stream() == NULL) {
+        throw std::runtime_error("can't create a file beside " + path);
     }
-    FILE* out = fdopen(fd, "w");
-    if (out == NULL) {
-        close(fd);
-        unlink(temporary.c_str());
-        throw std::runtime_error("can't write " + temporary);
-    }
-    config.write(out);
-    const bool written = fflush(out) == 0 && fchmod(fd, kConfigFileMode) == 0 && fsync(fd) == 0;
-    const bool closed = fclose(out) == 0;
-    if (!written || !closed || rename(temporary.c_str(), path.c_str()) != 0) {
-        unlink(temporary.c_str());
+    config.write(replacement.stream());
+    if (!replacement.commit(kConfigFileMode, true)) {
         throw std::runtime_error("can't replace " + path);
     }
 }

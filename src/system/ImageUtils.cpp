@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
+#include <cctype>
 #include <cerrno>
 #include <sstream>
 #include <vector>
 
+#include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
 
@@ -26,6 +28,25 @@ std::string commandLineName(const std::string& path) {
     return "./" + path;
 }
 
+// How convert is told to write the new file beside target: the new file's
+// name does not end in target's extension, so the format goes in front.
+std::string outputName(const std::string& target, const ReplacementFile& replacement) {
+    const std::string::size_type slash = target.rfind('/');
+    const std::string::size_type dot = target.rfind('.');
+    const std::string name = commandLineName(replacement.temporaryPath());
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+        dot + 1 == target.size()) {
+        return name;
+    }
+    const std::string extension = target.substr(dot + 1);
+    for (char c : extension) {
+        if (!isalnum(static_cast<unsigned char>(c))) {
+            return name;
+        }
+    }
+    return extension + ":" + name;
+}
+
 // The geometry identify printed behind name, as width and height; false (and
 // logged) when it can't be read.
 bool readGeometry(const std::string& output, const std::string& name, unsigned int& width,
@@ -35,7 +56,14 @@ bool readGeometry(const std::string& output, const std::string& name, unsigned i
         QLOG(INFO) << "image attributes missing, the content is: " << output;
         return false;
     }
-    const std::string::size_type behind = at + name.size() + 1;
+    // An image of several frames (an animated GIF, a multi-page TIFF) is
+    // listed frame by frame as "name[0] ...": the first frame's line counts.
+    std::string::size_type behind = at + name.size();
+    if (behind < output.size() && output[behind] == '[') {
+        const std::string::size_type close = output.find(']', behind);
+        behind = close == std::string::npos ? output.size() : close + 1;
+    }
+    ++behind;
     const std::string remainder = behind < output.size() ? output.substr(behind) : std::string();
     QLOG(INFO) << "the content change to" << remainder;
     const std::vector<std::string> parts = CommonUtils::splitString(remainder, " ");
@@ -120,11 +148,21 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
         return kResizeRefused;
     }
 
+    // convert writes a new file beside the target, which then takes its
+    // place: a link or FIFO planted at the target is never written through.
+    ReplacementFile replacement(target);
+    if (replacement.stream() == NULL) {
+        QLOG(INFO) << "resize image, can't write beside " << target;
+        return kResizeFailed;
+    }
     std::ostringstream command;
     command << "convert -define jpeg:size=80x80 " << sQuoteForShell(name) << " -thumbnail "
-            << width << "x" << height << " " << sQuoteForShell(commandLineName(target));
+            << width << "x" << height << " " << sQuoteForShell(outputName(target, replacement));
     QLOG(INFO) << "resize image command is: " << command.str();
-    return CommonUtils::sCallSystem(command.str()) == 0 ? kResizeDone : kResizeFailed;
+    return CommonUtils::sCallSystem(command.str()) == 0 &&
+                   replacement.commit(kResizedFileMode, false)
+               ? kResizeDone
+               : kResizeFailed;
 }
 
 }  // namespace talvern

@@ -3,6 +3,8 @@
 
 #include <stdio.h>
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace talvern {
@@ -17,6 +19,8 @@ public:
     static constexpr int kResizeRefused = 2;
     // Longest side resizeImage accepts; 2001 is refused.
     static constexpr unsigned int kMaxSide = 2000;
+    // Mode of a resized file: other components of the device serve it.
+    static constexpr mode_t kResizedFileMode = 0644;
 
     virtual ~ImageUtils() {}
 

@@ -4,12 +4,16 @@
 #include <boost/thread/thread.hpp>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "multimedia/ImageTestImages.h"
 #include "multimedia/ImageUtil.h"
+#include "storage/File.h"
 #include "support/DeviceRootTest.h"
 #include "system/ConfigInfo.h"
+#include "system/ImageUtils.h"
 
 using talvern::ConfigInfo;
 using talvern::ImageUtil;
@@ -32,8 +36,8 @@ Resized resize(ImageUtil& util, const std::string& source, std::string target, i
     Resized r{0, false, 1, ""};
     unsigned char* buffer = reinterpret_cast<unsigned char*>(1);
     int sw = -7, sh = -7, ow = -7, oh = -7;
-    r.result = util.resizeJpeg(source, target, &buffer, &r.size, &sw, &sh, side, otherSide, &ow,
-                               &oh, 0);
+    r.result =
+        util.resizeJpeg(source, target, &buffer, &r.size, &sw, &sh, side, otherSide, &ow, &oh, 0);
     r.buffer = buffer != NULL;
     r.sizes = std::to_string(sw) + "x" + std::to_string(sh) + " " + std::to_string(ow) + "x" +
               std::to_string(oh);
@@ -53,8 +57,7 @@ protected:
 
     // A red/blue picture in dir_, its format told by the name, with an EXIF
     // thumbnail of that orientation (none for 0).
-    std::string photo(const std::string& name, int width, int height, bool noisy,
-                      int orientation) {
+    std::string photo(const std::string& name, int width, int height, bool noisy, int orientation) {
         const std::string file = dir_ + "/" + name;
         EXPECT_TRUE(makeRedBlue(file, width, height, noisy, "-depth 8"));
         EXPECT_TRUE(orientation == 0 || addExifThumbnail(file, orientation, dir_));
@@ -73,12 +76,18 @@ TEST(ImageUtilSampleSize, Table) {
     struct Case {
         int width, height, side, pixels, factor;
     } const cases[] = {
-        {1280, 720, 1280, 921600, 1},    {1281, 721, 1280, 921600, 2},
-        {3264, 2448, 1280, 921600, 4},   {6000, 4000, 1280, 921600, 8},
-        {10000, 10000, 1280, 921600, 16}, {5000, 5000, -1, -1, 1},
+        {1280, 720, 1280, 921600, 1},
+        {1281, 721, 1280, 921600, 2},
+        {3264, 2448, 1280, 921600, 4},
+        {6000, 4000, 1280, 921600, 8},
+        {10000, 10000, 1280, 921600, 16},
+        {5000, 5000, -1, -1, 1},
         {5000, 5000, -1, 1000000, 8},  // only a pixel bound
         {3000, 4000, 1000, -1, 4},     // only a side bound
         {17000, 17000, 1000, -1, 24},  // above 8: up to a multiple of 8
+        // A target of 0 once turned a division by zero into an int.
+        {3000, 4000, 0, 921600, 1},
+        {3000, 4000, 1280, 0, 1},
     };
     ImageUtil util;
     for (const Case& c : cases) {
@@ -155,11 +164,15 @@ TEST_F(ImageUtilThumbnailTest, BadJpegSourcesFailWithTheirReason) {
         std::string line;
         int severity = google::GLOG_ERROR;
     } const cases[] = {
-        {"cmyk.jpg", decoder}, {"mid-scan.jpg", decoder}, {"text.jpg", decoder},
+        {"cmyk.jpg", decoder},
+        {"mid-scan.jpg", decoder},
+        {"text.jpg", decoder},
         {"huge.jpg", decoder + "Backing store not supported"},
         {"scans.jpg", "jpeg has more than 100 scans, give up"},
-        {"wide.jpg", "image too large, jpeg width is 10001 and jpeg height is 16", google::GLOG_INFO},
-        {"tall.jpg", "image too large, jpeg width is 16 and jpeg height is 10001", google::GLOG_INFO},
+        {"wide.jpg", "image too large, jpeg width is 10001 and jpeg height is 16",
+         google::GLOG_INFO},
+        {"tall.jpg", "image too large, jpeg width is 16 and jpeg height is 10001",
+         google::GLOG_INFO},
         {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
     };
     const auto start = std::chrono::steady_clock::now();
@@ -186,7 +199,8 @@ TEST_F(ImageUtilThumbnailTest, TwoThreadsResizeJpegsAtOnce) {
             for (int i = 0; i < 10; ++i) {
                 const bool isGood = (i + t) % 2 == 0;
                 const std::string target = dir_ + "/t" + std::to_string(t) + ".jpg";
-                rightResults[t] += (resize(util, isGood ? good : bad, target).result == 0) == isGood;
+                rightResults[t] +=
+                    (resize(util, isGood ? good : bad, target).result == 0) == isGood;
             }
         });
     }
@@ -230,15 +244,14 @@ TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
                        {8, 270, "120x160", "BBRR"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.orientation);
-        const std::string source = photo(std::to_string(c.orientation) + ".jpg", 640, 480, false,
-                                         c.orientation);
+        const std::string source =
+            photo(std::to_string(c.orientation) + ".jpg", 640, 480, false, c.orientation);
         std::string thumb;
         EXPECT_EQ(0, util_.getThumbnail(source, thumb, THUMBNAIL_SMALL, "", 0));
         EXPECT_EQ(smallRoot_ + source, thumb);
         EXPECT_EQ(c.geometry, geometryOf(thumb));
         EXPECT_EQ(c.quarters, quarters(thumb));
-        EXPECT_EQ(1, log_.count("get " + source + " orientation is " +
-                                std::to_string(c.degrees)));
+        EXPECT_EQ(1, log_.count("get " + source + " orientation is " + std::to_string(c.degrees)));
     }
 }
 
@@ -334,8 +347,8 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
     const std::string source = photo("a.jpg", 64, 48, false, 1);
     const std::string climbing = dir_ + "/../../../../../../../../../../../.." + source;
     EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, THUMBNAIL_SMALL, "", 0));
-    EXPECT_EQ(1, log_.count("generate thumb path, " + climbing +
-                            " would leave the thumbnail tree"));
+    EXPECT_EQ(1,
+              log_.count("generate thumb path, " + climbing + " would leave the thumbnail tree"));
     EXPECT_EQ("", util_.generateThumbPath("photos/a.png", THUMBNAIL_SMALL, ""));
     for (const std::string& hash : {std::string("a"), std::string("../../../x")}) {
         EXPECT_EQ(-1, util_.getThumbnail(source, thumb, THUMBNAIL_MIDDLE, hash, 0));
@@ -377,8 +390,8 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
         SCOPED_TRACE(c.path);
         EXPECT_EQ(0, (util_.*c.op)(c.path, c.width, &width, &height, thumb));
         EXPECT_EQ(smallRoot_ + c.path, thumb);
-        EXPECT_EQ(c.sizes, std::to_string(width) + "x" + std::to_string(height) + " " +
-                               geometryOf(thumb));
+        EXPECT_EQ(c.sizes,
+                  std::to_string(width) + "x" + std::to_string(height) + " " + geometryOf(thumb));
         EXPECT_EQ(c.quarters, quarters(thumb));
     }
     EXPECT_EQ(1, log_.count("use libpng read png " + still + " and its width=300 height=200"));
@@ -391,8 +404,8 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
     writeAll(other, "GIF89a not a png");
     ASSERT_TRUE(makeImage("-size 8x8 xc:red", dir_ + "/one.gif"));
     writeAll(many, repeatedGif(readAll(dir_ + "/one.gif"), ImageUtil::kMagickMaxFrames + 1));
-    ASSERT_TRUE(makeImage("-size " + std::to_string(ImageUtil::kMagickMaxSide + 1) + "x1 xc:red",
-                          wideGif));
+    ASSERT_TRUE(
+        makeImage("-size " + std::to_string(ImageUtil::kMagickMaxSide + 1) + "x1 xc:red", wideGif));
     struct Refused {
         Resize op;
         std::string path, line;
@@ -411,4 +424,63 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
         EXPECT_TRUE(log_.contains(c.line));
         EXPECT_FALSE(exists(smallRoot_ + c.path));
     }
+}
+
+// The thumbnail tree lies on the user disk, where links and FIFOs can be
+// planted: a write went through a link into the file it named, and a FIFO
+// held the writer for ever. Every write route now replaces what stands at
+// its target, and a path through a folder of the tree that is a link is
+// refused.
+TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroughRegression) {
+    alarm(60);  // a write that waits on a FIFO ends the test
+    const std::string outside = root() + "/outside.txt", nowhere = root() + "/nowhere";
+    writeAll(outside, "outside");
+    const std::string png = photo("src.png", 300, 200, false, 0);
+    const std::string bytes = "jpeg bytes";
+    const std::pair<std::string, std::function<bool(const std::string&)>> routes[] = {
+        {"jpeg",
+         [&](const std::string& target) {
+             return util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(bytes.data()),
+                                            bytes.size(), target, 0) == 0;
+         }},
+        {"copy", [&](const std::string& target) { return talvern::File::sCopy(png, target).ok(); }},
+        {"convert",
+         [&](const std::string& target) {
+             return talvern::ImageUtils().resizeImage(png, target, 40, 30) ==
+                    talvern::ImageUtils::kResizeDone;
+         }},
+        {"magick",
+         [&](const std::string& target) {
+             int width = 0, height = 0;
+             std::string thumb;
+             return util_.resizePng(png, 100, &width, &height, thumb) == 0 && thumb == target;
+         }},
+    };
+    for (const auto& route : routes) {
+        for (const std::string plant : {"link", "dangling", "fifo"}) {
+            SCOPED_TRACE(route.first + " onto a " + plant);
+            const std::string target =
+                route.first == "magick" ? smallRoot_ + png : dir_ + "/" + route.first + ".png";
+            ASSERT_EQ(0,
+                      shell("mkdir -p \"$(dirname '" + target + "')\" && rm -f '" + target + "'"));
+            if (plant == "fifo") {
+                ASSERT_EQ(0, mkfifo(target.c_str(), 0644));
+            } else {
+                ASSERT_EQ(0,
+                          symlink((plant == "link" ? outside : nowhere).c_str(), target.c_str()));
+            }
+            EXPECT_TRUE(route.second(target));
+            struct stat info;
+            EXPECT_TRUE(lstat(target.c_str(), &info) == 0 && S_ISREG(info.st_mode));
+            EXPECT_EQ("outside", readAll(outside));
+            EXPECT_FALSE(exists(nowhere));
+        }
+    }
+    // A folder of the tree that is a link leads nowhere.
+    const std::string elsewhere = root() + "/elsewhere";
+    ASSERT_EQ(0, shell("mkdir -p '" + elsewhere + "' '" + middleRoot_ + "' && ln -s '" + elsewhere +
+                       "' '" + middleRoot_ + "/ab'"));
+    EXPECT_EQ("", util_.generateThumbPath(png, THUMBNAIL_MIDDLE, "abcdef"));
+    EXPECT_TRUE(log_.contains("passes through a link", google::GLOG_ERROR));
+    EXPECT_EQ(0, shell("test -z \"$(ls -A '" + elsewhere + "')\""));
 }

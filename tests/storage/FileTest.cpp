@@ -1,10 +1,12 @@
-#include "storage/File.h"
-
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <boost/filesystem.hpp>
 #include <boost/thread.hpp>
 
 #include "storage/Directory.h"
+#include "storage/File.h"
 #include "support/DeviceRootTest.h"
 
 using talvern::Directory;
@@ -17,6 +19,13 @@ protected:
     unsigned int modeOf(const std::string& file) const {
         struct stat info;
         return stat(file.c_str(), &info) == 0 ? info.st_mode & 0777u : 0u;
+    }
+    int entries(const std::string& folder) const {
+        int count = 0;
+        for (boost::filesystem::directory_iterator it(path(folder)), end; it != end; ++it) {
+            ++count;
+        }
+        return count;
     }
 };
 
@@ -53,12 +62,17 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
 }
 
 TEST(DirectoryAncestor, ComparesWholeComponents) {
-    const struct { const char* ancestor; const char* path; bool expected; } cases[] = {
+    const struct {
+        const char* ancestor;
+        const char* path;
+        bool expected;
+    } cases[] = {
         {"/a/b", "/a/bc", false}, {"/a/b/", "/a/b/c", true}, {"/a/b", "/a/b/c/", true},
-        {"/a/b/", "/a/b", true},  {"", "/a", false},        {"/a/B", "/a/b/c", false},
+        {"/a/b/", "/a/b", true},  {"", "/a", false},         {"/a/B", "/a/b/c", false},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(c.expected, Directory::sIsAncestorPath(c.ancestor, c.path)) << c.ancestor << " " << c.path;
+        EXPECT_EQ(c.expected, Directory::sIsAncestorPath(c.ancestor, c.path))
+            << c.ancestor << " " << c.path;
     }
 }
 
@@ -76,23 +90,35 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
               File::sCopy(path("/src.bin"), path("/no/such/dir/dst")).apiError());
     EXPECT_TRUE(log_.contains("copy error: No space left on device , from " + path("/src.bin"),
                               google::GLOG_ERROR));
-    if (File::sExists("/dev/full")) {
-        EXPECT_EQ(-1, File::sRawCopyFile(path("/src.bin"), "/dev/full"));
-        EXPECT_TRUE(log_.contains("copy file bytes_in=", google::GLOG_ERROR));
-    }
+    // A write cut short (a full disk, here a file size limit) leaves the old
+    // destination in place.
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+    struct rlimit small = saved;
+    small.rlim_cur = 1000;
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    const int cut = File::sRawCopyFile(path("/src.bin"), path("/dst.bin"));
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+    EXPECT_EQ(-1, cut);
+    EXPECT_TRUE(log_.contains("copy file bytes_in=", google::GLOG_ERROR));
+    EXPECT_EQ(content, readFile("/dst.bin"));
 }
 
-TEST_F(FileTest, InterruptedCopyLeavesNoDestination) {
+TEST_F(FileTest, InterruptedCopyLeavesTheDestinationAsItWas) {
     // /dev/zero never ends, so the copy loops until it is interrupted.
     talvern::ErrorCode result;
-    boost::thread copier([this, &result] { result = File::sCopy("/dev/zero", path("/dst")); });
-    while (!File::sExists(path("/dst"))) {
+    writeFile("/copy/dst", "old");
+    boost::thread copier([this, &result] { result = File::sCopy("/dev/zero", path("/copy/dst")); });
+    // The copy goes to a new file beside the destination first.
+    while (entries("/copy") < 2) {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
     }
     copier.interrupt();
     copier.join();
     EXPECT_EQ(COPY_CANCELLED, result.apiError());
-    EXPECT_FALSE(File::sExists(path("/dst")));
+    EXPECT_EQ("old", readFile("/copy/dst"));
+    EXPECT_EQ(1, entries("/copy")) << "the new file is gone";
     EXPECT_EQ(1, log_.count("copy thread interrupted", google::GLOG_ERROR));
 }
 

@@ -1,0 +1,55 @@
+#include "storage/ReplacementFile.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace talvern {
+
+namespace {
+
+// A hidden name beside path, unique to this write.
+std::string temporaryPattern(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    return folder + "." + name + ".XXXXXX";
+}
+
+}  // namespace
+
+ReplacementFile::ReplacementFile(const std::string& path)
+    : path_(path), temporary_(temporaryPattern(path)), stream_(NULL), committed_(false) {
+    const int fd = mkstemp(&temporary_[0]);
+    if (fd < 0) {
+        temporary_.clear();
+        return;
+    }
+    stream_ = fdopen(fd, "wb");
+    if (stream_ == NULL) {
+        close(fd);
+    }
+}
+
+ReplacementFile::~ReplacementFile() {
+    if (stream_ != NULL) {
+        fclose(stream_);
+    }
+    if (!committed_ && !temporary_.empty()) {
+        unlink(temporary_.c_str());
+    }
+}
+
+bool ReplacementFile::commit(mode_t mode, bool sync) {
+    if (stream_ == NULL) {
+        return false;
+    }
+    const int fd = fileno(stream_);
+    bool done = fflush(stream_) == 0 && fchmod(fd, mode) == 0 && (!sync || fsync(fd) == 0);
+    done = fclose(stream_) == 0 && done;
+    stream_ = NULL;
+    committed_ = done && rename(temporary_.c_str(), path_.c_str()) == 0;
+    return committed_;
+}
+
+}  // namespace talvern

@@ -1,0 +1,43 @@
+#ifndef QUORVIA_STORAGE_REPLACEMENTFILE_H
+#define QUORVIA_STORAGE_REPLACEMENTFILE_H
+
+#include <stdio.h>
+#include <sys/types.h>
+
+#include <string>
+
+namespace talvern {
+
+// The new content of a file, written where the disk's other writers can't
+// lead it: a new file is made beside path (exclusively, so never through a
+// link), and commit renames it over path. A link, a FIFO or a half-written
+// file at path is replaced whole; nothing is ever written through it or
+// waited on. Without commit the new file is removed. One thread at a time.
+class ReplacementFile {
+public:
+    explicit ReplacementFile(const std::string& path);
+    virtual ~ReplacementFile();
+
+    // Where to write; NULL when the new file could not be made (the reason
+    // is in errno).
+    FILE* stream() const { return stream_; }
+    // The new file's name, for a tool that writes by name.
+    const std::string& temporaryPath() const { return temporary_; }
+    // Gives the written file mode, flushes it (to the disk too when sync),
+    // and renames it over path. false, with the new file removed, when any
+    // step failed.
+    bool commit(mode_t mode, bool sync);
+
+private:
+    ReplacementFile(const ReplacementFile&);
+    ReplacementFile& operator=(const ReplacementFile&);
+
+    std::string path_;
+    std::string temporary_;
+    FILE* stream_;
+    bool committed_;
+};
+
+}  // namespace talvern
+
+#endif
