@@ -2,7 +2,6 @@
 // and list readers answer (empty when the file doesn't parse), and the
 // string reader answers or throws libconfig's parse exception, as its
 // callers expect; nothing else leaves them.
-#include <glog/logging.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,34 +9,17 @@
 #include <libconfig.h++>
 #include <string>
 
+#include "FuzzRoot.h"
 #include "system/ConfigInfo.h"
 
-namespace {
-
-std::string& rootPath() {
-    static std::string root;
-    return root;
-}
-
-void removeRoot() { system(("rm -rf '" + rootPath() + "'").c_str()); }
-
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FLAGS_minloglevel = google::GLOG_FATAL;
-    char pattern[] = "/tmp/quorvia-fuzz-config-XXXXXX";
-    if (mkdtemp(pattern) == NULL) {
-        abort();
-    }
-    rootPath() = pattern;
-    atexit(removeRoot);
-    setenv("QUORVIA_ROOT", pattern, 1);
+    quorvia_fuzz::privateRoot("config");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const std::string file = rootPath() + "/fuzz.cfg";
+    const std::string file = quorvia_fuzz::rootPath() + "/fuzz.cfg";
     FILE* out = fopen(file.c_str(), "wb");
     if (out == NULL || fwrite(text.data(), 1, text.size(), out) != text.size()) {
         abort();

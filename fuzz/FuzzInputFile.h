@@ -10,7 +10,7 @@
 
 namespace quorvia_fuzz {
 
-// A private folder for targets that read their input from a file: in.jpg
+// A private folder for targets that read their input from a file: in.SUFFIX
 // holds each input, out.jpg is where the code under test may write. Logging
 // is silenced so that the fuzzer's own output stays readable.
 class FuzzInputFile {
@@ -18,13 +18,13 @@ public:
     virtual ~FuzzInputFile() {}
 
     // Once, from LLVMFuzzerInitialize; aborts when /tmp is unusable.
-    void create(const char* name) {
+    void create(const char* name, const char* suffix = "jpg") {
         FLAGS_minloglevel = google::GLOG_FATAL;
         std::string pattern = std::string("/tmp/quorvia-fuzz-") + name + "-XXXXXX";
         if (mkdtemp(&pattern[0]) == NULL) {
             abort();
         }
-        source_ = pattern + "/in.jpg";
+        source_ = pattern + "/in." + suffix;
         target_ = pattern + "/out.jpg";
     }
 

@@ -4,7 +4,6 @@
 // lives in a private device root; paths in the requests are used as given,
 // so a request may read any file of this machine as media, which is what the
 // daemon does too.
-#include <glog/logging.h>
 #include <json-c/json.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -12,17 +11,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "FuzzRoot.h"
 #include "api/ApiErrorCode.h"
 #include "api/QuorviaAPIMapping.h"
 
 namespace {
-
-std::string& rootPath() {
-    static std::string root;
-    return root;
-}
-
-void removeRoot() { system(("rm -rf '" + rootPath() + "'").c_str()); }
 
 void checkAnswer(const std::string& answer) {
     if (answer.empty()) {
@@ -41,14 +34,7 @@ void checkAnswer(const std::string& answer) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FLAGS_minloglevel = google::GLOG_FATAL;
-    char pattern[] = "/tmp/quorvia-fuzz-router-XXXXXX";
-    if (mkdtemp(pattern) == NULL) {
-        abort();
-    }
-    rootPath() = pattern;
-    atexit(removeRoot);
-    setenv("QUORVIA_ROOT", pattern, 1);
+    quorvia_fuzz::privateRoot("router");
     return 0;
 }
 

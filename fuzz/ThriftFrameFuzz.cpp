@@ -2,7 +2,6 @@
 // them, with the daemon's handler behind it: a message is answered, or
 // refused with one of Thrift's own exceptions, and nothing else leaves it.
 // The handler's store lives in a private device root.
-#include <glog/logging.h>
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -12,6 +11,7 @@
 #include <thrift/TOutput.h>
 #include <thrift/transport/TBufferTransports.h>
 
+#include "FuzzRoot.h"
 #include "Talvern.h"
 #include "thriftwrapper/QuorviaHandler.h"
 #include "thriftwrapper/QuorviaServer.h"
@@ -21,25 +21,11 @@ namespace {
 using apache::thrift::TException;
 using apache::thrift::transport::TMemoryBuffer;
 
-std::string& rootPath() {
-    static std::string root;
-    return root;
-}
-
-void removeRoot() { system(("rm -rf '" + rootPath() + "'").c_str()); }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FLAGS_minloglevel = google::GLOG_FATAL;
     apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
-    char pattern[] = "/tmp/quorvia-fuzz-frame-XXXXXX";
-    if (mkdtemp(pattern) == NULL) {
-        abort();
-    }
-    rootPath() = pattern;
-    atexit(removeRoot);
-    setenv("QUORVIA_ROOT", pattern, 1);
+    quorvia_fuzz::privateRoot("frame");
     return 0;
 }
 

@@ -20,6 +20,7 @@
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataVideoProbe.h"
 #include "support/DeviceRootTest.h"
+#include "support/PeakMemory.h"
 
 using talvern::Metadata;
 using talvern::metadata_s;
@@ -27,17 +28,6 @@ using talvern::metadata_s;
 namespace {
 
 const long kDefault = 1600000000;
-
-long peakResidentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, 6, "VmHWM:") == 0) {
-            return atol(line.c_str() + 6);
-        }
-    }
-    return -1;
-}
 
 std::string be32(uint32_t value) {
     const uint32_t big = htonl(value);
@@ -127,10 +117,10 @@ TEST_F(HostileMediaTest, DeclaredTablesAndEndlessPaddingCostBoundedMemoryAndRead
                                be32(entries);
     const std::string sparse = write("sparse.mp4", header);
     ASSERT_EQ(0, truncate(sparse.c_str(), 20 + 16 + stco));
-    const long before = peakResidentKiB();
+    const long before = quorvia_test::peakResidentKiB();
     const metadata_s metadata = video(sparse);
     EXPECT_EQ("", metadata.duration);
-    EXPECT_LT(peakResidentKiB() - before, 160 * 1024);
+    EXPECT_LT(quorvia_test::peakResidentKiB() - before, 160 * 1024);
 
     // A date past the first 512 KiB of padding is not looked for.
     ASSERT_EQ(0, shell("cd " + root() +

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/PeakMemory.h"
 #include "thriftwrapper/QuorviaServer.h"
 #include "thriftwrapper/RawConnection.h"
 
@@ -102,25 +103,14 @@ TEST_F(QuorviaServerTest, AFrameBeyondTheLimitClosesOnlyItsConnection) {
     }
 }
 
-long peakResidentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, 6, "VmHWM:") == 0) {
-            return atol(line.c_str() + 6);
-        }
-    }
-    return -1;
-}
-
 // A call without the version word starts with its name's length: a frame of
 // seven bytes that declared 1.8 GB made a worker allocate and clear it.
 TEST_F(QuorviaServerTest, ANameLongerThanItsFrameIsRefusedUnreadRegression) {
-    const long before = peakResidentKiB();
+    const long before = quorvia_test::peakResidentKiB();
     RawConnection connection(port_);
     ASSERT_TRUE(connection.send(frame(i32(1862664303) + "abc")));
     EXPECT_TRUE(connection.closedByPeer());
-    EXPECT_LT(peakResidentKiB() - before, 64 * 1024);
+    EXPECT_LT(quorvia_test::peakResidentKiB() - before, 64 * 1024);
     EXPECT_EQ(reply("next"), call("next"));
 }
 
