@@ -262,6 +262,9 @@ MediaReadGuard::MediaReadGuard(const std::string& path) : slot_(-1), admitted_(!
         return;
     }
     // A marker that can't be written leaves the read unmarked, not refused.
+    // It is not synced: it has to outlive the process, not the machine (the
+    // next start reads it from the page cache), and a sync per read would
+    // cost more than most reads; a power cut only loses a suspect.
     if (pwrite(gSlots[slot_].fd, path.data(), path.size(), 0) ==
         static_cast<ssize_t>(path.size())) {
         tSlot = slot_;
