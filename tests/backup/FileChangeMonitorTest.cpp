@@ -7,6 +7,7 @@
 
 #include <boost/chrono.hpp>
 #include <boost/filesystem.hpp>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <stdexcept>
@@ -43,14 +44,21 @@ public:
         return wd != 0 ? wd : (wd = ++nextWd);
     }
     virtual int removeWatch(int, int) { return 0; }
-    virtual int waitReadable(int, int) { return 0; }
-    virtual ssize_t read(int, char*, std::size_t) {
-        errno = EAGAIN;
-        return -1;
+    virtual int waitReadable(int, int) { return queued.empty() ? 0 : 1; }
+    virtual ssize_t read(int, char* buffer, std::size_t size) {
+        if (queued.empty() || queued.front().size() > size) {
+            errno = EAGAIN;
+            return -1;
+        }
+        const std::string bytes = queued.front();
+        queued.pop_front();
+        memcpy(buffer, bytes.data(), bytes.size());
+        return static_cast<ssize_t>(bytes.size());
     }
     virtual void close(int) {}
 
     int initErrno;
+    std::deque<std::string> queued;     // what read() hands out, one per call
     std::map<std::string, int> refuse;  // path with "/" -> errno
     std::map<std::string, int> wds;
     int nextWd;
@@ -321,6 +329,47 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
                                   std::string(strerror(EMFILE)),
                               google::GLOG_ERROR));
     EXPECT_TRUE(without.watchedPaths().empty());
+}
+
+// A copy that never left a quiet second kept every path in the list until
+// it ended (200,000 files cost 49 MB): the list is delivered in slices.
+TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
+    start(false);
+    const int files = 25000, perRead = 1000;
+    for (int first = 0; first < files; first += perRead) {
+        std::vector<Event> events;
+        for (int i = first; i < first + perRead; ++i) {
+            events.push_back(Event(IN_CREATE, "f" + std::to_string(i)));
+        }
+        fake_->queued.push_back(records(fake_->wds[data_ + "/"], events));
+    }
+    std::size_t delivered = 0;
+    for (int pass = 0; pass < 10; ++pass) {
+        monitor_->runPass();
+    }
+    for (const std::vector<FileChangeItem>& batch : observer_->batches) {
+        EXPECT_LE(batch.size(), FileChangeMonitor::kMaxBatchItems);
+        delivered += batch.size();
+    }
+    EXPECT_EQ(3u, observer_->batches.size());
+    EXPECT_EQ(static_cast<std::size_t>(files), delivered);
+}
+
+// A data folder that refused its watch was tried, and logged, every second
+// for ever.
+TEST_F(FileChangeMonitorTest, ARootThatRefusesItsWatchIsTriedLessAndLessOftenRegression) {
+    fake_->refuse[data_ + "/"] = EACCES;
+    start(false);
+    for (int pass = 0; pass < 40; ++pass) {
+        monitor_->runPass();
+    }
+    // At the start, then after quiet passes 1, 3, 6, 11, 20 and 37.
+    EXPECT_EQ(7, log_.count("talvern inotify_add_watch error", google::GLOG_INFO));
+    fake_->refuse.clear();
+    for (int pass = 0; pass < 64 && monitor_->watchedPaths().empty(); ++pass) {
+        monitor_->runPass();
+    }
+    EXPECT_EQ(Lines(1, ""), watched());
 }
 
 // ---- The watch table with the real kernel ----

@@ -34,6 +34,9 @@ const uint32_t FileChangeMonitor::kWatchMask;
 const std::size_t FileChangeMonitor::kReadBufferSize;
 const int FileChangeMonitor::kQuietMilliseconds;
 const int FileChangeMonitor::kMaxWatchRetries;
+const unsigned int FileChangeMonitor::kMaxRootRetryPasses;
+const std::size_t FileChangeMonitor::kMaxBatchItems;
+const int FileChangeMonitor::kMaxBatchSeconds;
 
 FileChangeMonitor* FileChangeMonitor::sGetInstance() {
     static FileChangeMonitor instance;
@@ -237,7 +240,7 @@ void FileChangeMonitor::forgetWatch(int wd) {
         return;
     }
     if (isRoot(it->second)) {
-        unwatchedRoots_.insert(it->second);
+        unwatchedRoots_[it->second];
     }
     forgetPath(it->second, wd);
     wdToPath_.erase(it);
@@ -285,12 +288,21 @@ void FileChangeMonitor::delayAddWatchDiskDir() {
 // start-up or deleted and made anew is followed without a restart. The
 // parent of a root is not watched, so its return is found by looking.
 void FileChangeMonitor::watchMissingRoots() {
-    boost::unordered_set<std::string>::iterator it = unwatchedRoots_.begin();
+    boost::unordered_map<std::string, RootRetry>::iterator it = unwatchedRoots_.begin();
     while (it != unwatchedRoots_.end()) {
-        if (talvern::Directory::sExists(*it) && scanAndAddWatchDiskDirRecursive(*it)) {
-            delayAddDirs_.erase(*it);
+        RootRetry& retry = it->second;
+        if (retry.passesLeft > 0) {
+            --retry.passesLeft;
+            ++it;
+        } else if (!talvern::Directory::sExists(it->first)) {
+            ++it;
+        } else if (scanAndAddWatchDiskDirRecursive(it->first)) {
+            delayAddDirs_.erase(it->first);
             it = unwatchedRoots_.erase(it);
         } else {
+            delayAddDirs_.erase(it->first);
+            retry.passesLeft = retry.nextWait;
+            retry.nextWait = std::min(2 * retry.nextWait, kMaxRootRetryPasses);
             ++it;
         }
     }
@@ -369,7 +381,7 @@ bool FileChangeMonitor::beginNotify() {
     QLOG(INFO) << "talvern has start notify";
     for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
         if (!scanAndAddWatchDiskDirRecursive(watchDirs_[i])) {
-            unwatchedRoots_.insert(withSlash(watchDirs_[i]));
+            unwatchedRoots_[withSlash(watchDirs_[i])];
         }
     }
     return true;
@@ -387,6 +399,9 @@ void FileChangeMonitor::runPass() {
     }
     if (r > 0) {
         drain();
+        if (batchIsFull()) {
+            deliverChanges();
+        }
     } else if (r == 0 || error == EINTR) {
         watchMissingRoots();
         deliverChanges();
@@ -410,15 +425,26 @@ bool FileChangeMonitor::gateShut() {
     return false;
 }
 
+// Reads until the queue is dry or the batch is full (a copy that never
+// leaves a quiet second would otherwise keep the loop here).
 void FileChangeMonitor::drain() {
     std::vector<char> buffer(kReadBufferSize);
-    for (;;) {
+    while (!batchIsFull()) {
         ssize_t n = kernel_->read(inotifyFd_, &buffer[0], buffer.size());
         if (n <= 0) {
             return;
         }
+        if (changePaths_.empty()) {
+            batchStarted_ = std::chrono::steady_clock::now();
+        }
         handleEvents(&buffer[0], static_cast<std::size_t>(n));
     }
+}
+
+bool FileChangeMonitor::batchIsFull() const {
+    return changePaths_.size() >= kMaxBatchItems ||
+           (!changePaths_.empty() && std::chrono::steady_clock::now() - batchStarted_ >=
+                                         std::chrono::seconds(kMaxBatchSeconds));
 }
 
 void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {

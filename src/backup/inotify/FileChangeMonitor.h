@@ -5,10 +5,10 @@
 #include <sys/inotify.h>
 
 #include <atomic>
+#include <chrono>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/unordered_map.hpp>
-#include <boost/unordered_set.hpp>
 #include <map>
 #include <string>
 #include <vector>
@@ -35,9 +35,19 @@ public:
     static const std::size_t kReadBufferSize = 32768;
     // A batch is delivered after this long without an event.
     static const int kQuietMilliseconds = 1000;
+    // ... or once it holds this many paths, or has gathered for this long:
+    // a copy that never leaves a quiet second is delivered in slices, so the
+    // list's memory stays bounded and the deletes and moves in it don't wait
+    // for the copy to end.
+    static const std::size_t kMaxBatchItems = 10000;
+    static const int kMaxBatchSeconds = 10;
     // A directory that refuses its watch is retried at this many delivered
     // batches, then forgotten.
     static const int kMaxWatchRetries = 10;
+    // A root that exists but refuses its watch (the watch limit used up, no
+    // permission) is tried again after 1, 2, 4 ... quiet passes, at most
+    // this many apart: a refusal costs a log line per try, not per second.
+    static const unsigned int kMaxRootRetryPasses = 256;
 
     // The daemon's instance, built at the first call.
     static FileChangeMonitor* sGetInstance();
@@ -138,6 +148,7 @@ private:
     bool scanFoundDir(const std::string& dir);
     bool gateShut();
     void drain();
+    bool batchIsFull() const;
     void deliverChanges();
     void forgetPath(const std::string& path, int wd);
     void forgetWatch(int wd);
@@ -160,12 +171,21 @@ private:
     // Directories moved away in the batch being gathered: move cookie ->
     // their watch descriptor; a directory's arrival takes its entry out.
     boost::unordered_map<uint32_t, int> movedDirs_;
+    // When a root is tried again: quiet passes to wait before the next try,
+    // and the wait that follows a failed one.
+    struct RootRetry {
+        RootRetry() : passesLeft(0), nextWait(1) {}
+        unsigned int passesLeft;
+        unsigned int nextWait;
+    };
     // Roots whose own watch is gone (missing at start, or deleted): watched
     // again on a quiet pass once they exist.
-    boost::unordered_set<std::string> unwatchedRoots_;
+    boost::unordered_map<std::string, RootRetry> unwatchedRoots_;
     bool watchLimitWarned_;
     bool changesNotified_;
     ChangeList changePaths_;
+    // When the first item of the batch being gathered came.
+    std::chrono::steady_clock::time_point batchStarted_;
     std::vector<std::string> excludeFolderPaths_;
     boost::shared_ptr<IFileChangeMonitorObserver> observer_;
     boost::mutex mutex_;
