@@ -6,6 +6,7 @@
 
 #include <boost/thread/mutex.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "multimedia/Metadata.h"
@@ -79,6 +80,20 @@ public:
     // used as passed, so a trailing "/" is part of the prefix) to newDir plus
     // the rest of their path. One transaction: all rows follow or none.
     void updateDirPaths(const std::string& oldDir, const std::string& newDir);
+
+    // ---- Rows against the disk ----
+    // A row's rowid and path.
+    typedef std::pair<sqlite3_int64, std::string> StoredPath;
+    // Removes up to limit rows at dir or below it (exact bytes, whole
+    // components) and returns how many went: a caller that loops while the
+    // answer is limit never holds the lock for long.
+    std::size_t deleteRowsBelow(const std::string& dir, std::size_t limit);
+    // Up to limit rows at root or below it with a rowid above afterRowid, in
+    // rowid order. false when the statement failed.
+    bool getRowsBelowAfter(const std::string& root, sqlite3_int64 afterRowid, std::size_t limit,
+                           std::vector<StoredPath>& rows);
+    // Removes the rows of these rowids, in one transaction.
+    bool deleteRowids(const std::vector<sqlite3_int64>& rowids);
 
     // ---- File-hash cache ----
     // The cached hash of path, or the file's hash computed and stored with an

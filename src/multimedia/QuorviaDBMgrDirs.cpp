@@ -108,4 +108,82 @@ bool QuorviaDBMgr::updatePath(std::vector<PathRow>& rows, const std::string& old
     return result;
 }
 
+std::size_t QuorviaDBMgr::deleteRowsBelow(const std::string& dir, std::size_t limit) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string sql = "DELETE FROM " + mainTableName_ +
+                            " WHERE rowid IN (SELECT rowid FROM " + mainTableName_ +
+                            " WHERE Path = ? OR (Path >= ? AND Path < ?) LIMIT ?)";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "QuorviaDBMgr::deleteRowsBelow error : " << sqlite3_errmsg(db_);
+        return 0;
+    }
+    // Bound texts are not copied: they must outlive the statement.
+    const std::string prefix = componentPrefix(dir);
+    const std::string bound = prefixUpperBound(prefix);
+    bindText(stmt, 1, dir);
+    bindText(stmt, 2, prefix);
+    bindText(stmt, 3, bound);
+    sqlite3_bind_int64(stmt, 4, static_cast<sqlite3_int64>(limit));
+    const bool done = isSqlSucceed(sqlite3_step(stmt));
+    sqlite3_finalize(stmt);
+    return done ? static_cast<std::size_t>(sqlite3_changes(db_)) : 0;
+}
+
+bool QuorviaDBMgr::getRowsBelowAfter(const std::string& root, sqlite3_int64 afterRowid,
+                                     std::size_t limit, std::vector<StoredPath>& rows) {
+    rows.clear();
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string sql = "SELECT rowid, Path FROM " + mainTableName_ +
+                            " WHERE rowid > ? AND (Path = ? OR (Path >= ? AND Path < ?)) "
+                            "ORDER BY rowid LIMIT ?";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "QuorviaDBMgr::getRowsBelowAfter error : " << sqlite3_errmsg(db_);
+        return false;
+    }
+    const std::string prefix = componentPrefix(root);
+    const std::string bound = prefixUpperBound(prefix);
+    sqlite3_bind_int64(stmt, 1, afterRowid);
+    bindText(stmt, 2, root);
+    bindText(stmt, 3, prefix);
+    bindText(stmt, 4, bound);
+    sqlite3_bind_int64(stmt, 5, static_cast<sqlite3_int64>(limit));
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        rows.push_back(StoredPath(sqlite3_column_int64(stmt, 0), columnText(stmt, 1)));
+    }
+    sqlite3_finalize(stmt);
+    return isSqlSucceed(rc);
+}
+
+bool QuorviaDBMgr::deleteRowids(const std::vector<sqlite3_int64>& rowids) {
+    if (rowids.empty()) {
+        return true;
+    }
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const std::string sql = "DELETE FROM " + mainTableName_ + " WHERE rowid = ?";
+    sqlite3_stmt* stmt = NULL;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+        QLOG(ERROR) << "QuorviaDBMgr::deleteRowids error : " << sqlite3_errmsg(db_);
+        return false;
+    }
+    if (!execSql("BEGIN IMMEDIATE;")) {
+        sqlite3_finalize(stmt);
+        return false;
+    }
+    bool done = true;
+    for (std::size_t i = 0; i < rowids.size() && done; ++i) {
+        sqlite3_bind_int64(stmt, 1, rowids[i]);
+        done = isSqlSucceed(sqlite3_step(stmt));
+        sqlite3_reset(stmt);
+    }
+    sqlite3_finalize(stmt);
+    if (done && execSql("COMMIT;")) {
+        return true;
+    }
+    execSql("ROLLBACK;");
+    return false;
+}
+
 }  // namespace quorvia

@@ -4,6 +4,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "backup/inotify/FileChangeMonitor.h"
+#include "multimedia/quorviatask/QuorviaReconcileTask.h"
 #include "multimedia/quorviatask/QuorviaTaskFactory.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
@@ -62,6 +63,15 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
         // Asked for its side effect only: it makes a missing download folder.
         CommonUtils::sIsDownloadTmpFile(item.path);
         dispatcherTask(item.path, item.mask, item.isDir, type, item.cookie);
+    }
+}
+
+void QuorviaManager::eventsLost(const std::vector<std::string>& roots) {
+    for (const std::string& root : roots) {
+        boost::shared_ptr<Dispatchable> task(new QuorviaReconcileTask(root, MONITOR_TYPE_INOTIFY));
+        if (dispatcher_) {
+            dispatcher_->dispatch(task);
+        }
     }
 }
 

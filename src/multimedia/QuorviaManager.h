@@ -43,6 +43,9 @@ public:
     // halves go to the factory first, then its last change, of which content
     // changes count for JPEG files only; items in order.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
+    // Lost events under roots: each root's rows are checked against the disk
+    // by a task queued behind the changes delivered before.
+    virtual void eventsLost(const std::vector<std::string>& roots);
     // One change to the queue (dropped when the queue isn't made yet).
     void dispatcherTask(const std::string& path, WatchMask mask, bool isDir, MonitorType type,
                         uint32_t cookie = 0);

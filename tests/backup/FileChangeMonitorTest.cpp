@@ -355,6 +355,27 @@ TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
     EXPECT_EQ(static_cast<std::size_t>(files), delivered);
 }
 
+// A folder of 30,000 indexed files deleted at once overflowed the kernel's
+// queue and left thousands of rows for good: the changes gathered are
+// delivered, the tree is watched anew (a folder made meanwhile included) and
+// the observer is told to check the store against the disk.
+TEST_F(FileChangeMonitorTest, AnOverflowedQueueRewatchesTheTreeAndSaysEventsWereLostRegression) {
+    start(false);
+    mkdirs("made/while/lost");
+    fake_->queued.push_back(records(fake_->wds[data_ + "/"], {{IN_DELETE, "gone.jpg"}}) +
+                            records(-1, {{IN_Q_OVERFLOW, ""}}));
+    monitor_->runPass();
+    monitor_->runPass();
+    ASSERT_EQ(1u, observer_->batches.size());
+    EXPECT_EQ(Lines({"DELETE gone.jpg"}), describe(observer_->batches[0], false));
+    ASSERT_EQ(1u, observer_->lost.size());
+    EXPECT_EQ(std::vector<std::string>(1, data_), observer_->lost[0]);
+    EXPECT_EQ(Lines({"", "made/", "made/while/", "made/while/lost/"}), watched());
+    EXPECT_TRUE(log_.contains("inotify dropped events", google::GLOG_WARNING));
+    monitor_->runPass();
+    EXPECT_EQ(1u, observer_->lost.size()) << "told once per overflow";
+}
+
 // A data folder that refused its watch was tried, and logged, every second
 // for ever.
 TEST_F(FileChangeMonitorTest, ARootThatRefusesItsWatchIsTriedLessAndLessOftenRegression) {

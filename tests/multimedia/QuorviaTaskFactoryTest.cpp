@@ -1,5 +1,3 @@
-#include "multimedia/quorviatask/QuorviaTaskFactory.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,11 +5,13 @@
 
 #include "multimedia/quorviatask/PendingMoves.h"
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
+#include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
 #include "multimedia/quorviatask/QuorviaFileTask.h"
 #include "multimedia/quorviatask/QuorviaModifyFileTask.h"
 #include "multimedia/quorviatask/QuorviaMoveDirTask.h"
 #include "multimedia/quorviatask/QuorviaMoveFileTask.h"
+#include "multimedia/quorviatask/QuorviaTaskFactory.h"
 #include "support/DeviceRootTest.h"
 
 namespace {
@@ -26,6 +26,7 @@ std::string describe(const boost::shared_ptr<Dispatchable>& task) {
         return task ? "unknown" : "none";
     }
     std::string kind = dynamic_cast<quorvia::QuorviaDeleteFileTask*>(file)   ? "delete "
+                       : dynamic_cast<quorvia::QuorviaDeleteDirTask*>(file)  ? "delete dir "
                        : dynamic_cast<quorvia::QuorviaCreateFileTask*>(file) ? "create "
                        : dynamic_cast<quorvia::QuorviaModifyFileTask*>(file) ? "modify "
                                                                              : "unknown ";
@@ -49,36 +50,49 @@ TEST(QuorviaTaskFactoryTest, PairsMovesByCookieOnly) {
         std::vector<Change> changes;
         std::vector<std::string> tasks;
     } cases[] = {
-        {"plain kinds; unknown masks and directories give none",
-         {{"/d/a.jpg", TALVERN_MODIFY, false, 0}, {"/d/s/", TALVERN_MODIFY, true, 0},
-          {"/d/b", TALVERN_CREATE, false, 0}, {"/d/s/", TALVERN_CREATE, true, 0},
-          {"/d/c", TALVERN_DELETE, false, 0}, {"/d/s/", TALVERN_DELETE, true, 0},
-          {"/d/q", static_cast<WatchMask>(7), false, 0}, {"", TALVERN_CREATE, false, 0}},
-         {"modify /d/a.jpg", "none", "create /d/b", "none", "delete /d/c", "none", "none",
-          "create  (idle)"}},
+        {"plain kinds; unknown masks and directories give none but a folder's delete",
+         {{"/d/a.jpg", TALVERN_MODIFY, false, 0},
+          {"/d/s/", TALVERN_MODIFY, true, 0},
+          {"/d/b", TALVERN_CREATE, false, 0},
+          {"/d/s/", TALVERN_CREATE, true, 0},
+          {"/d/c", TALVERN_DELETE, false, 0},
+          {"/d/s/", TALVERN_DELETE, true, 0},
+          {"/d/q", static_cast<WatchMask>(7), false, 0},
+          {"", TALVERN_CREATE, false, 0}},
+         {"modify /d/a.jpg", "none", "create /d/b", "none", "delete /d/c", "delete dir /d/s/",
+          "none", "create  (idle)"}},
         {"rename of a file and of a directory",
-         {{"/d/a", TALVERN_FROM, false, 11}, {"/d/b", TALVERN_TO, false, 11},
-          {"/d/x/", TALVERN_FROM, true, 12}, {"/d/y/", TALVERN_TO, true, 12}},
+         {{"/d/a", TALVERN_FROM, false, 11},
+          {"/d/b", TALVERN_TO, false, 11},
+          {"/d/x/", TALVERN_FROM, true, 12},
+          {"/d/y/", TALVERN_TO, true, 12}},
          {"none", "file /d/a -> /d/b", "none", "dir /d/x/ -> /d/y/"}},
         {"the new name listed ahead of the old one",
-         {{"/d/b", TALVERN_TO, false, 21}, {"/d/other", TALVERN_DELETE, false, 0},
+         {{"/d/b", TALVERN_TO, false, 21},
+          {"/d/other", TALVERN_DELETE, false, 0},
           {"/d/a", TALVERN_FROM, false, 21}},
          {"modify /d/b", "delete /d/other", "file /d/a -> /d/b"}},
         {"a stranger does not take the path of a file that left",
-         {{"/d/left", TALVERN_FROM, false, 31}, {"/d/came", TALVERN_TO, false, 32},
-          {"/d/dirleft/", TALVERN_FROM, true, 33}, {"/d/dircame/", TALVERN_TO, true, 34}},
+         {{"/d/left", TALVERN_FROM, false, 31},
+          {"/d/came", TALVERN_TO, false, 32},
+          {"/d/dirleft/", TALVERN_FROM, true, 33},
+          {"/d/dircame/", TALVERN_TO, true, 34}},
          {"none", "modify /d/came", "none", "none"}},
         {"two files out in a row, then the first one's partner",
-         {{"/d/one", TALVERN_FROM, false, 41}, {"/d/two", TALVERN_FROM, false, 42},
-          {"/d/one-new", TALVERN_TO, false, 41}, {"/d/two-new", TALVERN_TO, false, 42}},
+         {{"/d/one", TALVERN_FROM, false, 41},
+          {"/d/two", TALVERN_FROM, false, 42},
+          {"/d/one-new", TALVERN_TO, false, 41},
+          {"/d/two-new", TALVERN_TO, false, 42}},
          {"none", "none", "file /d/one -> /d/one-new", "file /d/two -> /d/two-new"}},
         {"halves of different kinds never pair",
-         {{"/d/a", TALVERN_FROM, false, 61}, {"/d/b/", TALVERN_TO, true, 61}}, {"none", "none"}},
+         {{"/d/a", TALVERN_FROM, false, 61}, {"/d/b/", TALVERN_TO, true, 61}},
+         {"none", "none"}},
         {"halves without a cookie never pair",
          {{"/d/a", TALVERN_FROM, false, 0}, {"/d/b", TALVERN_TO, false, 0}},
          {"none", "modify /d/b"}},
         {"a half offered twice pairs once",
-         {{"/d/a", TALVERN_FROM, false, 71}, {"/d/b", TALVERN_TO, false, 71},
+         {{"/d/a", TALVERN_FROM, false, 71},
+          {"/d/b", TALVERN_TO, false, 71},
           {"/d/c", TALVERN_TO, false, 71}},
          {"none", "file /d/a -> /d/b", "modify /d/c"}},
     };

@@ -49,6 +49,7 @@ FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel)
       inotifyFd_(-1),
       initErrno_(0),
       watchLimitWarned_(false),
+      eventsLost_(false),
       changesNotified_(false) {
     inotifyFd_ = kernel_->init();
     if (inotifyFd_ < 0) {
@@ -405,6 +406,7 @@ void FileChangeMonitor::runPass() {
     } else if (r == 0 || error == EINTR) {
         watchMissingRoots();
         deliverChanges();
+        recoverLostEvents();
     } else {
         // A descriptor that fails for good must not turn the loop into a
         // busy one.
@@ -463,6 +465,10 @@ void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {
 
 bool FileChangeMonitor::dealWithEvent(inotify_event* event) {
     const uint32_t mask = event->mask;
+    if (mask & IN_Q_OVERFLOW) {
+        eventsLost_ = true;
+        return false;
+    }
     if (mask & IN_IGNORED) {
         forgetWatch(event->wd);
         return false;
@@ -569,6 +575,28 @@ void FileChangeMonitor::deliverChanges() {
     changesNotified_ = true;
     printAllChanges();
     notifyObserver();
+}
+
+void FileChangeMonitor::recoverLostEvents() {
+    if (!eventsLost_) {
+        return;
+    }
+    eventsLost_ = false;
+    QLOG(WARNING) << "inotify dropped events (its queue overflowed): the folders are watched "
+                     "anew and the index is checked against the disk";
+    for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
+        if (talvern::Directory::sExists(watchDirs_[i])) {
+            scanFoundDir(watchDirs_[i]);
+        }
+    }
+    if (!observer_) {
+        return;
+    }
+    try {
+        observer_->eventsLost(watchDirs_);
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "FileChangeMonitor: observer raised an exception: " << e.what();
+    }
 }
 
 // An observer that throws must not end the thread that follows the disk.

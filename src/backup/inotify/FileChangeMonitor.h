@@ -147,6 +147,9 @@ private:
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
     bool scanFoundDir(const std::string& dir);
     bool gateShut();
+    // After the kernel's queue overflowed: the roots are scanned again (what
+    // was made meanwhile is followed from then on) and the observer told.
+    void recoverLostEvents();
     void drain();
     bool batchIsFull() const;
     void deliverChanges();
@@ -182,6 +185,8 @@ private:
     // again on a quiet pass once they exist.
     boost::unordered_map<std::string, RootRetry> unwatchedRoots_;
     bool watchLimitWarned_;
+    // The kernel dropped events (IN_Q_OVERFLOW) since the last quiet pass.
+    bool eventsLost_;
     bool changesNotified_;
     ChangeList changePaths_;
     // When the first item of the batch being gathered came.

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
+#include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteFileTask.h"
 #include "multimedia/quorviatask/QuorviaModifyFileTask.h"
 #include "multimedia/quorviatask/QuorviaMoveDirTask.h"
@@ -30,7 +31,9 @@ void QuorviaTaskFactory::CreateTask(boost::shared_ptr<Dispatchable>& task, const
         }
         return;
     case TALVERN_DELETE:
-        if (!isDir) {
+        if (isDir) {
+            task.reset(new QuorviaDeleteDirTask(path, type));
+        } else {
             task.reset(new QuorviaDeleteFileTask(path, type));
         }
         return;
