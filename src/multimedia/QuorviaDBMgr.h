@@ -31,6 +31,11 @@ public:
     // How long a statement waits for another process's lock on the store file
     // (an operator's reader, a backup) before it fails as "database is locked".
     static constexpr int kBusyTimeoutMillis = 2000;
+    // A directory move whose transaction can't start within the busy timeout
+    // (another process holds the file) is tried again this many times in
+    // all, this long apart, before it is dropped.
+    static constexpr int kMoveAttempts = 10;
+    static constexpr int kMoveRetryPauseMillis = 1000;
 
     // The daemon's store, on ConfigInfo's database folder; opened on first use.
     static QuorviaDBMgr& sGetInstance();
@@ -78,7 +83,9 @@ public:
     bool updateFilePath(const std::string& oldPath, const std::string& newPath);
     // Repoints the rows below oldDir (exact bytes, whole components; directories
     // used as passed, so a trailing "/" is part of the prefix) to newDir plus
-    // the rest of their path. One transaction: all rows follow or none.
+    // the rest of their path. One transaction: all rows follow or none. A
+    // transaction that can't start because another process holds the store
+    // is tried again (kMoveAttempts); the calling thread waits meanwhile.
     void updateDirPaths(const std::string& oldDir, const std::string& newDir);
 
     // ---- Rows against the disk ----
@@ -123,6 +130,11 @@ private:
     // and counts the rows it stepped in rewritten; false when a step failed.
     void getFileByDir(std::vector<PathRow>& rows, const std::string& dir);
     bool updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
+                    const std::string& newDir, size_t& rewritten);
+    // One attempt of updateDirPaths under mutex_: fills rows, sets rewritten
+    // to the rows that now have their new path. false only when the
+    // transaction could not start because the store was busy.
+    bool tryDirMove(std::vector<PathRow>& rows, const std::string& oldDir,
                     const std::string& newDir, size_t& rewritten);
 
     sqlite3* db_;

@@ -1,4 +1,5 @@
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/QuorviaDBMgrSql.h"
@@ -34,7 +35,8 @@ std::string prefixUpperBound(const std::string& prefix) {
 // directory below the old one is not rewritten twice; the whole rewrite is one
 // transaction, so a failure or a crash never leaves a half-moved directory.
 // The per-row lines are written once the lock is released: logging can cost
-// more than the rewrite, and requests wait for the lock meanwhile.
+// more than the rewrite, and requests wait for the lock meanwhile. A store
+// held by another process is waited for between attempts without the lock.
 void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& newDir) {
     QLOG(INFO) << "QuorviaDBMgr::updateDirPaths from " << oldDir << ", to " << newDir;
     if (oldDir.empty()) {
@@ -42,16 +44,15 @@ void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& 
     }
     std::vector<PathRow> rows;
     size_t rewritten = 0;
-    {
-        boost::lock_guard<boost::mutex> lock(mutex_);
-        getFileByDir(rows, oldDir);
-        if (rows.empty() || !execSql("BEGIN IMMEDIATE;")) {
-            rows.clear();
-        } else if (!updatePath(rows, oldDir, newDir, rewritten) || !execSql("COMMIT;")) {
-            QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
-                        << newDir;
-            execSql("ROLLBACK;");
+    for (int attempt = 1; !tryDirMove(rows, oldDir, newDir, rewritten); ++attempt) {
+        if (attempt >= kMoveAttempts) {
+            QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths dropped, the store stayed locked, from "
+                        << oldDir << ", to " << newDir;
+            return;
         }
+        QLOG(WARNING) << "QuorviaDBMgr::updateDirPaths waits for the store, from " << oldDir
+                      << ", to " << newDir;
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(kMoveRetryPauseMillis));
     }
     for (size_t i = 0; i < rows.size(); ++i) {
         QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << rows[i].path;
@@ -60,6 +61,29 @@ void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& 
         QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
                    << " , newPath : " << rows[i].newPath;
     }
+}
+
+bool QuorviaDBMgr::tryDirMove(std::vector<PathRow>& rows, const std::string& oldDir,
+                              const std::string& newDir, size_t& rewritten) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    rewritten = 0;
+    getFileByDir(rows, oldDir);
+    if (rows.empty()) {
+        return true;
+    }
+    if (!execSql("BEGIN IMMEDIATE;")) {
+        const bool busy = sqlite3_errcode(db_) == SQLITE_BUSY;
+        rows.clear();
+        return !busy;
+    }
+    if (!updatePath(rows, oldDir, newDir, rewritten) || !execSql("COMMIT;")) {
+        // Nothing was moved: no row gets an update line.
+        QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
+                    << newDir;
+        execSql("ROLLBACK;");
+        rewritten = 0;
+    }
+    return true;
 }
 
 // Exact bytes, case kept: a row that differs from dir in case only stays.

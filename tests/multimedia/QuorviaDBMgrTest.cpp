@@ -342,6 +342,26 @@ TEST_F(QuorviaDBMgrTest, AnotherProcessLockDelaysAWriteWithinTheBusyTimeout) {
     EXPECT_TRUE(raw.paths().empty());
 }
 
+// A folder move whose transaction could not start within the busy timeout
+// was dropped with only "database is locked": its rows stayed behind.
+TEST_F(QuorviaDBMgrTest, AFolderMoveWaitsForAStoreLockedLongerThanTheBusyTimeoutRegression) {
+    QuorviaDBMgr store(dbPath());
+    fill(store, {"/d/old/a.mp3", "/d/old/b.mp3"});
+    RawDb raw(dbPath());
+    raw.exec("BEGIN EXCLUSIVE");
+    boost::thread release([&raw] {
+        boost::this_thread::sleep_for(
+            boost::chrono::milliseconds(QuorviaDBMgr::kBusyTimeoutMillis * 5 / 4));
+        raw.exec("COMMIT");
+    });
+    store.updateDirPaths("/d/old/", "/d/new/");
+    release.join();
+    EXPECT_EQ((Paths{"/d/new/a.mp3", "/d/new/b.mp3"}), raw.paths());
+    EXPECT_EQ(1, log_.count("QuorviaDBMgr::updateDirPaths waits for the store, from /d/old/, to "
+                            "/d/new/",
+                            google::GLOG_WARNING));
+}
+
 // An operator's reader with a transaction open (a backup, the sqlite3 shell)
 // neither holds up nor fails the store's writes: they go on in the log while
 // the reader keeps its snapshot.
