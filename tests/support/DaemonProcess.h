@@ -34,6 +34,10 @@ inline std::string slurp(const std::string& path) {
 inline std::string capture(const std::string& command, int& status) {
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == NULL) {
+        status = -1;
+        return output;
+    }
     char buffer[4096];
     size_t got;
     while ((got = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {

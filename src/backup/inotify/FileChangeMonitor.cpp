@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -299,6 +300,7 @@ void FileChangeMonitor::watchMissingRoots() {
             ++it;
         } else if (scanAndAddWatchDiskDirRecursive(it->first)) {
             delayAddDirs_.erase(it->first);
+            noteRootIdentity(it->first);
             it = unwatchedRoots_.erase(it);
         } else {
             delayAddDirs_.erase(it->first);
@@ -381,11 +383,48 @@ bool FileChangeMonitor::beginNotify() {
     }
     QLOG(INFO) << "talvern has start notify";
     for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
-        if (!scanAndAddWatchDiskDirRecursive(watchDirs_[i])) {
+        if (scanAndAddWatchDiskDirRecursive(watchDirs_[i])) {
+            noteRootIdentity(withSlash(watchDirs_[i]));
+        } else {
             unwatchedRoots_[withSlash(watchDirs_[i])];
         }
     }
     return true;
+}
+
+void FileChangeMonitor::noteRootIdentity(const std::string& root) {
+    struct stat info;
+    if (stat(root.c_str(), &info) == 0) {
+        rootIdentities_[root] = std::make_pair(info.st_dev, info.st_ino);
+    }
+}
+
+// A data folder moved away and another put in its place gives no event (a
+// watch follows its directory, and moves of the watched directory itself are
+// not asked for): a root whose path now names another directory, or none,
+// loses its watches and is looked for again.
+void FileChangeMonitor::checkRootsInPlace() {
+    boost::unordered_map<std::string, std::pair<dev_t, ino_t> >::iterator it =
+        rootIdentities_.begin();
+    while (it != rootIdentities_.end()) {
+        struct stat info;
+        if (stat(it->first.c_str(), &info) == 0 &&
+            std::make_pair(info.st_dev, info.st_ino) == it->second) {
+            ++it;
+            continue;
+        }
+        QLOG(WARNING) << "the followed folder " << it->first
+                      << " is not the one watched any more; it is looked for again";
+        removeWatchesBelow(it->first);
+        boost::unordered_map<std::string, int>::iterator root = pathToWd_.find(it->first);
+        if (root != pathToWd_.end()) {
+            kernel_->removeWatch(inotifyFd_, root->second);
+            wdToPath_.erase(root->second);
+            pathToWd_.erase(root);
+        }
+        unwatchedRoots_[it->first];
+        it = rootIdentities_.erase(it);
+    }
 }
 
 void FileChangeMonitor::runPass() {
@@ -404,6 +443,7 @@ void FileChangeMonitor::runPass() {
             deliverChanges();
         }
     } else if (r == 0 || error == EINTR) {
+        checkRootsInPlace();
         watchMissingRoots();
         deliverChanges();
         recoverLostEvents();

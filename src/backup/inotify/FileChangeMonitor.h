@@ -3,6 +3,7 @@
 
 #include <stdint.h>
 #include <sys/inotify.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <boost/unordered_map.hpp>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backup/inotify/ChangeList.h"
@@ -160,6 +162,8 @@ private:
     // moves still unpaired in movedDirs_. Before a delivery.
     void dropDirectoriesMovedOut();
     void watchMissingRoots();
+    void noteRootIdentity(const std::string& root);
+    void checkRootsInPlace();
     void noteRefusedWatch(int error);
     bool isRoot(const std::string& pathWithSlash) const;
 
@@ -184,6 +188,8 @@ private:
     // Roots whose own watch is gone (missing at start, or deleted): watched
     // again on a quiet pass once they exist.
     boost::unordered_map<std::string, RootRetry> unwatchedRoots_;
+    // The device and inode of each watched root (with its "/"), as placed.
+    boost::unordered_map<std::string, std::pair<dev_t, ino_t> > rootIdentities_;
     bool watchLimitWarned_;
     // The kernel dropped events (IN_Q_OVERFLOW) since the last quiet pass.
     bool eventsLost_;
