@@ -147,14 +147,23 @@ TEST_F(DeviceFaultsDaemonTest, KilledDuringAFolderMoveLeavesAWholeStore) {
     }
 }
 
-// A database that is garbage, or that can't grow on a full disk: requests
-// are answered through their failure paths and the log says why; once space
-// returns, rows are stored again without a restart.
-TEST_F(DeviceFaultsDaemonTest, GarbageAndFullDatabasesAnswerAndRecover) {
+// A database that is garbage, deleted while open, or that can't grow on a
+// full disk: requests are answered through their failure paths and the log
+// says why; once space returns, rows are stored again without a restart.
+TEST_F(DeviceFaultsDaemonTest, GarbageDeletedAndFullDatabasesAnswerAndRecover) {
     writeFile("/userdisk/data/.systemconfig/DataBase/quorvia.db", std::string(8192, 'g'));
     startDaemon();
     EXPECT_NE("", audio("g1", data_ + "/g1.mp3"));
     EXPECT_NE(std::string::npos, slurp(path("/daemon.err")).find("file is not a database"));
+    daemon_.stop();
+
+    // A database deleted under the running daemon: answered, and said.
+    ASSERT_EQ(0, shell("rm -f " + quorvia_test::quoted(database_) + "/quorvia.db*"));
+    startDaemon();
+    EXPECT_NE("", audio("d0", data_ + "/d0.mp3"));
+    ASSERT_EQ(0, shell("rm -f " + quorvia_test::quoted(database_) + "/quorvia.db*"));
+    EXPECT_NE("", audio("d1", data_ + "/d1.mp3"));
+    EXPECT_NE(std::string::npos, slurp(path("/daemon.err")).find("is not the one open any more"));
     daemon_.stop();
 
     if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0 ||

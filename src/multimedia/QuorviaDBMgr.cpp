@@ -1,5 +1,7 @@
 #include "multimedia/QuorviaDBMgr.h"
 
+#include <sys/stat.h>
+
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
 
@@ -8,7 +10,8 @@
 
 namespace quorvia {
 
-QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath) : db_(NULL) {
+QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath)
+    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false) {
     setNames(dbPath);
     init();
 }
@@ -41,6 +44,19 @@ bool QuorviaDBMgr::init() {
 
 bool QuorviaDBMgr::isSerialized() const { return db_ != NULL && sqlite3_db_mutex(db_) != NULL; }
 
+void QuorviaDBMgr::checkFileInPlace() {
+    struct stat info;
+    if (fileLossLogged_ || db_ == NULL ||
+        (stat(dbPath_.c_str(), &info) == 0 &&
+         std::make_pair(info.st_dev, info.st_ino) == fileIdentity_)) {
+        return;
+    }
+    fileLossLogged_ = true;
+    QLOG(ERROR) << "database file " << dbPath_
+                << " is not the one open any more (deleted or moved): new rows go where nobody "
+                   "reads them until the daemon starts again";
+}
+
 bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
@@ -52,6 +68,10 @@ bool QuorviaDBMgr::openDB() {
         // reads makes a concurrent delete or move fail and its row stay.
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
         useWriteAheadLog();
+        struct stat info;
+        if (stat(dbPath_.c_str(), &info) == 0) {
+            fileIdentity_ = std::make_pair(info.st_dev, info.st_ino);
+        }
         return true;
     }
     sqlite3_close(db_);

@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <boost/thread/mutex.hpp>
 #include <string>
@@ -124,6 +125,10 @@ private:
     QuorviaDBMgr& operator=(const QuorviaDBMgr&);
 
     void setNames(const std::string& dbPath);
+    // Says once, at ERROR, when the file at dbPath_ is no longer the one the
+    // connection has open (deleted, or the disk's folder moved): rows then go
+    // where nobody reads them until the daemon starts again. Under mutex_.
+    void checkFileInPlace();
     void useWriteAheadLog();
     bool createPathIndex();
     // Both run under updateDirPaths's lock. updatePath sets each row's newPath
@@ -138,6 +143,9 @@ private:
                     const std::string& newDir, size_t& rewritten);
 
     sqlite3* db_;
+    // Device and inode of the file opened; whether its loss was logged.
+    std::pair<dev_t, ino_t> fileIdentity_;
+    bool fileLossLogged_;
     std::string dbName_;
     std::string dbPath_;
     std::string mainTableName_;

@@ -11,7 +11,7 @@ QuorviaDBMgr& QuorviaDBMgr::sGetInstance() {
     return instance;
 }
 
-QuorviaDBMgr::QuorviaDBMgr() : db_(NULL) {
+QuorviaDBMgr::QuorviaDBMgr() : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false) {
     setNames(talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath() + "/quorvia.db");
     init();
 }

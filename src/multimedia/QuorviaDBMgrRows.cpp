@@ -34,6 +34,7 @@ bool QuorviaDBMgr::insertToDB(const QuorviaContext& context) {
     if (db_ == NULL) {
         return false;
     }
+    checkFileInPlace();
     const std::string sql = "INSERT OR REPLACE INTO " + mainTableName_ +
                             "(HASH,PATH,TITLE,DATE,MIME,DURATION,ARTIST,ALBUM)VALUES "
                             "(?,?,?,?,?,?,?,?);";
