@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sdk/utils/QuorviaCli.h"
+#include "system/Log.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
     google::InitGoogleLogging("quorvia-cli");
     FLAGS_logtostderr = true;
     FLAGS_minloglevel = google::GLOG_ERROR;
+    talvern::Log::sSetIdentity("quorvia-cli");
     apache::thrift::GlobalOutput.setOutputFunction(silent);
     const std::vector<std::string> args(argv + 1, argv + argc);
     return QuorviaCli::sRun(args, std::cout, std::cerr);

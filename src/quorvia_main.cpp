@@ -24,6 +24,7 @@ namespace {
 // the static destructors (the inotify descriptor, the store) must not run
 // under them, so the logs are flushed by hand and the process leaves at once.
 void leave(int status) {
+    talvern::Log::sFlush();
     google::FlushLogFiles(google::GLOG_INFO);
     fflush(stdout);
     fflush(stderr);
@@ -44,8 +45,10 @@ int main(int argc, char** argv) {
         FLAGS_logtostderr = true;
     }
     google::InstallFailureSignalHandler();
+    // Lines are written by a thread of their own from here on, so that no
+    // request waits on syslog or a log file.
+    talvern::Log::sStartThread();
     QLOG(WARNING) << "quorvia daemon started.";
-    talvern::Log::sKeepSyslogOffConsole();
 
     // The demuxers of this FFmpeg generation register themselves: there is no
     // registration call to make before the first video request.
@@ -54,14 +57,18 @@ int main(int argc, char** argv) {
     talvern::MediaReadGuard::sRecover(talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath());
 
     // A thread that can't start or a port that is taken ends the process
-    // with one line and a non-zero status, rather than a daemon that serves
-    // nothing.
+    // with one line that names the cause and a non-zero status, rather than
+    // a daemon that serves nothing.
     try {
         // The file-following side (the dispatcher's worker and the monitor
         // thread) runs before the server accepts its first connection; the
         // manager stays alive through its own instance pointer.
         quorvia::QuorviaManager::sGetInstance()->run();
-
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "quorvia daemon can't start its file-following threads: " << e.what();
+        leave(1);
+    }
+    try {
         std::shared_ptr<talvern::TalvernIf> handler = std::make_shared<QuorviaHandler>();
         QuorviaServer server(handler, QuorviaServer::PORT_);
         server.serve();

@@ -11,6 +11,7 @@
 #include "sdk/utils/ThriftClient.h"
 #include "support/DaemonProcess.h"
 #include "support/DeviceRootTest.h"
+#include "support/SyslogListener.h"
 #include "thriftwrapper/RawConnection.h"
 
 namespace {
@@ -47,11 +48,19 @@ protected:
 };
 
 TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort) {
+    ASSERT_EQ(0, shell("mkdir -p " + quoted(path("/dev"))));
+    SyslogListener syslog(path("/dev/log"));
     startDaemon({"-d"});
     EXPECT_EQ("argc is 2, argv is NULL? 0\n", slurp(path("/daemon.out")));
     const std::string err = slurp(path("/daemon.err"));
     EXPECT_EQ(0u, err.find('W')) << err;
     EXPECT_NE(std::string::npos, err.find("quorvia daemon started.")) << err;
+    // Under its own name whatever the executable is called.
+    const std::string line = syslog.next();
+    EXPECT_EQ(0u, line.find("<12>")) << line;
+    EXPECT_NE(std::string::npos,
+              line.find(" quorvia[" + std::to_string(daemon_.pid()) + "]: quorvia daemon started."))
+        << line;
     // 127.0.0.1:9088 listening (state 0A) in the kernel's table, and no other
     // address of the device carrying the port.
     const std::string table = slurp("/proc/" + std::to_string(daemon_.pid()) + "/net/tcp");

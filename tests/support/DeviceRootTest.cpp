@@ -7,7 +7,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "system/Log.h"
 
 namespace fs = boost::filesystem;
 
@@ -19,8 +18,6 @@ void initLoggingOnce() {
     FLAGS_logtostderr = true;
     if (!google::IsGoogleLoggingInitialized()) {
         google::InitGoogleLogging("quorvia-test");
-        QLOG(INFO) << "quorvia tests log to stderr";
-        talvern::Log::sKeepSyslogOffConsole();
     }
 }
 

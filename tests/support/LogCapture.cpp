@@ -1,10 +1,12 @@
 #include "support/LogCapture.h"
 
+#include "system/Log.h"
+
 namespace quorvia_test {
 
-LogCapture::LogCapture() { google::AddLogSink(this); }
+LogCapture::LogCapture() { talvern::Log::sAddSink(this); }
 
-LogCapture::~LogCapture() { google::RemoveLogSink(this); }
+LogCapture::~LogCapture() { talvern::Log::sRemoveSink(this); }
 
 void LogCapture::send(google::LogSeverity severity, const char*, const char*, int,
                       const google::LogMessageTime&, const char* message, size_t messageLength) {

@@ -1,0 +1,95 @@
+#include "system/LogOutput.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <boost/thread/lock_guard.hpp>
+
+namespace talvern {
+
+namespace {
+
+const char* baseName(const char* file) {
+    const char* slash = strrchr(file, '/');
+    return slash != NULL ? slash + 1 : file;
+}
+
+bool endsInNewline(const std::string& text) { return !text.empty() && text.back() == '\n'; }
+
+}  // namespace
+
+LogOutput::LogOutput(const std::string& syslogPath, const std::string& identity,
+                     const SyslogClient::Clock& clock)
+    : syslog_(syslogPath, identity, clock) {}
+
+void LogOutput::write(const LogRecord& record) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    syslog_.send(record.severity, record.when, record.text);
+    sWriteToGlog(record, sFormat(record));
+    if (sinks_.empty()) {
+        return;
+    }
+    const google::LogMessageTime time(record.when.tv_sec,
+                                      record.when.tv_sec + record.when.tv_nsec / 1e9);
+    // As glog gives its sinks: without the line's final newline.
+    const size_t size = record.text.size() - (endsInNewline(record.text) ? 1 : 0);
+    for (google::LogSink* sink : sinks_) {
+        sink->send(record.severity, record.file, baseName(record.file), record.line, time,
+                   record.text.data(), size);
+    }
+}
+
+// What glog does with its own lines: standard error alone when asked to (or
+// before it is initialised); otherwise the log file of each severity up to
+// the line's, and standard error from its threshold.
+void LogOutput::sWriteToGlog(const LogRecord& record, const std::string& line) {
+    if (FLAGS_logtostderr || FLAGS_logtostdout || !google::IsGoogleLoggingInitialized()) {
+        fwrite(line.data(), line.size(), 1, FLAGS_logtostdout ? stdout : stderr);
+        return;
+    }
+    for (int severity = record.severity; severity >= 0; --severity) {
+        google::base::GetLogger(severity)->Write(severity > FLAGS_logbuflevel, record.when.tv_sec,
+                                                 line.data(), line.size());
+    }
+    if (record.severity >= FLAGS_stderrthreshold || FLAGS_alsologtostderr) {
+        fwrite(line.data(), line.size(), 1, stderr);
+    }
+}
+
+std::string LogOutput::sFormat(const LogRecord& record) {
+    struct tm time;
+    if (FLAGS_log_utc_time) {
+        gmtime_r(&record.when.tv_sec, &time);
+    } else {
+        localtime_r(&record.when.tv_sec, &time);
+    }
+    const int severity = std::min(std::max(record.severity, 0), google::NUM_SEVERITIES - 1);
+    char year[16] = "";
+    if (FLAGS_log_year_in_prefix) {
+        snprintf(year, sizeof(year), "%04d", 1900 + time.tm_year);
+    }
+    char prefix[64];
+    snprintf(prefix, sizeof(prefix), "%c%s%02d%02d %02d:%02d:%02d.%06ld %5u ",
+             google::LogSeverityNames[severity][0], year, 1 + time.tm_mon, time.tm_mday,
+             time.tm_hour, time.tm_min, time.tm_sec, record.when.tv_nsec / 1000, record.tid);
+    return prefix + std::string(baseName(record.file)) + ":" + std::to_string(record.line) + "] " +
+           record.text + (endsInNewline(record.text) ? "" : "\n");
+}
+
+void LogOutput::setIdentity(const std::string& identity) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    syslog_.setIdentity(identity);
+}
+
+void LogOutput::addSink(google::LogSink* sink) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    sinks_.push_back(sink);
+}
+
+void LogOutput::removeSink(google::LogSink* sink) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    sinks_.erase(std::remove(sinks_.begin(), sinks_.end(), sink), sinks_.end());
+}
+
+}  // namespace talvern

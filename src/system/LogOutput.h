@@ -1,0 +1,48 @@
+#ifndef QUORVIA_SYSTEM_LOGOUTPUT_H
+#define QUORVIA_SYSTEM_LOGOUTPUT_H
+
+#include <glog/logging.h>
+
+#include <boost/thread/mutex.hpp>
+#include <string>
+#include <vector>
+
+#include "system/LogRecord.h"
+#include "system/SyslogClient.h"
+
+namespace talvern {
+
+// Where a finished line goes: syslog, then glog's own sink (its log files of
+// every severity up to the line's, or standard error, by glog's flags), then
+// the sinks added here. The line is glog's, with the time and thread of the
+// statement that said it. Any thread may call; one lock serialises writes.
+class LogOutput {
+public:
+    // syslogPath is the fixed /dev/log path; identity names the program in
+    // syslog.
+    LogOutput(const std::string& syslogPath, const std::string& identity,
+              const SyslogClient::Clock& clock);
+    virtual ~LogOutput() {}
+
+    void write(const LogRecord& record);
+
+    void setIdentity(const std::string& identity);
+    // sink receives every later line; it stays the caller's.
+    void addSink(google::LogSink* sink);
+    void removeSink(google::LogSink* sink);
+
+    // "I20261125 14:37:42.123456  4321 File.cpp:12] text\n", as glog writes
+    // a line to its files: one final newline, the text's own if it has one.
+    static std::string sFormat(const LogRecord& record);
+
+private:
+    static void sWriteToGlog(const LogRecord& record, const std::string& line);
+
+    boost::mutex mutex_;
+    SyslogClient syslog_;
+    std::vector<google::LogSink*> sinks_;
+};
+
+}  // namespace talvern
+
+#endif

@@ -1,0 +1,125 @@
+#include "system/SyslogClient.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "system/DeviceRoot.h"
+
+namespace talvern {
+
+namespace {
+
+// The syslog level of each glog severity: INFO, WARNING, ERROR, FATAL.
+const int kLevelOfSeverity[] = {LOG_INFO, LOG_WARNING, LOG_ERR, LOG_EMERG};
+const int kSeverities = sizeof(kLevelOfSeverity) / sizeof(kLevelOfSeverity[0]);
+
+// "<14>Nov 25 14:37:42 quorvia[812]: ": the month in English whatever the
+// process's locale, as the C library writes it.
+std::string header(int priority, const struct timespec& when, const std::string& identity) {
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    struct tm local;
+    localtime_r(&when.tv_sec, &local);
+    char text[64];
+    snprintf(text, sizeof(text), "<%d>%s %2d %02d:%02d:%02d ", priority, kMonths[local.tm_mon],
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    return text + identity + "[" + std::to_string(getpid()) + "]: ";
+}
+
+}  // namespace
+
+SyslogClient::SyslogClient(const std::string& socketPath, const std::string& identity,
+                           const Clock& clock)
+    : socketPath_(socketPath),
+      clock_(clock),
+      identity_(identity),
+      fd_(-1),
+      stream_(false),
+      nextAttemptMillis_(clock()) {}
+
+SyslogClient::~SyslogClient() { close(); }
+
+long long SyslogClient::sSteadyMillis() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool SyslogClient::send(int severity, const struct timespec& when, const std::string& text) {
+    if (fd_ < 0 && !connectWithinBackOff()) {
+        return false;
+    }
+    const int level =
+        severity >= 0 && severity < kSeverities ? kLevelOfSeverity[severity] : LOG_ERR;
+    std::string datagram = header(kFacility | level, when, identity_) + text;
+    if (stream_) {
+        datagram.push_back('\0');  // on a stream socket a line ends at a NUL
+    }
+    if (sendOnce(datagram)) {
+        return true;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EMSGSIZE) {
+        return false;  // a listener that does not read now, or a line too long for it
+    }
+    // The listener went away (a syslog daemon restarted): a new connection,
+    // within the back-off.
+    close();
+    return connectWithinBackOff() && sendOnce(datagram);
+}
+
+bool SyslogClient::connectWithinBackOff() {
+    const long long now = clock_();
+    if (now < nextAttemptMillis_) {
+        return false;
+    }
+    nextAttemptMillis_ = now + kRetryMillis;
+    const std::string path = DeviceRoot::sPath(socketPath_);
+    struct sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    // Datagrams first, as syslog daemons listen; a stream socket otherwise.
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        fd_ = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd_ < 0) {
+            return false;
+        }
+        if (connect(fd_, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0) {
+            stream_ = type == SOCK_STREAM;
+            return true;
+        }
+        const bool otherType = errno == EPROTOTYPE;
+        close();
+        if (!otherType) {
+            return false;
+        }
+    }
+    return false;
+}
+
+bool SyslogClient::sendOnce(const std::string& datagram) {
+    const ssize_t sent = ::send(fd_, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0 && static_cast<size_t>(sent) < datagram.size()) {
+        errno = EPIPE;  // half a line on a stream: start again on a new connection
+    }
+    return sent >= 0 && static_cast<size_t>(sent) == datagram.size();
+}
+
+void SyslogClient::close() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+}  // namespace talvern

@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+
+#include <glog/logging.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/DeviceRootTest.h"
+#include "support/SyslogListener.h"
+#include "system/LogOutput.h"
+#include "system/SyslogClient.h"
+
+namespace {
+
+using quorvia_test::DeviceRootTest;
+using quorvia_test::SyslogListener;
+using talvern::LogOutput;
+using talvern::LogRecord;
+using talvern::SyslogClient;
+
+class LogOutputTest : public DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+        shell("mkdir -p '" + path("/dev") + "'");
+    }
+
+    // The clock of the syslog client: moved by hand.
+    long long now_ = 0;
+    SyslogClient::Clock clock() { return [this] { return now_; }; }
+};
+
+// A quarter second, which a double holds exactly: glog's own time of the
+// line has the same microseconds.
+LogRecord recordOf(int severity, const std::string& text) {
+    LogRecord record = {severity, "/src/multimedia/Stuff.cpp", 42, {1764081462, 250000000},
+                        static_cast<unsigned>(syscall(SYS_gettid)), text};
+    return record;
+}
+
+TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
+    SyslogListener listener(path("/dev/log"));
+    SyslogClient syslog("/dev/log", "quorvia", clock());
+    const struct {
+        int severity;
+        const char* priority;
+    } cases[] = {{google::GLOG_INFO, "<14>"}, {google::GLOG_WARNING, "<12>"},
+                 {google::GLOG_ERROR, "<11>"}};
+    for (const auto& c : cases) {
+        const LogRecord record = recordOf(c.severity, "caf\xc3\xa9 \"a b\" 100%s");
+        const google::LogMessageTime time(record.when.tv_sec, record.when.tv_sec + 0.25);
+        EXPECT_EQ(google::LogSink::ToString(c.severity, "Stuff.cpp", 42, time, record.text.data(),
+                                            record.text.size()) +
+                      "\n",
+                  LogOutput::sFormat(record));
+
+        ASSERT_TRUE(syslog.send(record.severity, record.when, record.text));
+        char date[32];
+        strftime(date, sizeof(date), "%b %e %H:%M:%S", &time.tm());
+        EXPECT_EQ(std::string(c.priority) + date + " quorvia[" + std::to_string(getpid()) +
+                      "]: " + record.text,
+                  listener.next());
+    }
+    // A text's own final newline ends the line.
+    EXPECT_EQ(LogOutput::sFormat(recordOf(google::GLOG_INFO, "text")),
+              LogOutput::sFormat(recordOf(google::GLOG_INFO, "text\n")));
+}
+
+// A syslog daemon that is down costs one connection attempt a second; one
+// that does not read refuses lines at once; one that restarts is found again.
+TEST_F(LogOutputTest, SyslogIsTriedOnceASecondAndNeverWaitedFor) {
+    SyslogClient syslog("/dev/log", "quorvia", clock());
+    const LogRecord line = recordOf(google::GLOG_INFO, "line");
+    EXPECT_FALSE(syslog.send(line.severity, line.when, "while down"));
+    std::unique_ptr<SyslogListener> listener(new SyslogListener(path("/dev/log")));
+    now_ = SyslogClient::kRetryMillis - 1;
+    EXPECT_FALSE(syslog.send(line.severity, line.when, "within the second"));
+    EXPECT_EQ("", listener->next(0));
+    now_ = SyslogClient::kRetryMillis;
+    EXPECT_TRUE(syslog.send(line.severity, line.when, "once up"));
+    EXPECT_NE(std::string::npos, listener->next().find("]: once up"));
+
+    int sent = 0;
+    while (sent < 100000 && syslog.send(line.severity, line.when, std::to_string(sent))) {
+        ++sent;
+    }
+    EXPECT_LT(sent, 100000);
+    for (int i = 0; i < sent; ++i) {
+        ASSERT_NE(std::string::npos, listener->next(0).find("]: " + std::to_string(i)));
+    }
+
+    listener.reset();
+    listener.reset(new SyslogListener(path("/dev/log")));
+    now_ += SyslogClient::kRetryMillis - 1;
+    EXPECT_FALSE(syslog.send(line.severity, line.when, "restarted"));
+    now_ += 1;
+    EXPECT_TRUE(syslog.send(line.severity, line.when, "found again"));
+    EXPECT_NE(std::string::npos, listener->next().find("]: found again"));
+}
+
+}  // namespace
