@@ -30,6 +30,17 @@ inline std::string slurp(const std::string& path) {
     return content.str();
 }
 
+// The content of path once it holds text, or as it is after five seconds: a
+// daemon's lines reach its log a few milliseconds after they are said.
+inline std::string slurpHolding(const std::string& path, const std::string& text) {
+    std::string content = slurp(path);
+    for (int i = 0; i < 500 && content.find(text) == std::string::npos; ++i) {
+        usleep(10 * 1000);
+        content = slurp(path);
+    }
+    return content;
+}
+
 // Standard output of a shell command, and its exit status.
 inline std::string capture(const std::string& command, int& status) {
     std::string output;
