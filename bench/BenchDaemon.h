@@ -121,7 +121,7 @@ inline std::string makeRoot(int rows) {
     setenv("QUORVIA_ROOT", root.c_str(), 1);
     const std::string data = root + "/userdisk/data";
     const std::string command =
-        "mkdir -p " + data + " " + root + "/glog && cd " + data +
+        "mkdir -p " + data + " " + root + "/glog " + root + "/dev && cd " + data +
         " && convert -size 640x480 gradient:skyblue-white photo.jpg"
         " && exiftool -q -overwrite_original '-DateTimeOriginal=2021:05:06 07:08:09' photo.jpg"
         " && ffmpeg -v error -y -f lavfi -i testsrc=duration=10:size=320x240:rate=25"

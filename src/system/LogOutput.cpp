@@ -21,12 +21,12 @@ bool endsInNewline(const std::string& text) { return !text.empty() && text.back(
 
 LogOutput::LogOutput(const std::string& syslogPath, const std::string& identity,
                      const SyslogClient::Clock& clock)
-    : syslog_(syslogPath, identity, clock) {}
+    : syslog_(syslogPath, identity, clock), dateSecond_(0), dateFlags_(0) {}
 
 void LogOutput::write(const LogRecord& record) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     syslog_.send(record.severity, record.when, record.text);
-    sWriteToGlog(record, sFormat(record));
+    sWriteToGlog(record, format(record));
     if (sinks_.empty()) {
         return;
     }
@@ -57,24 +57,44 @@ void LogOutput::sWriteToGlog(const LogRecord& record, const std::string& line) {
     }
 }
 
-std::string LogOutput::sFormat(const LogRecord& record) {
+std::string LogOutput::format(const LogRecord& record) {
+    const int severity = std::min(std::max(record.severity, 0), google::NUM_SEVERITIES - 1);
+    char rest[48];
+    snprintf(rest, sizeof(rest), ".%06ld %5u ", record.when.tv_nsec / 1000, record.tid);
+    std::string line(1, google::LogSeverityNames[severity][0]);
+    line.reserve(64 + record.text.size());
+    line.append(date(record.when.tv_sec)).append(rest).append(baseName(record.file));
+    line.append(":").append(std::to_string(record.line)).append("] ").append(record.text);
+    if (!endsInNewline(record.text)) {
+        line.push_back('\n');
+    }
+    return line;
+}
+
+// "20261125 14:37:42", or without the year, local or universal by glog's
+// flags; made once a second.
+const std::string& LogOutput::date(time_t second) {
+    const int flags = (FLAGS_log_year_in_prefix ? 1 : 0) | (FLAGS_log_utc_time ? 2 : 0);
+    if (second == dateSecond_ && flags == dateFlags_ && !date_.empty()) {
+        return date_;
+    }
     struct tm time;
     if (FLAGS_log_utc_time) {
-        gmtime_r(&record.when.tv_sec, &time);
+        gmtime_r(&second, &time);
     } else {
-        localtime_r(&record.when.tv_sec, &time);
+        localtime_r(&second, &time);
     }
-    const int severity = std::min(std::max(record.severity, 0), google::NUM_SEVERITIES - 1);
-    char year[16] = "";
+    char text[32] = "";
     if (FLAGS_log_year_in_prefix) {
-        snprintf(year, sizeof(year), "%04d", 1900 + time.tm_year);
+        snprintf(text, sizeof(text), "%04d", 1900 + time.tm_year);
     }
-    char prefix[64];
-    snprintf(prefix, sizeof(prefix), "%c%s%02d%02d %02d:%02d:%02d.%06ld %5u ",
-             google::LogSeverityNames[severity][0], year, 1 + time.tm_mon, time.tm_mday,
-             time.tm_hour, time.tm_min, time.tm_sec, record.when.tv_nsec / 1000, record.tid);
-    return prefix + std::string(baseName(record.file)) + ":" + std::to_string(record.line) + "] " +
-           record.text + (endsInNewline(record.text) ? "" : "\n");
+    const size_t year = strlen(text);
+    snprintf(text + year, sizeof(text) - year, "%02d%02d %02d:%02d:%02d", 1 + time.tm_mon,
+             time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec);
+    date_ = text;
+    dateSecond_ = second;
+    dateFlags_ = flags;
+    return date_;
 }
 
 void LogOutput::setIdentity(const std::string& identity) {

@@ -33,14 +33,19 @@ public:
 
     // "I20261125 14:37:42.123456  4321 File.cpp:12] text\n", as glog writes
     // a line to its files: one final newline, the text's own if it has one.
-    static std::string sFormat(const LogRecord& record);
+    // Called under the lock of write, or by one thread.
+    std::string format(const LogRecord& record);
 
 private:
+    const std::string& date(time_t second);
     static void sWriteToGlog(const LogRecord& record, const std::string& line);
 
     boost::mutex mutex_;
     SyslogClient syslog_;
     std::vector<google::LogSink*> sinks_;
+    time_t dateSecond_;
+    int dateFlags_;
+    std::string date_;
 };
 
 }  // namespace talvern

@@ -24,12 +24,14 @@ namespace talvern {
 // operation.
 class LogQueue {
 public:
-    // A fraction of a second of writing: what kill -9 can lose.
-    static const size_t kMaxLines = 1024;
-    static const size_t kMaxBytes = 1024 * 1024;
+    // Room for a burst (a folder of thousands of files arriving at once)
+    // without making the monitor wait, and still a few tens of milliseconds
+    // of writing: what kill -9 can lose. The bytes of text bound the memory.
+    static constexpr size_t kMaxLines = 16384;
+    static constexpr size_t kMaxBytes = 2 * 1024 * 1024;
     // How long the thread lets lines gather after the first before it writes
     // them: the delay of a line in the log.
-    static const int kGatherMillis = 5;
+    static constexpr int kGatherMillis = 5;
 
     typedef boost::function<void(const LogRecord&)> Output;
 

@@ -20,18 +20,8 @@ namespace {
 const int kLevelOfSeverity[] = {LOG_INFO, LOG_WARNING, LOG_ERR, LOG_EMERG};
 const int kSeverities = sizeof(kLevelOfSeverity) / sizeof(kLevelOfSeverity[0]);
 
-// "<14>Nov 25 14:37:42 quorvia[812]: ": the month in English whatever the
-// process's locale, as the C library writes it.
-std::string header(int priority, const struct timespec& when, const std::string& identity) {
-    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    struct tm local;
-    localtime_r(&when.tv_sec, &local);
-    char text[64];
-    snprintf(text, sizeof(text), "<%d>%s %2d %02d:%02d:%02d ", priority, kMonths[local.tm_mon],
-             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-    return text + identity + "[" + std::to_string(getpid()) + "]: ";
-}
+const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 }  // namespace
 
@@ -42,7 +32,8 @@ SyslogClient::SyslogClient(const std::string& socketPath, const std::string& ide
       identity_(identity),
       fd_(-1),
       stream_(false),
-      nextAttemptMillis_(clock()) {}
+      nextAttemptMillis_(clock()),
+      stampSecond_(0) {}
 
 SyslogClient::~SyslogClient() { close(); }
 
@@ -58,7 +49,7 @@ bool SyslogClient::send(int severity, const struct timespec& when, const std::st
     }
     const int level =
         severity >= 0 && severity < kSeverities ? kLevelOfSeverity[severity] : LOG_ERR;
-    std::string datagram = header(kFacility | level, when, identity_) + text;
+    std::string datagram = "<" + std::to_string(kFacility | level) + ">" + stamp(when) + text;
     if (stream_) {
         datagram.push_back('\0');  // on a stream socket a line ends at a NUL
     }
@@ -72,6 +63,21 @@ bool SyslogClient::send(int severity, const struct timespec& when, const std::st
     // within the back-off.
     close();
     return connectWithinBackOff() && sendOnce(datagram);
+}
+
+// "Nov 25 14:37:42 quorvia[812]: ": the month in English whatever the
+// process's locale, as the C library writes it. Made once a second.
+const std::string& SyslogClient::stamp(const struct timespec& when) {
+    if (when.tv_sec != stampSecond_ || stamp_.empty()) {
+        struct tm local;
+        localtime_r(&when.tv_sec, &local);
+        char date[32];
+        snprintf(date, sizeof(date), "%s %2d %02d:%02d:%02d ", kMonths[local.tm_mon], local.tm_mday,
+                 local.tm_hour, local.tm_min, local.tm_sec);
+        stamp_ = date + identity_ + "[" + std::to_string(getpid()) + "]: ";
+        stampSecond_ = when.tv_sec;
+    }
+    return stamp_;
 }
 
 bool SyslogClient::connectWithinBackOff() {

@@ -17,9 +17,9 @@ namespace talvern {
 // Not thread-safe: one writer (the logging thread, or callers under a lock).
 class SyslogClient {
 public:
-    static const int kRetryMillis = 1000;
+    static constexpr int kRetryMillis = 1000;
     // The facility of every line, as glog's syslog route used.
-    static const int kFacility = 1 << 3;  // LOG_USER
+    static constexpr int kFacility = 1 << 3;  // LOG_USER
 
     // Milliseconds of a clock that never goes back; a seam for tests.
     typedef boost::function<long long()> Clock;
@@ -30,7 +30,10 @@ public:
     SyslogClient(const std::string& socketPath, const std::string& identity, const Clock& clock);
     virtual ~SyslogClient();
 
-    void setIdentity(const std::string& identity) { identity_ = identity; }
+    void setIdentity(const std::string& identity) {
+        identity_ = identity;
+        stamp_.clear();
+    }
 
     // Sends text at glog severity (INFO, WARNING, ERROR) said at when; true
     // when the datagram left, false when it did not (no listener yet within
@@ -40,6 +43,7 @@ public:
     static long long sSteadyMillis();
 
 private:
+    const std::string& stamp(const struct timespec& when);
     bool connectWithinBackOff();
     bool sendOnce(const std::string& datagram);
     void close();
@@ -50,6 +54,8 @@ private:
     int fd_;
     bool stream_;
     long long nextAttemptMillis_;
+    time_t stampSecond_;
+    std::string stamp_;
 };
 
 }  // namespace talvern

@@ -42,6 +42,7 @@ LogRecord recordOf(int severity, const std::string& text) {
 TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
     SyslogListener listener(path("/dev/log"));
     SyslogClient syslog("/dev/log", "quorvia", clock());
+    LogOutput output("/dev/none", "quorvia", clock());
     const struct {
         int severity;
         const char* priority;
@@ -53,7 +54,7 @@ TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
         EXPECT_EQ(google::LogSink::ToString(c.severity, "Stuff.cpp", 42, time, record.text.data(),
                                             record.text.size()) +
                       "\n",
-                  LogOutput::sFormat(record));
+                  output.format(record));
 
         ASSERT_TRUE(syslog.send(record.severity, record.when, record.text));
         char date[32];
@@ -63,8 +64,8 @@ TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
                   listener.next());
     }
     // A text's own final newline ends the line.
-    EXPECT_EQ(LogOutput::sFormat(recordOf(google::GLOG_INFO, "text")),
-              LogOutput::sFormat(recordOf(google::GLOG_INFO, "text\n")));
+    EXPECT_EQ(output.format(recordOf(google::GLOG_INFO, "text")),
+              output.format(recordOf(google::GLOG_INFO, "text\n")));
 }
 
 // A syslog daemon that is down costs one connection attempt a second; one
