@@ -38,9 +38,12 @@ TEST(ThriftClientDaemonTest, WithoutADaemonTheCallAnswersEmptyAndTheCliSaysWhy) 
     std::ostringstream err;
     EXPECT_EQ(QuorviaCli::EXIT_UNREACHABLE_, QuorviaCli::sRun({"{\"api\":1}"}, out, err));
     EXPECT_EQ(0u, err.str().find("quorvia-cli: can't reach the quorvia daemon on localhost:9088"));
+    EXPECT_EQ(0, QuorviaCli::sRun({"--help"}, out, err));
+    EXPECT_EQ(0u, out.str().find("usage: quorvia-cli JSON"));
+    out.str("");
     const std::vector<std::vector<std::string>> malformed = {
         {},
-        {"--help"},
+        {"--help", "extra"},
         {"{}", "extra"},
         {"--notify", "1"},
         {"--notify", "one", "text"},

@@ -64,10 +64,13 @@ bool QuorviaCli::sDaemonReachable(std::string& reason) {
 }
 
 int QuorviaCli::sRun(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+        out << USAGE;
+        return EXIT_REPLY_;
+    }
     const bool notify = !args.empty() && args[0] == "--notify";
     int32_t type = 0;
-    if (notify ? args.size() != 3 || !parseType(args[1], type)
-               : args.size() != 1 || args[0] == "--help" || args[0] == "-h") {
+    if (notify ? args.size() != 3 || !parseType(args[1], type) : args.size() != 1) {
         return usage(err);
     }
     std::string reason;

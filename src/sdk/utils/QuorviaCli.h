@@ -11,7 +11,8 @@
 // Speaks to the daemon on localhost:9088 through ThriftClient.
 class QuorviaCli {
 public:
-    // Exit statuses.
+    // Exit statuses; --help prints the usage on out and exits with
+    // EXIT_REPLY_.
     static const int EXIT_REPLY_ = 0;
     // The daemon answered with the empty text: it could not route the request.
     static const int EXIT_EMPTY_REPLY_ = 1;
@@ -21,7 +22,7 @@ public:
     virtual ~QuorviaCli() {}
 
     // args are the arguments after the program's name. The reply goes to out
-    // with a newline; usage and failures go to err.
+    // with a newline; a wrong call's usage and failures go to err.
     static int sRun(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
     // true when something accepts connections on the daemon's port; reason
