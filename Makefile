@@ -6,6 +6,8 @@ JOBS ?= 2
 SANITIZE ?=
 FUZZ_SECONDS ?= 30
 SOAK_SECONDS ?= 120
+MUTANTS ?= 80
+SEED ?= 1
 CMAKE_FLAGS ?=
 comma := ,
 
@@ -15,7 +17,7 @@ else
 BUILD_DIR := build-$(subst $(comma),-,$(SANITIZE))
 endif
 
-.PHONY: all deps configure build test bench fuzz soak run clean
+.PHONY: all deps configure build test install package bench fuzz soak mutants run clean
 
 all: build
 
@@ -31,6 +33,17 @@ build: configure
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
+# Installs under CMAKE_INSTALL_PREFIX (/usr/local unless set in CMAKE_FLAGS).
+install: build
+	@cmake --install $(BUILD_DIR)
+
+# build-package/quorvia_VERSION_ARCH.deb, for /usr, without the tests.
+package: deps
+	@cmake -S . -B build-package -DCMAKE_INSTALL_PREFIX=/usr -DQUORVIA_TESTS=OFF >/dev/null
+	@cmake --build build-package -j $(JOBS)
+	@cd build-package && cpack
+	@ls build-package/*.deb
+
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks quorvia quorvia-cli
 	@sh bench/run.sh $(BUILD_DIR)
@@ -43,6 +56,11 @@ fuzz: deps
 soak: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target DaemonSoak quorvia quorvia-cli
 	@SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/soak/DaemonSoak
+
+# What the suite catches: MUTANTS mutants from SEED, each built and tested in
+# a copy of the tree under build-mutants.
+mutants: deps
+	@python3 scripts/mutants.py --mutants $(MUTANTS) --seed $(SEED)
 
 # The daemon in the foreground on a demo device root under the build folder.
 run: build

@@ -8,9 +8,9 @@ build-essential cmake pkg-config
 libthrift-dev thrift-compiler libevent-dev
 libboost-thread-dev libboost-filesystem-dev libboost-system-dev libboost-chrono-dev
 libgoogle-glog-dev libjson-c-dev libsqlite3-dev sqlite3 libconfig++-dev
-libexif-dev libavformat-dev libavutil-dev libavcodec-dev
+libexif-dev libavformat-dev libavutil-dev
 libjpeg62-turbo-dev libpng-dev libmagickwand-6.q16-dev imagemagick
-libssl-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
+libssl-dev googletest libgtest-dev libgmock-dev
 ffmpeg libimage-exiftool-perl python3 python3-thrift
 clang libclang-rt-14-dev inotify-tools procps
 "
