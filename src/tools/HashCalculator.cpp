@@ -13,6 +13,10 @@
 #include "system/Log.h"
 #include "tools/Sha1.h"
 
+// The sampled hash reads at offsets past 2 GiB (a video): on a 32-bit router
+// that needs the 64-bit file offsets the whole tree is built with.
+static_assert(sizeof(off_t) == 8, "build with _FILE_OFFSET_BITS=64");
+
 namespace talvern {
 
 namespace {

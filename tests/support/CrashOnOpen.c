@@ -1,6 +1,9 @@
 /* Preloaded into the daemon by tests: opening the file named by
  * QUORVIA_CRASH_ON_OPEN ends the process with SIGSEGV on the opening thread,
- * as a media library that crashes on that file would. */
+ * as a media library that crashes on that file would. It defines both open
+ * and open64, so the C library's names must not be redirected to the 64-bit
+ * ones here. */
+#undef _FILE_OFFSET_BITS
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
