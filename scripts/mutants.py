@@ -7,10 +7,15 @@ the working tree), builds the copy incrementally, runs the suite with a time
 limit, and prints killed / survived / timed out per room with each survivor.
 
     scripts/mutants.py [--mutants N] [--seed S] [--work DIR] [--limit SECONDS]
+    scripts/mutants.py --only "src/x.cpp:12:negate condition" ...
+
+--only runs the named mutants alone, as a survivor list names them: what a
+new test catches, or what a cut one let through.
 """
 
 import argparse
 import collections
+import filecmp
 import os
 import random
 import re
@@ -131,17 +136,27 @@ def pick(count, seed):
     return picked
 
 
+def named(names):
+    """The mutants that survivor lines ("src/x.cpp:12: drop call") name."""
+    wanted = set(name.replace(": ", ":") for name in names)
+    return [m for path in sources() for m in candidates(path)
+            if "%s:%d:%s" % (m[0], m[1], m[5]) in wanted]
+
+
 def copy_tree(work):
+    """The copy of the tracked files under work; files that are already the
+    same stay untouched, so that an earlier run's build stays incremental."""
     tree = os.path.join(work, "tree")
-    if os.path.isdir(tree):
-        shutil.rmtree(tree)
-    os.makedirs(tree)
     listed = subprocess.run(["git", "ls-files"], cwd=ROOT, check=True, capture_output=True,
                             text=True).stdout.split("\n")
     for path in filter(None, listed):
-        target = os.path.join(tree, path)
+        source, target = os.path.join(ROOT, path), os.path.join(tree, path)
+        if os.path.lexists(target) and filecmp.cmp(source, target, shallow=False):
+            continue
         os.makedirs(os.path.dirname(target), exist_ok=True)
-        shutil.copy2(os.path.join(ROOT, path), target, follow_symlinks=False)
+        if os.path.lexists(target):
+            os.remove(target)
+        shutil.copy2(source, target, follow_symlinks=False)
     return tree
 
 
@@ -189,9 +204,10 @@ def main():
     parser.add_argument("--work", default=os.path.join(ROOT, "build-mutants"))
     parser.add_argument("--limit", type=int, default=600,
                         help="seconds for each mutant's build and suite")
+    parser.add_argument("--only", nargs="+", metavar="PATH:LINE:CHANGE")
     args = parser.parse_args()
 
-    mutants = pick(args.mutants, args.seed)
+    mutants = named(args.only) if args.only else pick(args.mutants, args.seed)
     tree = copy_tree(args.work)
     print("%d mutants, seed %d; building the unmutated copy in %s" % (len(mutants), args.seed, tree))
     sys.stdout.flush()

@@ -237,13 +237,32 @@ TEST_F(FileChangeMonitorTest, EventSequencesFoldIntoTheirItems) {
     }
 }
 
-TEST_F(FileChangeMonitorTest, UnknownDescriptorsAndTruncatedRecordsGiveNothing) {
+TEST_F(FileChangeMonitorTest, UnknownDescriptorsTruncatedRecordsAndExcludedFoldersGiveNothing) {
     start(false);
     const std::string bytes = records(99, {{IN_CLOSE_WRITE, "stranger"}}) +
                               records(fake_->wds[data_ + "/"],
                                       {{IN_CLOSE_WRITE, "kept"}, {IN_CLOSE_WRITE, "cut off"}});
     monitor_->handleEvents(bytes.data(), bytes.size() - 3);
     EXPECT_EQ(Lines{"MODIFY kept"}, describe(monitor_->changes(), false));
+
+    // The filter of excluded folders: names below an excluded prefix, empty
+    // names and unknown descriptors are filtered; the rest is kept.
+    monitor_->setExcludeFolderPath({data_ + "/skip", data_ + "/.sys/"});
+    const int wd = fake_->wds[data_ + "/"];
+    const struct {
+        int wd;
+        uint32_t mask;
+        const char* name;
+        bool filtered;
+    } cases[] = {{wd, IN_CREATE, "skip.jpg", true},     {wd, IN_CREATE | IN_ISDIR, ".sys", true},
+                 {wd, IN_CREATE, ".sys", false},         {wd, IN_CREATE, "keep.jpg", false},
+                 {wd, IN_CREATE, "", true},              {99, IN_CREATE, "keep.jpg", true}};
+    for (const auto& c : cases) {
+        std::string record = records(c.wd, {{c.mask, c.name}});
+        EXPECT_EQ(c.filtered,
+                  monitor_->FilterExcludeFileAndPath(reinterpret_cast<inotify_event*>(&record[0])))
+            << c.name;
+    }
 }
 
 class ThrowingObserver : public IFileChangeMonitorObserver {

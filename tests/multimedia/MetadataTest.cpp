@@ -177,6 +177,7 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         {"plain.flv", color + "flv1", "2", kDefault},
         {"plain.webm", color + "libvpx", "2", kDefault},
     };
+    const size_t descriptors = quorvia_test::openDescriptors();
     for (const Sample& sample : samples) {
         SCOPED_TRACE(sample.name);
         const std::string file = media(sample.name, kFfmpeg + sample.ffmpegArgs + " \"$F\"");
@@ -196,6 +197,8 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         EXPECT_EQ(always.duration + "|" + always.title + "|" + std::to_string(always.date),
                   lazy.duration + "|" + lazy.title + "|" + std::to_string(lazy.date));
     }
+    // Every read closes what it opened.
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     // An open past its deadline gives up at libavformat's first read.
     metadata_s late;
     EXPECT_FALSE(readContainer(path("/long.mp4"), late, kStreamInfoAlways, std::chrono::seconds(0)));

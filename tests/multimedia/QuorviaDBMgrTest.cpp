@@ -244,7 +244,8 @@ TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
 
 TEST_F(QuorviaDBMgrTest, UpdateDirPathsRewritesRowsBelowTheDirectoryOnly) {
     const Texts paths = {"/d/a/x.jpg",  "/d/a/sub/y.jpg", "/d/ab/z.jpg", "/D/A/case.jpg",
-                         "/d/a",        "/d/a%/w.jpg",    "/d/a_/v.jpg", "/e/d/a/u.jpg"};
+                         "/d/a",        "/d/a%/w.jpg",    "/d/a_/v.jpg", "/e/d/a/u.jpg",
+                         "/d/a0"};  // the first path past every "/d/a/..."
     struct Case {
         const char* oldDir;
         const char* newDir;

@@ -79,7 +79,9 @@ TEST(DirectoryAncestor, ComparesWholeComponents) {
 TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     const std::string content(5000, 'q');
     writeFile("/src.bin", content);
+    const size_t descriptors = quorvia_test::openDescriptors();
     EXPECT_TRUE(File::sCopy(path("/src.bin"), path("/dst.bin")).ok());
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     EXPECT_EQ(content, readFile("/dst.bin"));
     EXPECT_EQ(0777u, modeOf(path("/dst.bin")));
 

@@ -5,12 +5,17 @@
 
 #include <boost/filesystem.hpp>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 
 namespace fs = boost::filesystem;
 
 namespace quorvia_test {
+
+size_t openDescriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
 
 namespace {
 

@@ -37,6 +37,8 @@ private:
     std::string root_;
 };
 
+// Descriptors this process has open: a leak shows as growth.
+size_t openDescriptors();
 // Directory of the stand-in tools in the source tree.
 std::string deviceToolsDir();
 // The sample localisation folder in the source tree.

@@ -58,6 +58,7 @@ TEST_F(ConfigInfoTest, FolderGettersMakeTheFolderOnlyWhereTheyShould) {
     fs::remove_all(path("/userdisk/data/下载"));
     EXPECT_EQ(download, config->getDownloadFolderPath());
     EXPECT_TRUE(isDir("/userdisk/data/下载"));
+    EXPECT_TRUE(fs::is_directory(config->getDromlyFolderPath()));
 
     config->setBackupDrivePath("/extdisks/sda1");
     EXPECT_EQ("/extdisks/sda1/photos/视频", config->getBackupVideoPath("photos"));

@@ -41,6 +41,9 @@ TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
         EXPECT_EQ("400x300", geometryOf(root() + "/" + name + ".t.png")) << name;
     }
     EXPECT_FALSE(exists(root() + "/ran"));
+    // A relative target takes the format of its extension.
+    EXPECT_EQ(ImageUtils::kResizeDone, utils_.resizeImage("-x.png", "small.jpg", 400, 300));
+    EXPECT_EQ(0u, readFile("/small.jpg").find("\xFF\xD8\xFF"));
 }
 
 // Stand-ins for identify and convert first on PATH: identify prints the file

@@ -42,7 +42,7 @@ LogRecord recordOf(int severity, const std::string& text) {
 TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
     SyslogListener listener(path("/dev/log"));
     SyslogClient syslog("/dev/log", "quorvia", clock());
-    LogOutput output("/dev/none", "quorvia", clock());
+    LogOutput output("/dev/log", "quorvia", clock());
     const struct {
         int severity;
         const char* priority;
@@ -63,6 +63,11 @@ TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
                       "]: " + record.text,
                   listener.next());
     }
+    // A program of its own name.
+    output.setIdentity("quorvia-cli");
+    output.write(recordOf(google::GLOG_ERROR, "named"));
+    EXPECT_NE(std::string::npos,
+              listener.next().find(" quorvia-cli[" + std::to_string(getpid()) + "]: named"));
     // A text's own final newline ends the line.
     EXPECT_EQ(output.format(recordOf(google::GLOG_INFO, "text")),
               output.format(recordOf(google::GLOG_INFO, "text\n")));

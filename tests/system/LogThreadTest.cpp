@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <boost/thread/condition_variable.hpp>
+#include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <string>
 #include <thread>
@@ -115,6 +116,31 @@ TEST(LogThreadTest, AFullQueueMakesTheCallerWait) {
     const std::vector<std::string> texts = written.texts();
     ASSERT_EQ(LogQueue::kMaxLines + 2, texts.size());
     EXPECT_EQ("late", texts.back());
+}
+
+// Which thread wrote each line.
+class ThreadSink : public google::LogSink {
+public:
+    virtual void send(google::LogSeverity, const char*, const char*, int,
+                      const google::LogMessageTime&, const char*, size_t) {
+        boost::lock_guard<boost::mutex> lock(mutex_);
+        writers.push_back(std::this_thread::get_id());
+    }
+    boost::mutex mutex_;
+    std::vector<std::thread::id> writers;
+};
+
+TEST(LogThreadTest, OnceStartedTheLoggingThreadWritesTheLines) {
+    ThreadSink sink;
+    Log::sAddSink(&sink);
+    QLOG(WARNING) << "written by the thread that says it";
+    Log::sStartThread();
+    QLOG(WARNING) << "written by the logging thread";
+    Log::sFlush();
+    Log::sRemoveSink(&sink);
+    ASSERT_EQ(2u, sink.writers.size());
+    EXPECT_EQ(std::this_thread::get_id(), sink.writers[0]);
+    EXPECT_NE(std::this_thread::get_id(), sink.writers[1]);
 }
 
 // A sink that takes a millisecond a line, so that lines are still queued
