@@ -2,7 +2,6 @@
 
 #include <ctype.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <sstream>
@@ -11,8 +10,7 @@
 #include <vector>
 
 #include "sdk/utils/ThriftClient.h"
-#include "support/DaemonProcess.h"
-#include "support/DeviceRootTest.h"
+#include "support/DaemonTest.h"
 #include "support/SyslogListener.h"
 #include "thriftwrapper/RawConnection.h"
 
@@ -25,34 +23,12 @@ using namespace quorvia_test::wire;
 const std::string UNMOUNT = "{\"api\":3,\"root\":\"/mnt/none\"}";
 const std::string DONE = "{ \"code\": 0, \"msg\": \"\" }";
 
-// The real daemon on a private device root, spoken to as peers do.
-class QuorviaDaemonTest : public DeviceRootTest {
-protected:
-    virtual void TearDown() {
-        if (daemon_.pid() > 0) {
-            EXPECT_TRUE(daemon_.running()) << slurp(path("/daemon.err"));
-        }
-        daemon_.stop();
-        DeviceRootTest::TearDown();
-    }
-
-    // Starts build/bin/quorvia with args, its output and glog's files in the
-    // root, and waits for the port.
-    void startDaemon(const std::vector<std::string>& args) {
-        setenv("GLOG_log_dir", root().c_str(), 1);
-        std::string why;
-        ASSERT_TRUE(daemon_.startListening(path(""), args, ThriftClient::PORT_, why))
-            << why << "\n"
-            << slurp(path("/daemon.err"));
-    }
-
-    DaemonProcess daemon_;
-};
+class QuorviaDaemonTest : public DaemonTest {};
 
 TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort) {
     ASSERT_EQ(0, shell("mkdir -p " + quoted(path("/dev"))));
     SyslogListener syslog(path("/dev/log"));
-    startDaemon({"-d"});
+    startDaemon();
     EXPECT_EQ("argc is 2, argv is NULL? 0\n", slurp(path("/daemon.out")));
     // The daemon's first line (its tools' own output may come before it).
     const std::string err = slurpHolding(path("/daemon.err"), "quorvia daemon started.");
@@ -80,7 +56,7 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort
     // argument, so it logs to glog's files, and to standard error only what
     // glog copies there itself (errors).
     ASSERT_EQ(0, shell("mkdir -p " + quoted(path("/second")) + " && cd " +
-                       quoted(path("/userdisk/data")) + " && bash -c 'mkdir -p d{1..20}/s{1..100}'"));
+                       quoted(data_) + " && bash -c 'mkdir -p d{1..20}/s{1..100}'"));
     for (int i = 0; i < 3; ++i) {
         DaemonProcess second;
         ASSERT_TRUE(second.start(path("/second"), {"-x", "-d"}));
@@ -94,14 +70,13 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort
 // quorvia-cli tells replies apart by its exit status; a Python peer uses
 // code generated from the service definition.
 TEST_F(QuorviaDaemonTest, CliAndPythonPeersAreServed) {
-    const std::string data = path("/userdisk/data");
-    ASSERT_EQ(0, shell("mkdir -p " + quoted(data) + " && cd " + quoted(data) +
+    ASSERT_EQ(0, shell("mkdir -p " + quoted(data_) + " && cd " + quoted(data_) +
                        " && convert -size 16x16 xc:red photo.jpg && exiftool -q -overwrite_original"
                        " '-DateTimeOriginal=2021:05:06 07:08:09' photo.jpg"));
-    startDaemon({"-d"});
+    startDaemon();
     const std::string cli = binary("quorvia-cli") + " ";
     const std::string request =
-        R"({"api":0,"path":")" + data +
+        R"({"api":0,"path":")" + data_ +
         R"(/photo.jpg","name":"photo.jpg","hash":"p1","defaultModifyTime":0})";
     // The date is the photo's own, read in local time.
     int status = -1;
@@ -124,7 +99,7 @@ TEST_F(QuorviaDaemonTest, CliAndPythonPeersAreServed) {
     const std::string peer = std::string(QUORVIA_SOURCE_DIR) + "/tests/thriftwrapper/talvern_peer.py";
     const std::string output =
         capture("PYTHONPATH=" + quoted(std::string(QUORVIA_BINARY_DIR) + "/gen-py") +
-                    " /usr/bin/python3 " + quoted(peer) + " " + quoted(data) + " 2>&1",
+                    " /usr/bin/python3 " + quoted(peer) + " " + quoted(data_) + " 2>&1",
                 status);
     EXPECT_EQ(0, status) << output;
     EXPECT_EQ(R"({ "code": 0, "msg": "", "title": "фото.jpg", "mime": "image\/jpeg", "date": 5 }
@@ -143,7 +118,7 @@ b'{ "code": 0, "msg": "", "title": "\xff.jpg", "mime": "image\\/jpeg", "date": 1
 
 // Each connection is still served after the reply to its odd call.
 TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
-    startDaemon({"-d"});
+    startDaemon();
     const std::pair<std::string, std::string> cases[] = {
         {requestCall(UNMOUNT, 7), reply(DONE, 7)},
         // Without the version word; the reply has it.
@@ -182,11 +157,11 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     const std::string request = R"({"api":2,"path":")" + clip +
                                 R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})";
-    startDaemon({"-d"});
+    startDaemon();
     EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(128 + SIGSEGV, daemon_.waitForExit(20));
 
-    startDaemon({"-d"});
+    startDaemon();
     const std::string answer = R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", )"
                                R"("date": 7 })";
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));

@@ -448,33 +448,6 @@ TEST_F(FileChangeMonitorTest, TableFollowsMkdirRmdirRenameAndSubtreeMoves) {
     EXPECT_EQ(Lines({"CREATE tree/branch/leaf/"}), batchAfterPasses(4));
 }
 
-TEST_F(FileChangeMonitorTest, RealFileOperationsArriveAsOneBatchAfterTheQuietSecond) {
-    std::string chain = std::string(255, 'd');  // long names, 200 levels deep
-    for (int i = 0; i < 200; ++i) {
-        chain += "/d";
-    }
-    mkdirs(chain);
-    mkdirs("album");
-    write("album/keep.jpg");
-    write("album/old.jpg");
-    write("album/gone.png");
-    start();
-    EXPECT_EQ(203u, watched().size());
-    write("album/new.jpg", "content");
-    fs::rename(data_ + "/album/old.jpg", data_ + "/album/renamed.jpg");
-    fs::remove(data_ + "/album/gone.png");
-    write("album/keep.jpg", "again");
-    write(chain + "/f.jpg");
-    EXPECT_EQ(Lines({"MODIFY album/new.jpg", "FROM album/old.jpg", "TO album/renamed.jpg",
-                     "DELETE album/gone.png", "MODIFY album/keep.jpg",
-                     "MODIFY " + chain + "/f.jpg"}),
-              batchAfterPasses(1));
-    const std::vector<FileChangeItem>& batch = observer_->batches.back();
-    EXPECT_NE(0u, batch[1].cookie);
-    EXPECT_EQ(batch[1].cookie, batch[2].cookie) << "both halves carry the kernel's cookie";
-    EXPECT_EQ(0u, batch[0].cookie);
-}
-
 // Churn of directories leaves no stale watch; the data folder deleted and
 // made again is found on a quiet pass, and its changes count again.
 TEST_F(FileChangeMonitorTest, ChurnLeavesNoStaleWatchAndARemadeDataFolderIsFollowed) {

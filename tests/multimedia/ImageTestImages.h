@@ -11,35 +11,16 @@
 
 #include <jpeglib.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "support/DeviceRootTest.h"
+
 namespace quorvia_test {
-
-inline std::string readAll(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void writeAll(const std::string& path, const std::string& content) {
-    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-    out << content;
-}
 
 inline bool exists(const std::string& path) {
     struct stat info;
     return lstat(path.c_str(), &info) == 0;
-}
-
-// What command prints on its standard output.
-inline std::string commandOutput(const std::string& command) {
-    const std::string out = "/tmp/quorvia-test-output-" + std::to_string(getpid());
-    const int status = system((command + " > " + out).c_str());
-    const std::string text = status == -1 ? "" : readAll(out);
-    unlink(out.c_str());
-    return text;
 }
 
 // convert with arguments, writing path.
@@ -74,7 +55,7 @@ inline bool addExifThumbnail(const std::string& path, int orientation,
 // "WxH" of each frame, blank-separated; empty when the file doesn't decode.
 inline std::string geometryOf(const std::string& path) {
     const std::string sizes =
-        commandOutput("/usr/bin/identify -format '%wx%h ' '" + path + "' 2>/dev/null");
+        capture("/usr/bin/identify -format '%wx%h ' '" + path + "' 2>/dev/null");
     return sizes.substr(0, sizes.find_last_not_of(' ') + 1);
 }
 
@@ -82,7 +63,7 @@ inline std::string geometryOf(const std::string& path) {
 // red/blue picture, "RRBB" turned a quarter clockwise, "BRBR" upside down,
 // "BBRR" a quarter anticlockwise.
 inline std::string quarters(const std::string& path) {
-    return commandOutput("/usr/bin/convert '" + path +
+    return capture("/usr/bin/convert '" + path +
                          "'[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
                          "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
 }

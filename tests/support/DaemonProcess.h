@@ -3,69 +3,18 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/DeviceRootTest.h"
 #include "thriftwrapper/RawConnection.h"
 
 namespace quorvia_test {
-
-// A program built next to the tests (build/bin/NAME).
-inline std::string binary(const std::string& name) {
-    return std::string(QUORVIA_BINARY_DIR) + "/bin/" + name;
-}
-
-inline std::string slurp(const std::string& path) {
-    std::ifstream in(path.c_str(), std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-// The content of path once it holds text, or as it is after five seconds: a
-// daemon's lines reach its log a few milliseconds after they are said.
-inline std::string slurpHolding(const std::string& path, const std::string& text) {
-    std::string content = slurp(path);
-    for (int i = 0; i < 500 && content.find(text) == std::string::npos; ++i) {
-        usleep(10 * 1000);
-        content = slurp(path);
-    }
-    return content;
-}
-
-// Standard output of a shell command, and its exit status.
-inline std::string capture(const std::string& command, int& status) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == NULL) {
-        status = -1;
-        return output;
-    }
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
-        output.append(buffer, got);
-    }
-    status = WEXITSTATUS(pclose(pipe));
-    return output;
-}
-
-// text as one single-quoted shell word.
-inline std::string quoted(const std::string& text) {
-    std::string result = "'";
-    for (char c : text) {
-        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return result + "'";
-}
 
 // build/bin/quorvia run as a child of the test. Its standard output and error
 // go to OUTDIR/daemon.out and OUTDIR/daemon.err; it is killed when this object

@@ -1,17 +1,73 @@
 #include "support/DeviceRootTest.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-
 namespace fs = boost::filesystem;
 
 namespace quorvia_test {
+
+std::string binary(const std::string& name) {
+    return std::string(QUORVIA_BINARY_DIR) + "/bin/" + name;
+}
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void writeAll(const std::string& path, const std::string& content) {
+    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string slurpHolding(const std::string& path, const std::string& text) {
+    std::string content = slurp(path);
+    for (int i = 0; i < 500 && content.find(text) == std::string::npos; ++i) {
+        usleep(10 * 1000);
+        content = slurp(path);
+    }
+    return content;
+}
+
+std::string capture(const std::string& command, int& status) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == NULL) {
+        status = -1;
+        return output;
+    }
+    char buffer[4096];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        output.append(buffer, got);
+    }
+    status = WEXITSTATUS(pclose(pipe));
+    return output;
+}
+
+std::string capture(const std::string& command) {
+    int status = 0;
+    return capture(command, status);
+}
+
+std::string quoted(std::string text) {
+    std::string result = "'";
+    for (char c : text) {
+        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return result + "'";
+}
 
 size_t openDescriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -71,17 +127,12 @@ void DeviceRootTest::TearDown() {
 }
 
 void DeviceRootTest::writeFile(const std::string& fixedPath, const std::string& content) const {
-    const fs::path target(path(fixedPath));
-    fs::create_directories(target.parent_path());
-    std::ofstream out(target.string().c_str(), std::ios::binary | std::ios::trunc);
-    out << content;
+    fs::create_directories(fs::path(path(fixedPath)).parent_path());
+    writeAll(path(fixedPath), content);
 }
 
 std::string DeviceRootTest::readFile(const std::string& fixedPath) const {
-    std::ifstream in(path(fixedPath).c_str(), std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return slurp(path(fixedPath));
 }
 
 void DeviceRootTest::setToolValue(const std::string& tool, const std::string& key,

@@ -37,6 +37,19 @@ private:
     std::string root_;
 };
 
+// A program built next to the tests (build/bin/NAME).
+std::string binary(const std::string& name);
+std::string slurp(const std::string& path);
+void writeAll(const std::string& path, const std::string& content);
+// The content of path once it holds text, or as it is after five seconds: a
+// daemon's lines reach its log a few milliseconds after they are said.
+std::string slurpHolding(const std::string& path, const std::string& text);
+// Standard output of a shell command, and its exit status.
+std::string capture(const std::string& command, int& status);
+std::string capture(const std::string& command);
+// text as one single-quoted shell word (taken by value, so that it wins over
+// std::quoted for a string that is not const).
+std::string quoted(std::string text);
 // Descriptors this process has open: a leak shows as growth.
 size_t openDescriptors();
 // Directory of the stand-in tools in the source tree.
