@@ -1,5 +1,6 @@
 #include "api/QuorviaAPIMapping.h"
 
+#include <locale.h>
 #include <math.h>
 
 #include <memory>
@@ -35,6 +36,15 @@ bool coversWholeTree(const std::string& root) {
     return root.find_first_not_of('/') == std::string::npos;
 }
 
+// json-c copies the thread's locale for every document it parses, under
+// glibc's process-wide locale lock, unless the thread runs in the static C
+// locale: request threads take that one once. The daemon never sets a
+// locale, so C is what they ran in before as well.
+void useStaticCLocale() {
+    static thread_local const locale_t previous = uselocale(newlocale(LC_ALL_MASK, "C", NULL));
+    (void)previous;
+}
+
 std::string jsonStringOf(ApiErrorCode code) {
     std::string result;
     json_object* object = ApiBase::sCreateJsonObject(code);
@@ -47,6 +57,7 @@ std::string jsonStringOf(ApiErrorCode code) {
 
 std::string QuorviaAPIMapping::redirectRequest(const std::string& request) const {
     std::string result;
+    useStaticCLocale();
     JsonHolder document(json_tokener_parse(request.c_str()));
     QLOG(INFO) << "QuorviaAPIMapping, jobj is null? " << (document ? 0 : 1);
     if (!document) {

@@ -58,6 +58,11 @@ void QuorviaDBMgr::checkFileInPlace() {
 }
 
 bool QuorviaDBMgr::openDB() {
+    // SQLite counts every allocation for its memory statistics under one
+    // process-wide mutex, which each lookup took dozens of times; nothing here
+    // reads the statistics. Settable only before the library's first use,
+    // which in the daemon is this open; later calls are refused, harmlessly.
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
