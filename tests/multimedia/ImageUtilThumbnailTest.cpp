@@ -102,17 +102,13 @@ TEST_F(ImageUtilThumbnailTest, JpegResizeDecodesLargeSourcesReducedAndCopiesOthe
         const char* options;
         int side, otherSide;
         const char* sizes;
-        const char* scale;
     } const cases[] = {
-        {3264, 2448, false, "", 1280, 720, "3264x2448 816x612",
-         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
-        {3264, 2448, false, "-interlace Plane", 1280, 720, "3264x2448 816x612",
-         "scale(1, 4) origin(3264, 2448) target(1280, 720)"},
-        {2000, 2000, true, "", 1000, 1000, "2000x2000 1000x1000",
-         "scale(1, 2) origin(2000, 2000) target(1000, 1000)"},
+        {3264, 2448, false, "", 1280, 720, "3264x2448 816x612"},
+        {3264, 2448, false, "-interlace Plane", 1280, 720, "3264x2448 816x612"},
+        {2000, 2000, true, "", 1000, 1000, "2000x2000 1000x1000"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.scale + std::string(c.options));
+        SCOPED_TRACE(c.sizes + std::string(c.options));
         ASSERT_TRUE(makeRedBlue(source, c.width, c.height, c.noisy,
                                 c.options + std::string(" -quality 90")));
         const Resized r = resize(util_, source, target, c.side, c.otherSide);
@@ -123,7 +119,6 @@ TEST_F(ImageUtilThumbnailTest, JpegResizeDecodesLargeSourcesReducedAndCopiesOthe
         EXPECT_EQ(c.sizes, r.sizes);
         EXPECT_EQ(r.sizes.substr(r.sizes.find(' ') + 1), geometryOf(target));
         EXPECT_EQ("RBRB", quarters(target));
-        EXPECT_TRUE(log_.contains(c.scale));
     }
     // A source of the largest side but needing no scaling: a byte-for-byte
     // copy, no buffer, and -1.
@@ -135,7 +130,6 @@ TEST_F(ImageUtilThumbnailTest, JpegResizeDecodesLargeSourcesReducedAndCopiesOthe
     EXPECT_EQ(0u, r.size);
     EXPECT_EQ("10000x16 10000x16", r.sizes);
     EXPECT_EQ(slurp(source), slurp(target));
-    EXPECT_EQ(1, log_.count("no need to scale"));
 }
 
 // Cut short, unsupported, oversized or unreadable: each fails at once with its
@@ -190,8 +184,6 @@ TEST_F(ImageUtilThumbnailTest, SavingWritesTheBlockAndRefusesEmptyOrUnwritableRe
     EXPECT_EQ(0, util_.save_to_jpeg_file(reinterpret_cast<const unsigned char*>(block.data()),
                                          block.size(), path, 1));
     EXPECT_EQ(block, slurp(path));
-    EXPECT_EQ(1,
-              log_.count("save to jpeg file success, target path is " + path + ", isUseChunk 1"));
 
     const std::string empty = dir_ + "/empty.jpg";
     EXPECT_EQ(-1, util_.save_to_jpeg_file(nullptr, 0, empty, 0));
@@ -206,13 +198,12 @@ TEST_F(ImageUtilThumbnailTest, SavingWritesTheBlockAndRefusesEmptyOrUnwritableRe
 TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
     struct Case {
         int orientation;
-        int degrees;
         const char* geometry;
         const char* quarters;
-    } const cases[] = {{1, 0, "160x120", "RBRB"},
-                       {3, 180, "160x120", "BRBR"},
-                       {6, 90, "120x160", "RRBB"},
-                       {8, 270, "120x160", "BBRR"}};
+    } const cases[] = {{1, "160x120", "RBRB"},
+                       {3, "160x120", "BRBR"},
+                       {6, "120x160", "RRBB"},
+                       {8, "120x160", "BBRR"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.orientation);
         const std::string source =
@@ -222,7 +213,6 @@ TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
         EXPECT_EQ(smallRoot_ + source, thumb);
         EXPECT_EQ(c.geometry, geometryOf(thumb));
         EXPECT_EQ(c.quarters, quarters(thumb));
-        EXPECT_EQ(1, log_.count("get " + source + " orientation is " + std::to_string(c.degrees)));
     }
 }
 
@@ -263,14 +253,12 @@ TEST_F(ImageUtilThumbnailTest, OtherFormatsGoToTheCommandLineResize) {
     std::string thumb = "untouched";
     EXPECT_EQ(0, util_.getThumbnail(dir_ + "/raw.NEF", thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("untouched", thumb);
-    EXPECT_EQ(1, log_.count("no need to generate thumbnail for camera raw image"));
 
     const std::string png = photo("big.png", 600, 450, true, 0);
     ASSERT_GT(slurp(png).size(), ImageUtil::kCopyWithoutResizeSize);
     EXPECT_EQ(0, util_.getThumbnail(png, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ(smallRoot_ + png, thumb);
     EXPECT_EQ("400x300", geometryOf(thumb));
-    EXPECT_EQ(1, log_.count("generate thumb for not jpg file."));
 
     const std::string tiny = photo("tiny.gif", 40, 30, false, 0);
     EXPECT_EQ(0, util_.getThumbnail(tiny, thumb, THUMBNAIL_MIDDLE, "0a0b0c", 0));
@@ -343,7 +331,6 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
                   std::to_string(width) + "x" + std::to_string(height) + " " + geometryOf(thumb));
         EXPECT_EQ(c.quarters, quarters(thumb));
     }
-    EXPECT_EQ(1, log_.count("use libpng read png " + still + " and its width=300 height=200"));
 
     const std::string wide = dir_ + "/wide.png", cut = dir_ + "/cut.png", other = dir_ + "/gif.png";
     const std::string many = dir_ + "/many.gif", wideGif = dir_ + "/wide.gif";

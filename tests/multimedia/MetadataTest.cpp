@@ -105,7 +105,6 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         EXPECT_EQ(c.expected, metadata.date);
         EXPECT_EQ("image/jpeg", metadata.mime);
         EXPECT_EQ("PHOTO.JpEg", metadata.title);
-        EXPECT_EQ(1, log_.count("get image metadata , path is " + file, google::GLOG_INFO));
     }
 }
 
@@ -203,8 +202,6 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
     metadata_s late;
     EXPECT_FALSE(readContainer(path("/long.mp4"), late, kStreamInfoAlways, std::chrono::seconds(0)));
     EXPECT_EQ("", late.duration);
-    EXPECT_TRUE(log_.contains("creation_time is 2024-07-02T10:20:30.000000Z", google::GLOG_INFO));
-    EXPECT_EQ(4, log_.count("video " + path("/long.mp4") + " raw duration is 90"));
     EXPECT_EQ(0, log_.count("av_open_input_file fail", google::GLOG_ERROR));
 }
 

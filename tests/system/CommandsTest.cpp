@@ -42,8 +42,6 @@ TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyWhateverTheExitStatus) {
     EXPECT_EQ(2, CommonUtils::sCallPopenWithOutput("printf ' \\r\\none\\n\\ttwo \\nthree\\r\\n '; exit 2",
                                                    output));
     EXPECT_EQ("one\n\ttwo \nthree", output);
-    EXPECT_TRUE(log_.contains("excuete cmd: printf ' ", google::GLOG_INFO));
-    EXPECT_EQ(1, log_.count("excuete cmd output: one\n\ttwo \nthree", google::GLOG_INFO));
 
     EXPECT_TRUE(CommonUtils::sCallSystem("printf '%5000s\\n' '' | tr ' ' x; exit 1", output));
     EXPECT_EQ(std::string(5000, 'x'), output);
@@ -89,7 +87,6 @@ TEST_F(CommandsTest, VersionComparisonIsNumericPartByPart) {
         EXPECT_EQ(c.lowerOrEqual, CommonUtils::sCheckIsLowerVersionThanCurrentRom(c.version))
             << c.version;
     }
-    EXPECT_EQ(1, log_.count("rom version is: 2.10.3  input version is: 1.99.99", google::GLOG_INFO));
 }
 
 }  // namespace
