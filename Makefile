@@ -1,6 +1,8 @@
 # Front door of the project: every target installs what is missing, then
 # drives CMake. `make test SANITIZE=address,undefined` builds and tests with
-# the sanitizers in a build tree of its own.
+# the sanitizers in a build tree of its own. `make cross ARCH=arm64` (or
+# armhf) builds for a router in build-ARCH, `make test-cross ARCH=...` runs
+# the tests there under qemu-user.
 
 JOBS ?= 2
 SANITIZE ?=
@@ -9,7 +11,9 @@ SOAK_SECONDS ?= 120
 MUTANTS ?= 80
 SEED ?= 1
 CMAKE_FLAGS ?=
+ARCH ?=
 comma := ,
+CROSS_FLAGS = -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/cross-toolchain.cmake -DQUORVIA_ARCH=$(ARCH)
 
 ifeq ($(strip $(SANITIZE)),)
 BUILD_DIR := build
@@ -17,7 +21,8 @@ else
 BUILD_DIR := build-$(subst $(comma),-,$(SANITIZE))
 endif
 
-.PHONY: all deps configure build test install package bench fuzz soak mutants run clean
+.PHONY: all deps cross-deps configure build test cross-configure cross test-cross install \
+	package bench fuzz soak mutants run clean
 
 all: build
 
@@ -32,6 +37,23 @@ build: configure
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+cross-deps:
+	@test -n "$(ARCH)" || { echo "make $@: say ARCH=arm64 or ARCH=armhf" >&2; exit 2; }
+	@sh scripts/install-deps.sh --cross $(ARCH)
+
+cross-configure: cross-deps
+	@cmake -S . -B build-$(ARCH) $(CROSS_FLAGS) $(CMAKE_FLAGS) >/dev/null
+
+cross: cross-configure
+	@cmake --build build-$(ARCH) -j $(JOBS)
+
+# Tests that can't work under qemu-user skip there; their reasons follow.
+test-cross: cross
+	@cd build-$(ARCH) && ctest --output-on-failure -j $(JOBS); status=$$?; \
+		awk '/: Skipped$$/ { getline reason } /^\[  SKIPPED \] / && reason != "" \
+			{ print "skipped", $$4 ": " reason; reason = "" }' Testing/Temporary/LastTest.log; \
+		exit $$status
 
 # Installs under CMAKE_INSTALL_PREFIX (/usr/local unless set in CMAKE_FLAGS).
 install: build

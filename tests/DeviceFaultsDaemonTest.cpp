@@ -24,10 +24,10 @@ namespace {
 
 using namespace quorvia_test;
 
-class DeviceFaultsDaemonTest : public DeviceRootTest {
+class DeviceFaultsDaemonTest : public DaemonTest {
 protected:
     virtual void SetUp() {
-        DeviceRootTest::SetUp();
+        DaemonTest::SetUp();
         data_ = path("/userdisk/data");
         database_ = data_ + "/.systemconfig/DataBase";
         ASSERT_EQ(0, shell("mkdir -p " + quorvia_test::quoted(database_)));

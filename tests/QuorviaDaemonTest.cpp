@@ -26,7 +26,7 @@ const std::string UNMOUNT = "{\"api\":3,\"root\":\"/mnt/none\"}";
 const std::string DONE = "{ \"code\": 0, \"msg\": \"\" }";
 
 // The real daemon on a private device root, spoken to as peers do.
-class QuorviaDaemonTest : public DeviceRootTest {
+class QuorviaDaemonTest : public DaemonTest {
 protected:
     virtual void TearDown() {
         if (daemon_.pid() > 0) {

@@ -21,10 +21,10 @@ typedef std::vector<std::string> Files;
 
 // The real daemon following $QUORVIA_ROOT/userdisk/data; the rows it keeps
 // are read with the sqlite3 command, as an operator would.
-class FollowDiskDaemonTest : public quorvia_test::DeviceRootTest {
+class FollowDiskDaemonTest : public quorvia_test::DaemonTest {
 protected:
     virtual void SetUp() {
-        DeviceRootTest::SetUp();
+        DaemonTest::SetUp();
         data_ = path("/userdisk/data");
     }
 

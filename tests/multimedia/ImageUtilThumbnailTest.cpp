@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
+#include <wand/MagickWand.h>
 
 #include <boost/thread/thread.hpp>
 #include <chrono>
@@ -44,6 +45,20 @@ Resized resize(ImageUtil& util, const std::string& source, std::string target, i
     std::free(buffer);
     return r;
 }
+
+// Under qemu-user ImageMagick looks for its coder modules with faccessat2,
+// which qemu 7.2 does not send into the sysroot: it finds none, and what it
+// would read is not tested there.
+#ifdef QUORVIA_EMULATED
+#define SKIP_WHERE_MAGICK_HAS_NO_CODERS()                                              \
+    MagickWandGenesis();                                                               \
+    MagickWand* const probe = NewMagickWand();                                         \
+    const bool coders = MagickReadImage(probe, "xc:red") != MagickFalse;               \
+    DestroyMagickWand(probe);                                                          \
+    if (!coders) GTEST_SKIP() << "ImageMagick finds no coder modules under qemu-user"
+#else
+#define SKIP_WHERE_MAGICK_HAS_NO_CODERS()
+#endif
 
 class ImageUtilThumbnailTest : public DeviceRootTest {
 protected:
@@ -231,6 +246,7 @@ TEST_F(ImageUtilThumbnailTest, SavingPausesAfterABlockAndRefusesEmptyOrUnwritabl
 }
 
 TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     struct Case {
         int orientation;
         int degrees;
@@ -276,6 +292,7 @@ TEST_F(ImageUtilThumbnailTest, DamagedExifBlocksNeverCrash) {
 }
 
 TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIsSharedByHash) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     // Padded behind its end to exactly the limit.
     const std::string atLimit = photo("at-limit.jpg", 1600, 1200, false, 0);
     std::string padded = readAll(atLimit);
@@ -370,6 +387,7 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
 // resizePng reads the header through libpng first; resizeGif samples every
 // frame. Both refuse sources beyond their limits and write nothing then.
 TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     typedef int (ImageUtil::*Resize)(const std::string&, int, int*, int*, std::string&);
     const Resize png = &ImageUtil::resizePng, gif = &ImageUtil::resizeGif;
     const std::string still = photo("p.png", 300, 200, false, 0), anim = dir_ + "/anim.gif";
@@ -430,6 +448,7 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
 // its target, and a path through a folder of the tree that is a link is
 // refused.
 TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroughRegression) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     alarm(60);  // a write that waits on a FIFO ends the test
     const std::string outside = root() + "/outside.txt", nowhere = root() + "/nowhere";
     writeAll(outside, "outside");

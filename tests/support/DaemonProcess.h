@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "support/DeviceRootTest.h"
 #include "thriftwrapper/RawConnection.h"
 
 namespace quorvia_test {
@@ -149,6 +150,21 @@ public:
 
 private:
     pid_t pid_;
+};
+
+// Fixture of the tests that start the built programs. Under qemu-user those
+// start only where the kernel hands ARM executables to qemu (binfmt_misc);
+// elsewhere the tests skip and say so.
+class DaemonTest : public DeviceRootTest {
+protected:
+    virtual void SetUp() {
+        DeviceRootTest::SetUp();
+#ifdef QUORVIA_EMULATED
+        if (system((binary("quorvia-cli") + " --help >/dev/null 2>&1").c_str()) != 0) {
+            GTEST_SKIP() << "the built programs can't start: no binfmt_misc entry for qemu";
+        }
+#endif
+    }
 };
 
 }  // namespace quorvia_test
