@@ -2,7 +2,7 @@
 # drives CMake. `make test SANITIZE=address,undefined` builds and tests with
 # the sanitizers in a build tree of its own. `make cross ARCH=arm64` (or
 # armhf) builds for a router in build-ARCH, `make test-cross ARCH=...` runs
-# the tests there under qemu-user.
+# the tests there under qemu-user, `make package ARCH=...` makes its .deb.
 
 JOBS ?= 2
 SANITIZE ?=
@@ -19,6 +19,17 @@ ifeq ($(strip $(SANITIZE)),)
 BUILD_DIR := build
 else
 BUILD_DIR := build-$(subst $(comma),-,$(SANITIZE))
+endif
+
+ifeq ($(strip $(ARCH)),)
+PACKAGE_DIR := build-package
+PACKAGE_DEPS := deps
+else
+PACKAGE_DIR := build-package-$(ARCH)
+PACKAGE_DEPS := cross-deps
+CMAKE_PACKAGE_FLAGS := $(CROSS_FLAGS)
+# dpkg-shlibdeps finds the libraries' packages in the sysroot's own database.
+PACKAGE_ENV := DEB_HOST_ARCH=$(ARCH) DPKG_ADMINDIR=$(CURDIR)/build-sysroot-$(ARCH)/dpkg
 endif
 
 .PHONY: all deps cross-deps configure build test cross-configure cross test-cross install \
@@ -59,12 +70,14 @@ test-cross: cross
 install: build
 	@cmake --install $(BUILD_DIR)
 
-# build-package/quorvia_VERSION_ARCH.deb, for /usr, without the tests.
-package: deps
-	@cmake -S . -B build-package -DCMAKE_INSTALL_PREFIX=/usr -DQUORVIA_TESTS=OFF >/dev/null
-	@cmake --build build-package -j $(JOBS)
-	@cd build-package && cpack
-	@ls build-package/*.deb
+# build-package/quorvia_VERSION_ARCH.deb, for /usr, without the tests; with
+# ARCH=..., build-package-ARCH/quorvia_VERSION_ARCH.deb.
+package: $(PACKAGE_DEPS)
+	@cmake -S . -B $(PACKAGE_DIR) -DCMAKE_INSTALL_PREFIX=/usr -DQUORVIA_TESTS=OFF \
+		$(CMAKE_PACKAGE_FLAGS) >/dev/null
+	@cmake --build $(PACKAGE_DIR) -j $(JOBS)
+	@cd $(PACKAGE_DIR) && $(PACKAGE_ENV) cpack
+	@ls $(PACKAGE_DIR)/*.deb
 
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks quorvia quorvia-cli

@@ -35,3 +35,9 @@ set(ENV{PKG_CONFIG_LIBDIR}
 set(CMAKE_CROSSCOMPILING_EMULATOR
     /usr/bin/qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L ${CMAKE_SYSROOT}
     -E QEMU_LD_PREFIX=${CMAKE_SYSROOT})
+
+# make package: a .deb for the router's architecture, whose dependencies
+# dpkg-shlibdeps takes from the sysroot's libraries.
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${QUORVIA_ARCH})
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    ${CMAKE_SYSROOT}/lib/${triplet} ${CMAKE_SYSROOT}/usr/lib/${triplet})

@@ -67,8 +67,9 @@ make_sysroot() {
     [ "$(cat "$dir/done" 2>/dev/null)" = "$(echo $LIBRARIES)" ] && return 0
     echo "install-deps: making $dir from Debian's $arch packages"
     rm -rf "$dir"
-    mkdir -p "$dir/apt/lists/partial" "$dir/apt/archives/partial" "$dir/root"
+    mkdir -p "$dir/apt/lists/partial" "$dir/apt/archives/partial" "$dir/root" "$dir/dpkg/info"
     : > "$dir/apt/status"
+    echo 1 > "$dir/dpkg/info/format"  # info/PACKAGE:ARCH.list for Multi-Arch: same
     cat > "$dir/apt/apt.conf" <<CONF
 APT::Architecture "$arch";
 APT::Architectures { "$arch"; };
@@ -85,7 +86,7 @@ CONF
     # shellcheck disable=SC2086
     apt-get install -qq -y --download-only $LIBRARIES >/dev/null
     for deb in "$dir"/apt/archives/*.deb; do
-        dpkg-deb -x "$deb" "$dir/root"
+        register "$deb"
     done
     rm -rf "$dir/apt"
     # Links to /lib/... would leave the sysroot for the machine's own files.
@@ -93,6 +94,26 @@ CONF
         ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$dir/root$(readlink "$link")")" "$link"
     done
     echo $LIBRARIES > "$dir/done"
+}
+
+# Unpacks a package into the sysroot and enters it in build-sysroot-ARCH/dpkg,
+# a dpkg database where the sysroot's packages are installed at their paths
+# in the sysroot: what dpkg-shlibdeps reads to give a cross-built package its
+# dependencies.
+register() {
+    name=$(dpkg-deb -f "$1" Package)
+    [ "$(dpkg-deb -f "$1" Multi-Arch)" = same ] && name="$name:$arch"
+    dpkg-deb -f "$1" Package Version Architecture Multi-Arch Maintainer Description >> "$dir/dpkg/status"
+    printf 'Status: install ok installed\n\n' >> "$dir/dpkg/status"
+    dpkg-deb -X "$1" "$dir/root" | sed "s|^\./|$dir/root/|; s|/$||" > "$dir/dpkg/info/$name.list"
+    control=$(mktemp -d)
+    dpkg-deb -e "$1" "$control"
+    for file in shlibs symbols; do
+        if [ -f "$control/$file" ]; then
+            cp "$control/$file" "$dir/dpkg/info/$name.$file"
+        fi
+    done
+    rm -rf "$control"
 }
 
 # The daemon's tests start built programs, which run here through qemu once
