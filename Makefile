@@ -33,7 +33,7 @@ PACKAGE_ENV := DEB_HOST_ARCH=$(ARCH) DPKG_ADMINDIR=$(CURDIR)/build-sysroot-$(ARC
 endif
 
 .PHONY: all deps cross-deps configure build test cross-configure cross test-cross install \
-	package bench fuzz soak mutants run clean
+	package bench cross-figures fuzz soak mutants run clean
 
 all: build
 
@@ -82,6 +82,16 @@ package: $(PACKAGE_DEPS)
 bench: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target benchmarks quorvia quorvia-cli
 	@sh bench/run.sh $(BUILD_DIR)
+
+# Sizes of the daemon for this machine, arm64 and armhf, and its memory and
+# request rate on arm64 under qemu-user.
+cross-figures: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target quorvia
+	@$(MAKE) --no-print-directory cross-configure ARCH=armhf
+	@cmake --build build-armhf -j $(JOBS) --target quorvia
+	@$(MAKE) --no-print-directory cross-configure ARCH=arm64
+	@cmake --build build-arm64 -j $(JOBS) --target quorvia RpcBench
+	@sh scripts/cross-figures.sh $(BUILD_DIR) build-arm64 build-armhf
 
 fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DQUORVIA_FUZZ=ON >/dev/null
