@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
+#include <wand/MagickWand.h>
 
 #include <cstdlib>
 #include <functional>
@@ -42,6 +43,23 @@ Resized resize(ImageUtil& util, const std::string& source, std::string target, i
     std::free(buffer);
     return r;
 }
+
+// Under qemu-user ImageMagick looks for its coder modules with faccessat2,
+// which qemu 7.2 does not send into the sysroot: it finds none, and what it
+// would read is not tested there.
+#ifdef QUORVIA_EMULATED
+bool magickFindsItsCoders() {
+    MagickWandGenesis();
+    MagickWand* const probe = NewMagickWand();
+    const bool found = MagickReadImage(probe, "xc:red") != MagickFalse;
+    DestroyMagickWand(probe);
+    return found;
+}
+#define SKIP_WHERE_MAGICK_HAS_NO_CODERS() \
+    if (!magickFindsItsCoders()) GTEST_SKIP() << "ImageMagick finds no coder modules under qemu-user"
+#else
+#define SKIP_WHERE_MAGICK_HAS_NO_CODERS()
+#endif
 
 class ImageUtilThumbnailTest : public DeviceRootTest {
 protected:
@@ -196,6 +214,7 @@ TEST_F(ImageUtilThumbnailTest, SavingWritesTheBlockAndRefusesEmptyOrUnwritableRe
 }
 
 TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     struct Case {
         int orientation;
         const char* geometry;
@@ -217,6 +236,7 @@ TEST_F(ImageUtilThumbnailTest, ExifThumbnailsAreWrittenUpright) {
 }
 
 TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIsSharedByHash) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     // Padded behind its end to exactly the limit.
     const std::string atLimit = photo("at-limit.jpg", 1600, 1200, false, 0);
     std::string padded = slurp(atLimit);
@@ -309,6 +329,7 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
 // resizePng reads the header through libpng first; resizeGif samples every
 // frame. Both refuse sources beyond their limits and write nothing then.
 TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     typedef int (ImageUtil::*Resize)(const std::string&, int, int*, int*, std::string&);
     const Resize png = &ImageUtil::resizePng, gif = &ImageUtil::resizeGif;
     const std::string still = photo("p.png", 300, 200, false, 0), anim = dir_ + "/anim.gif";
@@ -368,6 +389,7 @@ TEST_F(ImageUtilThumbnailTest, PngAndGifResizeWithinTheirLimits) {
 // its target, and a path through a folder of the tree that is a link is
 // refused.
 TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroughRegression) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     alarm(60);  // a write that waits on a FIFO ends the test
     const std::string outside = root() + "/outside.txt", nowhere = root() + "/nowhere";
     writeAll(outside, "outside");

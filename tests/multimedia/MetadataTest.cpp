@@ -89,6 +89,8 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         {"1980 stands", "-DateTimeOriginal='1980:01:01 00:00:00'", kDefault,
          localTime(1980, 1, 1, 0, 0, 0), 0},
         {"1979 gives way to mtime", "-DateTimeOriginal='1979:12:31 23:59:59'", 0, kMtime, 0},
+        // Past 32 bits: wrapped, or refused where time_t has 32 bits (armhf).
+        {"2040 gives way to mtime", "-DateTimeOriginal='2040:01:01 00:00:00'", 0, kMtime, 0},
         {"no date tag, mtime", "-Make=Quorvia", 0, kMtime, 0},
         // Without EXIF the default stands, even when there is none.
         {"no exif, no default", "", 0, 0, -1},

@@ -1,7 +1,9 @@
 #include "tools/HashCalculator.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -70,6 +72,22 @@ TEST_F(HashCalculatorTest, FilesUpToTheLimitAreHashedWholeAndLargerOnesByFourSam
         EXPECT_EQ(opensslSha1(samples), bothForms(bytes));
     }
     EXPECT_TRUE(log_.lines().empty());
+}
+
+// Samples past 2 and 4 GiB of a sparse file come from their offsets, also
+// where long is 32 bits (armhf): an offset cut to 32 bits reads a hole.
+TEST_F(HashCalculatorTest, SamplesPastFourGiBComeFromTheirOffsets) {
+    const uint64_t size = 5 * 1024 * kMiB + 3;
+    const uint64_t offsets[] = {0, size / 4, size / 2, size - kMiB};
+    const std::string samples = pattern(4 * kMiB);
+    const int fd = open(path("/big").c_str(), O_WRONLY | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(ssize_t(kMiB), pwrite(fd, samples.data() + i * kMiB, kMiB, offsets[i]));
+    }
+    ASSERT_EQ(0, ftruncate(fd, size));
+    close(fd);
+    EXPECT_EQ(opensslSha1(samples), HashCalculator::calcFile(path("/big")));
 }
 
 // Anything but a regular file has no hash, and a FIFO never blocks the call.
