@@ -28,7 +28,7 @@ LogOutput& output() {
 
 std::atomic<LogQueue*> gQueue(nullptr);
 
-void writeLine(const LogRecord& record) { output().write(record); }
+void writeBatch(const std::deque<LogRecord>& batch) { output().write(batch); }
 
 void flushAtExit() { Log::sFlush(); }
 
@@ -54,7 +54,7 @@ void Log::sStartThread() {
     if (gQueue.load() != nullptr) {
         return;
     }
-    gQueue.store(new LogQueue(&writeLine));  // lives as long as the process
+    gQueue.store(new LogQueue(&writeBatch));  // lives as long as the process
     pthread_atfork(NULL, NULL, &writeOwnLinesInChild);
     atexit(&flushAtExit);
     google::InstallFailureWriter(&writeCrashReport);

@@ -25,7 +25,20 @@ LogOutput::LogOutput(const std::string& syslogPath, const std::string& identity,
 
 void LogOutput::write(const LogRecord& record) {
     boost::lock_guard<boost::mutex> lock(mutex_);
-    syslog_.send(record.severity, record.when, record.text);
+    writeLocked(record);
+    syslog_.flush();
+}
+
+void LogOutput::write(const std::deque<LogRecord>& batch) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    for (const LogRecord& record : batch) {
+        writeLocked(record);
+    }
+    syslog_.flush();
+}
+
+void LogOutput::writeLocked(const LogRecord& record) {
+    syslog_.queue(record.severity, record.when, record.text);
     sWriteToGlog(record, format(record));
     if (sinks_.empty()) {
         return;

@@ -4,6 +4,7 @@
 #include <glog/logging.h>
 
 #include <boost/thread/mutex.hpp>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ public:
     virtual ~LogOutput() {}
 
     void write(const LogRecord& record);
+    // The lines in order; syslog gets them in one send.
+    void write(const std::deque<LogRecord>& batch);
 
     void setIdentity(const std::string& identity);
     // sink receives every later line; it stays the caller's.
@@ -37,6 +40,7 @@ public:
     std::string format(const LogRecord& record);
 
 private:
+    void writeLocked(const LogRecord& record);
     const std::string& date(time_t second);
     static void sWriteToGlog(const LogRecord& record, const std::string& line);
 

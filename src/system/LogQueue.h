@@ -33,9 +33,10 @@ public:
     // them: the delay of a line in the log.
     static constexpr int kGatherMillis = 5;
 
-    typedef boost::function<void(const LogRecord&)> Output;
+    typedef boost::function<void(const std::deque<LogRecord>&)> Output;
 
-    // Starts the writing thread; output is called on it only.
+    // Starts the writing thread; output is called on it only, with each
+    // batch in order.
     explicit LogQueue(const Output& output);
     // Writes what is still queued, then ends the thread.
     virtual ~LogQueue();

@@ -4,10 +4,12 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "system/DeviceRoot.h"
@@ -44,25 +46,75 @@ long long SyslogClient::sSteadyMillis() {
 }
 
 bool SyslogClient::send(int severity, const struct timespec& when, const std::string& text) {
-    if (fd_ < 0 && !connectWithinBackOff()) {
-        return false;
-    }
+    queue(severity, when, text);
+    return flush() == 1;
+}
+
+void SyslogClient::queue(int severity, const struct timespec& when, const std::string& text) {
     const int level =
         severity >= 0 && severity < kSeverities ? kLevelOfSeverity[severity] : LOG_ERR;
-    std::string datagram = "<" + std::to_string(kFacility | level) + ">" + stamp(when) + text;
-    if (stream_) {
-        datagram.push_back('\0');  // on a stream socket a line ends at a NUL
+    pending_.push_back("<" + std::to_string(kFacility | level) + ">" + stamp(when) + text);
+}
+
+size_t SyslogClient::flush() {
+    size_t sent = 0;
+    if (!pending_.empty() && (fd_ >= 0 || connectWithinBackOff())) {
+        const size_t stopped = sendFrom(0, sent);
+        // The listener went away (a syslog daemon restarted): a new
+        // connection, within the back-off, for the lines not sent.
+        if (stopped < pending_.size() && errno != EAGAIN && errno != EWOULDBLOCK) {
+            close();
+            if (connectWithinBackOff()) {
+                sendFrom(stopped, sent);
+            }
+        }
     }
-    if (sendOnce(datagram)) {
-        return true;
+    pending_.clear();
+    return sent;
+}
+
+// Sends the lines from first on and counts those that left in sent; answers
+// where it stopped: the end, or the line refused with errno telling why. A
+// line too long for the listener is skipped; a listener that does not read
+// now (EAGAIN) ends the batch, as it would refuse the rest too.
+size_t SyslogClient::sendFrom(size_t first, size_t& sent) {
+    if (!stream_) {
+        return sendDatagramsFrom(first, sent);
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EMSGSIZE) {
-        return false;  // a listener that does not read now, or a line too long for it
+    size_t next = first;
+    // On a stream socket a line ends at a NUL.
+    for (; next < pending_.size() && sendOnce(pending_[next] + '\0'); ++next) {
+        ++sent;
     }
-    // The listener went away (a syslog daemon restarted): a new connection,
-    // within the back-off.
-    close();
-    return connectWithinBackOff() && sendOnce(datagram);
+    return next;
+}
+
+size_t SyslogClient::sendDatagramsFrom(size_t first, size_t& sent) {
+    std::vector<struct iovec> parts(pending_.size() - first);
+    std::vector<struct mmsghdr> messages(parts.size());
+    for (size_t i = 0; i < parts.size(); ++i) {
+        parts[i].iov_base = &pending_[first + i][0];
+        parts[i].iov_len = pending_[first + i].size();
+        memset(&messages[i], 0, sizeof(messages[i]));
+        messages[i].msg_hdr.msg_iov = &parts[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    size_t next = first;
+    while (next < pending_.size()) {
+        const unsigned int count =
+            static_cast<unsigned int>(std::min<size_t>(pending_.size() - next, UIO_MAXIOV));
+        const int done =
+            sendmmsg(fd_, &messages[next - first], count, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (done > 0) {
+            next += static_cast<size_t>(done);
+            sent += static_cast<size_t>(done);
+        } else if (errno == EMSGSIZE) {
+            ++next;
+        } else {
+            break;
+        }
+    }
+    return next;
 }
 
 // "Nov 25 14:37:42 quorvia[812]: ": the month in English whatever the
@@ -113,12 +165,12 @@ bool SyslogClient::connectWithinBackOff() {
     return false;
 }
 
-bool SyslogClient::sendOnce(const std::string& datagram) {
-    const ssize_t sent = ::send(fd_, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent >= 0 && static_cast<size_t>(sent) < datagram.size()) {
+bool SyslogClient::sendOnce(const std::string& line) {
+    const ssize_t sent = ::send(fd_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0 && static_cast<size_t>(sent) < line.size()) {
         errno = EPIPE;  // half a line on a stream: start again on a new connection
     }
-    return sent >= 0 && static_cast<size_t>(sent) == datagram.size();
+    return sent >= 0 && static_cast<size_t>(sent) == line.size();
 }
 
 void SyslogClient::close() {

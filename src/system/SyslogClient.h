@@ -5,6 +5,7 @@
 
 #include <boost/function.hpp>
 #include <string>
+#include <vector>
 
 namespace talvern {
 
@@ -40,12 +41,20 @@ public:
     // the back-off, a listener that does not read, a refused line).
     bool send(int severity, const struct timespec& when, const std::string& text);
 
+    // The same for many lines: queue each, then flush, which sends them in
+    // one system call on a datagram socket, so that a syslog daemon is woken
+    // once for a batch rather than once a line. flush answers how many left.
+    void queue(int severity, const struct timespec& when, const std::string& text);
+    size_t flush();
+
     static long long sSteadyMillis();
 
 private:
     const std::string& stamp(const struct timespec& when);
     bool connectWithinBackOff();
-    bool sendOnce(const std::string& datagram);
+    size_t sendFrom(size_t first, size_t& sent);
+    size_t sendDatagramsFrom(size_t first, size_t& sent);
+    bool sendOnce(const std::string& line);
     void close();
 
     std::string socketPath_;
@@ -56,6 +65,7 @@ private:
     long long nextAttemptMillis_;
     time_t stampSecond_;
     std::string stamp_;
+    std::vector<std::string> pending_;
 };
 
 }  // namespace talvern

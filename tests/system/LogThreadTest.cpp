@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <deque>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
@@ -66,10 +67,18 @@ private:
     std::vector<std::string> texts_;
 };
 
+LogQueue::Output into(Written& written) {
+    return [&written](const std::deque<LogRecord>& batch) {
+        for (const LogRecord& record : batch) {
+            written.write(record);
+        }
+    };
+}
+
 TEST(LogThreadTest, EachThreadsLinesArriveInItsOrder) {
     Written written(true);
     {
-        LogQueue queue([&written](const LogRecord& record) { written.write(record); });
+        LogQueue queue(into(written));
         const int threads = 4, lines = 5000;
         std::vector<std::thread> sayers;
         for (int t = 0; t < threads; ++t) {
@@ -97,7 +106,7 @@ TEST(LogThreadTest, EachThreadsLinesArriveInItsOrder) {
 // written once the writer goes on: nothing is dropped.
 TEST(LogThreadTest, AFullQueueMakesTheCallerWait) {
     Written written(false);
-    LogQueue queue([&written](const LogRecord& record) { written.write(record); });
+    LogQueue queue(into(written));
     queue.push(recordOf("taken by the stuck writer"));
     written.waitForTheWriter();
     for (size_t i = 0; i < LogQueue::kMaxLines; ++i) {
