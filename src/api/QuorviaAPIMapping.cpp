@@ -36,13 +36,30 @@ bool coversWholeTree(const std::string& root) {
     return root.find_first_not_of('/') == std::string::npos;
 }
 
-// json-c copies the thread's locale for every document it parses, under
-// glibc's process-wide locale lock, unless the thread runs in the static C
-// locale: request threads take that one once. The daemon never sets a
-// locale, so C is what they ran in before as well.
-void useStaticCLocale() {
+struct TokenerRelease {
+    void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
+};
+
+// What json_tokener_parse makes of text. Each request thread keeps one
+// parser, in the static C locale: json-c otherwise allocates a parser for
+// every document and copies the thread's locale under glibc's process-wide
+// locale lock. The daemon never sets a locale, so C is what these threads
+// ran in before as well.
+json_object* parse(const std::string& text) {
     static thread_local const locale_t previous = uselocale(newlocale(LC_ALL_MASK, "C", NULL));
+    static thread_local const std::unique_ptr<json_tokener, TokenerRelease> tokener(
+        json_tokener_new());
     (void)previous;
+    if (!tokener) {
+        return NULL;
+    }
+    json_tokener_reset(tokener.get());
+    json_object* document = json_tokener_parse_ex(tokener.get(), text.c_str(), -1);
+    if (json_tokener_get_error(tokener.get()) != json_tokener_success && document != NULL) {
+        json_object_put(document);
+        document = NULL;
+    }
+    return document;
 }
 
 std::string jsonStringOf(ApiErrorCode code) {
@@ -57,8 +74,7 @@ std::string jsonStringOf(ApiErrorCode code) {
 
 std::string QuorviaAPIMapping::redirectRequest(const std::string& request) const {
     std::string result;
-    useStaticCLocale();
-    JsonHolder document(json_tokener_parse(request.c_str()));
+    JsonHolder document(parse(request));
     QLOG(INFO) << "QuorviaAPIMapping, jobj is null? " << (document ? 0 : 1);
     if (!document) {
         return result;
