@@ -58,13 +58,14 @@ install_missing() {
     apt-get install -y -qq --no-install-recommends $missing >/dev/null
 }
 
-# build-sysroot-ARCH/root, made again when the library list changes. apt runs
+# build-sysroot-ARCH/root, made again when the library list changes or the
+# checkout moved (its dpkg lists name the sysroot's own paths). apt runs
 # with state of its own there, as if ARCH were the machine's architecture and
 # nothing were installed, so that it downloads the whole dependency closure.
 make_sysroot() {
     top=$(cd "$(dirname "$0")/.." && pwd)
     dir=$top/build-sysroot-$arch
-    [ "$(cat "$dir/done" 2>/dev/null)" = "$(echo $LIBRARIES)" ] && return 0
+    [ "$(cat "$dir/done" 2>/dev/null)" = "$(echo "$dir" $LIBRARIES)" ] && return 0
     echo "install-deps: making $dir from Debian's $arch packages"
     rm -rf "$dir"
     mkdir -p "$dir/apt/lists/partial" "$dir/apt/archives/partial" "$dir/root" "$dir/dpkg/info"
@@ -93,7 +94,7 @@ CONF
     find "$dir/root" -lname '/*' | while read -r link; do
         ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$dir/root$(readlink "$link")")" "$link"
     done
-    echo $LIBRARIES > "$dir/done"
+    echo "$dir" $LIBRARIES > "$dir/done"
 }
 
 # Unpacks a package into the sysroot and enters it in build-sysroot-ARCH/dpkg,
