@@ -103,9 +103,10 @@ soak: configure
 	@SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/soak/DaemonSoak
 
 # What the suite catches: MUTANTS mutants from SEED, each built and tested in
-# a copy of the tree under build-mutants.
+# a copy of the tree under build-mutants; MATRIX=1 names the tests that kill
+# each one.
 mutants: deps
-	@python3 scripts/mutants.py --mutants $(MUTANTS) --seed $(SEED)
+	@python3 scripts/mutants.py --mutants $(MUTANTS) --seed $(SEED) $(if $(MATRIX),--matrix)
 
 # The daemon in the foreground on a demo device root under the build folder.
 run: build
