@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <string>
 
-#include "api/ApiBase.h"
 #include "multimedia/QuorviaContext.h"
 #include "multimedia/QuorviaDBMgr.h"
 #include "support/DeviceRootTest.h"
