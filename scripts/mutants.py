@@ -179,11 +179,6 @@ def build(tree, limit):
     return run(["cmake", "--build", "build", "-j", "2"], tree, limit)
 
 
-def test(tree, limit):
-    return run(["ctest", "--test-dir", "build", "-j", "2", "--stop-on-failure",
-                "--timeout", "120"], tree, limit)
-
-
 def ctest_output(arguments, tree, limit):
     """ctest's exit status and standard output, or (None, "") past limit seconds."""
     try:
@@ -195,9 +190,11 @@ def ctest_output(arguments, tree, limit):
         return None, ""
 
 
-def failing_tests(tree, limit):
-    """The whole suite's exit status and the names of the tests that failed."""
-    status, output = ctest_output(["-j", "2", "--timeout", "120"], tree, limit)
+def test(tree, limit, whole=False):
+    """The suite's exit status (None past limit seconds) and the names of the
+    tests that failed; it stops at the first failure unless whole."""
+    stop = [] if whole else ["--stop-on-failure"]
+    status, output = ctest_output(["-j", "2", "--timeout", "120"] + stop, tree, limit)
     failed = output.partition("The following tests FAILED:")[2]
     return status, re.findall(r"^\s*\d+ - (\S+)", failed, re.M)
 
@@ -255,7 +252,7 @@ def main():
     print("%d mutants, seed %d; building the unmutated copy in %s" % (len(mutants), args.seed, tree))
     sys.stdout.flush()
     configure = ["cmake", "-S", ".", "-B", "build", "-DQUORVIA_CORE_SHARED=ON"]
-    if run(configure, tree, 600) != 0 or build(tree, 3600) != 0 or test(tree, 3600) != 0:
+    if run(configure, tree, 600) != 0 or build(tree, 3600) != 0 or test(tree, 3600)[0] != 0:
         print("the unmutated copy does not build or pass its suite: no mutants run")
         return 1
 
@@ -264,6 +261,7 @@ def main():
     killers = collections.OrderedDict()
     for index, mutant in enumerate(mutants, 1):
         path, number, _, _, _, what = mutant
+        label = "%s:%d: %s" % (path, number, what)
         started = time.time()
         full, original = mutate(tree, mutant)
         try:
@@ -273,23 +271,20 @@ def main():
                 outcome = "timed out"
             elif built != 0:
                 outcome = "unbuildable"
-            elif args.matrix:
-                status, failed = failing_tests(tree, max(1, left))
-                outcome = "timed out" if status is None else "killed" if status else "survived"
-                if failed:
-                    killers["%s:%d: %s" % (path, number, what)] = failed
             else:
-                status = test(tree, max(1, left))
+                status, failed = test(tree, max(1, left), args.matrix)
                 outcome = "timed out" if status is None else "killed" if status else "survived"
+                if args.matrix and failed:
+                    killers[label] = failed
         finally:
             restore(full, original)
         results[room_of(path)][outcome] += 1
         if outcome == "survived":
-            survivors.append("%s:%d: %s" % (path, number, what))
-        print("%3d/%d %-12s %s:%d: %s (%.0f s)" % (index, len(mutants), outcome, path, number,
-                                                  what, time.time() - started))
-        if args.matrix and outcome == "killed":
-            print("          by " + " ".join(killers.get("%s:%d: %s" % (path, number, what), [])))
+            survivors.append(label)
+        print("%3d/%d %-12s %s (%.0f s)" % (index, len(mutants), outcome, label,
+                                           time.time() - started))
+        if label in killers:
+            print("          by " + " ".join(killers[label]))
         sys.stdout.flush()
     # The copy is left as it was before the mutants: build it back.
     build(tree, 3600)
