@@ -206,13 +206,13 @@ def all_tests(tree):
 
 def print_matrix(tree, killers):
     """Tests that killed no mutant, and mutants that one test alone killed."""
-    killing = set(name for names in killers.values() for name in names)
+    killing = set(name for _, names in killers for name in names)
     print("\ntests that killed no mutant:")
     for name in all_tests(tree):
         if name not in killing:
             print("  " + name)
     print("\nmutants that one test alone killed:")
-    for mutant, names in killers.items():
+    for mutant, names in killers:
         if len(names) == 1:
             print("  %s by %s" % (mutant, names[0]))
 
@@ -258,11 +258,14 @@ def main():
 
     results = collections.defaultdict(collections.Counter)
     survivors = []
-    killers = collections.OrderedDict()
+    # (label, tests) per killed mutant, in order; two mutants of one line
+    # share a label, so it is no key.
+    killers = []
     for index, mutant in enumerate(mutants, 1):
         path, number, _, _, _, what = mutant
         label = "%s:%d: %s" % (path, number, what)
         started = time.time()
+        failed = []
         full, original = mutate(tree, mutant)
         try:
             built = build(tree, args.limit)
@@ -275,7 +278,7 @@ def main():
                 status, failed = test(tree, max(1, left), args.matrix)
                 outcome = "timed out" if status is None else "killed" if status else "survived"
                 if args.matrix and failed:
-                    killers[label] = failed
+                    killers.append((label, failed))
         finally:
             restore(full, original)
         results[room_of(path)][outcome] += 1
@@ -283,8 +286,8 @@ def main():
             survivors.append(label)
         print("%3d/%d %-12s %s (%.0f s)" % (index, len(mutants), outcome, label,
                                            time.time() - started))
-        if label in killers:
-            print("          by " + " ".join(killers[label]))
+        if args.matrix and failed:
+            print("          by " + " ".join(failed))
         sys.stdout.flush()
     # The copy is left as it was before the mutants: build it back.
     build(tree, 3600)
