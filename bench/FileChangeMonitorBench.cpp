@@ -9,11 +9,11 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <boost/chrono.hpp>
 #include <boost/filesystem.hpp>
 #include <string>
 #include <vector>
 
+#include "Seconds.h"
 #include "Targets.h"
 #include "backup/inotify/FileChangeMonitor.h"
 #include "system/ConfigInfo.h"
@@ -23,11 +23,8 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-typedef boost::chrono::steady_clock Clock;
-
-double secondsSince(Clock::time_point start) {
-    return boost::chrono::duration<double>(Clock::now() - start).count();
-}
+using quorvia_bench::Clock;
+using quorvia_bench::secondsSince;
 
 // Never has events: the batch is fed by hand and a pass is always quiet.
 class QuietKernel : public InotifyKernel {

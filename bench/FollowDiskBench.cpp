@@ -15,6 +15,7 @@
 
 #include "BenchDaemon.h"
 #include "LoadGenerator.h"
+#include "Seconds.h"
 #include "backup/inotify/FileChangeMonitor.h"
 #include "multimedia/QuorviaDBMgr.h"
 
@@ -29,11 +30,8 @@ const int kOverflowFolderFiles = 100000;
 const int kOverflowStoreRows = 1000000;
 const double kMaxWaitSeconds = 60;
 
-typedef std::chrono::steady_clock Clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using quorvia_bench::Clock;
+using quorvia_bench::secondsSince;
 
 bool run(const std::string& command) { return system(command.c_str()) == 0; }
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Seconds.h"
 #include "multimedia/QuorviaDBMgr.h"
 #include "system/Log.h"
 
@@ -21,11 +22,8 @@ const int kFolderRows = 10000;
 const int kBaselineStoreRows = 20000;
 const int kBaselineFolderRows = 20;
 
-typedef std::chrono::steady_clock Clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using quorvia_bench::Clock;
+using quorvia_bench::secondsSince;
 
 void exec(sqlite3* db, const std::string& sql) { sqlite3_exec(db, sql.c_str(), NULL, NULL, NULL); }
 
