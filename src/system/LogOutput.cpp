@@ -1,5 +1,6 @@
 #include "system/LogOutput.h"
 
+#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -31,8 +32,12 @@ void LogOutput::write(const LogRecord& record) {
 
 void LogOutput::write(const std::deque<LogRecord>& batch) {
     boost::lock_guard<boost::mutex> lock(mutex_);
+    size_t written = 0;
     for (const LogRecord& record : batch) {
         writeLocked(record);
+        if (++written % kYieldLines == 0) {
+            sched_yield();
+        }
     }
     syslog_.flush();
 }
