@@ -162,6 +162,12 @@ inline std::string makeRoot(int rows) {
     return root;
 }
 
+// Removes a root of makeRoot; true when it is gone.
+inline bool removeRoot(const std::string& root) {
+    const std::string command = "rm -rf '" + root + "'";
+    return system(command.c_str()) == 0;
+}
+
 inline std::string imageRequest(const std::string& path, const std::string& hash) {
     return "{\"api\":0,\"path\":\"" + path + "\",\"name\":\"photo.jpg\",\"hash\":\"" + hash +
            "\",\"defaultModifyTime\":0}";

@@ -56,6 +56,5 @@ int main() {
         printf("hit in the handler, %d rows, %3d us asleep between requests: %6.1f us\n",
                kStoreRows, sleepMicros, microsPerRequest(handler, root, sleepMicros));
     }
-    const std::string remove = "rm -rf " + root;
-    return system(remove.c_str()) == 0 ? 0 : 1;
+    return quorvia_bench::removeRoot(root) ? 0 : 1;
 }

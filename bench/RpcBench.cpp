@@ -292,6 +292,5 @@ int main() {
     benchMemory(root);
     benchMissPath(root, seconds, false);
     benchMissPath(root, seconds, true);
-    const std::string cleanup = "rm -rf '" + root + "'";
-    return system(cleanup.c_str()) == 0 && !gFailed ? 0 : 1;
+    return quorvia_bench::removeRoot(root) && !gFailed ? 0 : 1;
 }

@@ -29,9 +29,9 @@ public:
     static constexpr size_t kYieldLines = 8;
 
     void write(const LogRecord& record);
-    // The lines in order; syslog gets them in one send. The caller gives the
-    // processor away after every kYieldLines lines: a request thread woken
-    // on it then waits for a few lines' writing, not for a whole batch.
+    // The lines in order; syslog gets them in one send. Gives the processor
+    // away after every kYieldLines lines: a request thread woken on it then
+    // waits for a few lines' writing, not for a whole batch.
     void write(const std::deque<LogRecord>& batch);
 
     void setIdentity(const std::string& identity);
