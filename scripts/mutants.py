@@ -10,7 +10,8 @@ limit, and prints killed / survived / timed out per room with each survivor.
     scripts/mutants.py --only "src/x.cpp:12:negate condition" ...
 
 --only runs the named mutants alone, as a survivor list names them: what a
-new test catches, or what a cut one let through.
+new test catches, or what a cut one let through. --tests REGEX runs only the
+tests whose names match (ctest -R): what one test file still catches.
 
 --matrix runs the whole suite on each mutant instead of stopping at the first
 failure, prints the tests that killed it, and at the end the tests that
@@ -190,25 +191,27 @@ def ctest_output(arguments, tree, limit):
         return None, ""
 
 
-def test(tree, limit, whole=False):
+def test(tree, limit, whole=False, only=None):
     """The suite's exit status (None past limit seconds) and the names of the
-    tests that failed; it stops at the first failure unless whole."""
+    tests that failed; it stops at the first failure unless whole. With only,
+    just the tests whose names match that pattern run."""
     stop = [] if whole else ["--stop-on-failure"]
-    status, output = ctest_output(["-j", "2", "--timeout", "120"] + stop, tree, limit)
+    chosen = ["-R", only] if only else []
+    status, output = ctest_output(["-j", "2", "--timeout", "120"] + stop + chosen, tree, limit)
     failed = output.partition("The following tests FAILED:")[2]
     return status, re.findall(r"^\s*\d+ - (\S+)", failed, re.M)
 
 
-def all_tests(tree):
-    _, output = ctest_output(["-N"], tree, 600)
+def all_tests(tree, only=None):
+    _, output = ctest_output(["-N"] + (["-R", only] if only else []), tree, 600)
     return re.findall(r"^\s*Test\s+#\d+: (\S+)", output, re.M)
 
 
-def print_matrix(tree, killers):
+def print_matrix(tree, killers, only):
     """Tests that killed no mutant, and mutants that one test alone killed."""
     killing = set(name for _, names in killers for name in names)
     print("\ntests that killed no mutant:")
-    for name in all_tests(tree):
+    for name in all_tests(tree, only):
         if name not in killing:
             print("  " + name)
     print("\nmutants that one test alone killed:")
@@ -243,6 +246,8 @@ def main():
     parser.add_argument("--limit", type=int, default=600,
                         help="seconds for each mutant's build and suite")
     parser.add_argument("--only", nargs="+", metavar="PATH:LINE:CHANGE")
+    parser.add_argument("--tests", metavar="REGEX",
+                        help="run only the tests whose names match")
     parser.add_argument("--matrix", action="store_true",
                         help="run the whole suite on each mutant and say which tests kill it")
     args = parser.parse_args()
@@ -252,7 +257,7 @@ def main():
     print("%d mutants, seed %d; building the unmutated copy in %s" % (len(mutants), args.seed, tree))
     sys.stdout.flush()
     configure = ["cmake", "-S", ".", "-B", "build", "-DQUORVIA_CORE_SHARED=ON"]
-    if run(configure, tree, 600) != 0 or build(tree, 3600) != 0 or test(tree, 3600)[0] != 0:
+    if run(configure, tree, 600) != 0 or build(tree, 3600) != 0 or test(tree, 3600, only=args.tests)[0] != 0:
         print("the unmutated copy does not build or pass its suite: no mutants run")
         return 1
 
@@ -275,7 +280,7 @@ def main():
             elif built != 0:
                 outcome = "unbuildable"
             else:
-                status, failed = test(tree, max(1, left), args.matrix)
+                status, failed = test(tree, max(1, left), args.matrix, args.tests)
                 outcome = "timed out" if status is None else "killed" if status else "survived"
                 if args.matrix and failed:
                     killers.append((label, failed))
@@ -304,7 +309,7 @@ def main():
         for survivor in survivors:
             print("  " + survivor)
     if args.matrix:
-        print_matrix(tree, killers)
+        print_matrix(tree, killers, args.tests)
     return 0
 
 
