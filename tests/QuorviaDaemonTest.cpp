@@ -167,10 +167,8 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(-1, daemon_.waitForExit(0));
-    const std::string err = slurpHolding(path("/daemon.err"), "crashed the daemon");
-    EXPECT_NE(std::string::npos,
-              err.find("media file " + clip + " crashed the daemon while it was read; it is not "
-                       "read again")) << err;
+    EXPECT_TRUE(daemonSaid("media file " + clip +
+                           " crashed the daemon while it was read; it is not read again"));
 }
 
 }  // namespace

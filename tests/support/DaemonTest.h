@@ -56,6 +56,16 @@ protected:
                        " < " + quoted(path("/query.sql")) + " 2>&1");
     }
 
+    // Whether the daemon's standard error holds text within five seconds.
+    ::testing::AssertionResult daemonSaid(const std::string& text) {
+        const std::string err = slurpHolding(path("/daemon.err"), text);
+        if (err.find(text) != std::string::npos) {
+            return ::testing::AssertionSuccess();
+        }
+        return ::testing::AssertionFailure() << "the daemon did not say \"" << text << "\":\n"
+                                             << err;
+    }
+
     // Polls done until it holds or ten seconds have passed.
     static bool waitUntil(const std::function<bool()>& done) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iterator>
@@ -82,23 +83,9 @@ void initLoggingOnce() {
     }
 }
 
-std::string toolFileName(const std::string& key) {
-    std::string name(key);
-    for (size_t i = 0; i < name.size(); ++i) {
-        if (name[i] == '/') {
-            name[i] = '_';
-        }
-    }
-    return name;
-}
-
-}  // namespace
-
 std::string deviceToolsDir() { return std::string(QUORVIA_SOURCE_DIR) + "/tools/device"; }
 
-std::string sampleLocalizationDir() {
-    return std::string(QUORVIA_SOURCE_DIR) + "/data/localization";
-}
+}  // namespace
 
 void DeviceRootTest::SetUp() {
     initLoggingOnce();
@@ -114,7 +101,7 @@ void DeviceRootTest::SetUp() {
     fs::create_directories(path("/sbin"));
     fs::create_directories(path("/usr/sbin"));
     fs::create_directories(path("/tmp"));
-    ASSERT_EQ(0, shell("cp -r '" + sampleLocalizationDir() + "' '" +
+    ASSERT_EQ(0, shell("cp -r '" + std::string(QUORVIA_SOURCE_DIR) + "/data/localization' '" +
                        path("/etc/talvernconfig/localization") + "'"));
     fs::create_symlink(deviceToolsDir() + "/uci", path("/sbin/uci"));
     fs::create_symlink(deviceToolsDir() + "/sysapi", path("/usr/sbin/sysapi"));
@@ -137,7 +124,9 @@ std::string DeviceRootTest::readFile(const std::string& fixedPath) const {
 
 void DeviceRootTest::setToolValue(const std::string& tool, const std::string& key,
                                   const std::string& value) const {
-    writeFile("/device/" + tool + "/" + toolFileName(key), value);
+    std::string name = key;
+    std::replace(name.begin(), name.end(), '/', '_');
+    writeFile("/device/" + tool + "/" + name, value);
 }
 
 int DeviceRootTest::shell(const std::string& command) {

@@ -52,10 +52,6 @@ std::string capture(const std::string& command);
 std::string quoted(std::string text);
 // Descriptors this process has open: a leak shows as growth.
 size_t openDescriptors();
-// Directory of the stand-in tools in the source tree.
-std::string deviceToolsDir();
-// The sample localisation folder in the source tree.
-std::string sampleLocalizationDir();
 
 }  // namespace quorvia_test
 

@@ -1,5 +1,7 @@
 #include "support/LogCapture.h"
 
+#include <algorithm>
+
 #include "system/Log.h"
 
 namespace quorvia_test {
@@ -21,25 +23,18 @@ std::vector<LogCapture::Line> LogCapture::lines() const {
 }
 
 int LogCapture::count(const std::string& text, int severity) const {
-    int n = 0;
-    std::vector<Line> all = lines();
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i].text == text && (severity < 0 || all[i].severity == severity)) {
-            ++n;
-        }
-    }
-    return n;
+    const std::vector<Line> all = lines();
+    return std::count_if(all.begin(), all.end(), [&](const Line& line) {
+        return line.text == text && (severity < 0 || line.severity == severity);
+    });
 }
 
 bool LogCapture::contains(const std::string& text, int severity) const {
-    std::vector<Line> all = lines();
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i].text.find(text) != std::string::npos &&
-            (severity < 0 || all[i].severity == severity)) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<Line> all = lines();
+    return std::any_of(all.begin(), all.end(), [&](const Line& line) {
+        return line.text.find(text) != std::string::npos &&
+               (severity < 0 || line.severity == severity);
+    });
 }
 
 void LogCapture::clear() {
