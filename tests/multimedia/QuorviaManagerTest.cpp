@@ -14,6 +14,11 @@ namespace {
 
 typedef quorvia_test::DeviceRootTest QuorviaManagerTest;
 
+TEST_F(QuorviaManagerTest, FollowsTheDataFolderOnly) {
+    EXPECT_EQ(std::vector<std::string>(1, path("/userdisk/data")),
+              quorvia::QuorviaManager::sGetInstance()->watchDirs());
+}
+
 // Content changes count for JPEG files only, other changes for every file; a
 // temporary file of the download folder makes that folder when it is missing.
 TEST_F(QuorviaManagerTest, ContentChangesCountForJpegFilesOnly) {

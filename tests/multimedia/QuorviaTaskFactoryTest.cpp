@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <boost/core/demangle.hpp>
 #include <string>
@@ -19,7 +20,8 @@ std::string describe(const boost::shared_ptr<Dispatchable>& task) {
         return task ? "unknown" : "none";
     }
     const std::string name = boost::core::demangle(typeid(*file).name());
-    std::string text = name.substr(16, name.size() - 20) + " ";
+    const std::size_t prefix = strlen("quorvia::Quorvia"), suffix = strlen("Task");
+    std::string text = name.substr(prefix, name.size() - prefix - suffix) + " ";
     if (auto* move = dynamic_cast<quorvia::QuorviaMoveFileTask*>(file)) {
         text += move->from() + " -> ";
     } else if (auto* move = dynamic_cast<quorvia::QuorviaMoveDirTask*>(file)) {
