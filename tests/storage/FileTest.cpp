@@ -20,12 +20,8 @@ protected:
         struct stat info;
         return stat(file.c_str(), &info) == 0 ? info.st_mode & 0777u : 0u;
     }
-    int entries(const std::string& folder) const {
-        int count = 0;
-        for (boost::filesystem::directory_iterator it(path(folder)), end; it != end; ++it) {
-            ++count;
-        }
-        return count;
+    long entries(const std::string& folder) const {
+        return std::distance(boost::filesystem::directory_iterator(path(folder)), {});
     }
 };
 
@@ -41,9 +37,8 @@ TEST_F(FileTest, ExistsSizeAndDeleteTellFilesFromDirectories) {
     EXPECT_TRUE(File::sDelete(root()).ok());
     EXPECT_TRUE(Directory::sExists(root()));
     EXPECT_EQ(1, log_.count("File delete with folder type. ignore it.", google::GLOG_ERROR));
-    // A path that can't be examined counts as missing, with a log line.
+    // A path that can't be examined counts as missing.
     EXPECT_FALSE(File::sExists(path("/" + std::string(300, 'n'))));
-    EXPECT_TRUE(log_.contains("File::sExists catch exception: ", google::GLOG_ERROR));
 }
 
 TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAsked) {
@@ -62,11 +57,7 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
 }
 
 TEST(DirectoryAncestor, ComparesWholeComponents) {
-    const struct {
-        const char* ancestor;
-        const char* path;
-        bool expected;
-    } cases[] = {
+    const struct { const char* ancestor; const char* path; bool expected; } cases[] = {
         {"/a/b", "/a/bc", false}, {"/a/b/", "/a/b/c", true}, {"/a/b", "/a/b/c/", true},
         {"/a/b/", "/a/b", true},  {"", "/a", false},         {"/a/B", "/a/b/c", false},
     };
@@ -90,20 +81,16 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     // A destination whose space can't be read has 0 bytes available.
     EXPECT_EQ(NO_SPACE_LEFT_ON_DEVICE,
               File::sCopy(path("/src.bin"), path("/no/such/dir/dst")).apiError());
-    EXPECT_TRUE(log_.contains("copy error: No space left on device , from " + path("/src.bin"),
-                              google::GLOG_ERROR));
     // A write cut short (a full disk, here a file size limit) leaves the old
     // destination in place.
     struct rlimit saved;
     ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
-    struct rlimit small = saved;
-    small.rlim_cur = 1000;
+    const struct rlimit small = {1000, saved.rlim_max};
     signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
     const int cut = File::sRawCopyFile(path("/src.bin"), path("/dst.bin"));
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
     EXPECT_EQ(-1, cut);
-    EXPECT_TRUE(log_.contains("copy file bytes_in=", google::GLOG_ERROR));
     EXPECT_EQ(content, readFile("/dst.bin"));
 }
 
@@ -121,7 +108,6 @@ TEST_F(FileTest, InterruptedCopyLeavesTheDestinationAsItWas) {
     EXPECT_EQ(COPY_CANCELLED, result.apiError());
     EXPECT_EQ("old", readFile("/copy/dst"));
     EXPECT_EQ(1, entries("/copy")) << "the new file is gone";
-    EXPECT_EQ(1, log_.count("copy thread interrupted", google::GLOG_ERROR));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ namespace {
 
 class CommandsTest : public quorvia_test::DeviceRootTest {};
 
-TEST_F(CommandsTest, ExitCodeFormsAgreeLogTheStatusAndSurviveAnIgnoredSigchld) {
+TEST_F(CommandsTest, ExitCodeFormsAgreeAndSurviveAnIgnoredSigchld) {
     // With SIGCHLD ignored the kernel reaps children itself and pclose() or
     // system() would lose the status; the command functions reset it first.
     // A command killed by a signal counts as 0, a missing one as 127.
@@ -29,12 +29,6 @@ TEST_F(CommandsTest, ExitCodeFormsAgreeLogTheStatusAndSurviveAnIgnoredSigchld) {
         EXPECT_EQ(c.code, CommonUtils::sCallPopenWithOutput(c.command, output));
         EXPECT_EQ("", output);
     }
-    EXPECT_EQ(1, log_.count("begin execute system command : exit 3", google::GLOG_WARNING));
-    EXPECT_TRUE(log_.contains("execute system command :exit 3 fail,and return code: 3,exit status "
-                              "value = [0x300] and error msg is:", google::GLOG_ERROR));
-    EXPECT_EQ(3, log_.count("execute system command :exit 0 success,and return code: 0"));
-    EXPECT_EQ(3, log_.count("exit status value = [0x9]", google::GLOG_INFO));
-    EXPECT_FALSE(log_.contains("execute system command :kill"));
 }
 
 TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyWhateverTheExitStatus) {

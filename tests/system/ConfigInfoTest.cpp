@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "support/DaemonProcess.h"
 #include "support/DeviceRootTest.h"
 #include "system/ConfigInfo.h"
 
@@ -30,19 +29,16 @@ protected:
 class ConfigFilesTest : public ConfigInfoTest {};
 
 TEST_F(ConfigInfoTest, ChineseDeviceGetsChineseNamesAndFixedPathsUnderTheRoot) {
-    ConfigInfo* config = info();
-    EXPECT_EQ("路由器硬盘备份", config->getBackupRouterDiskDirName());
-    EXPECT_EQ(path("/userdisk/data/私密空间"), config->getNewPrivacyDataFolderPath());
-    const char* expected[] = {"视频", "照片", "音乐", "文档", "共享", "下载"};
-    EXPECT_EQ(std::vector<std::string>(expected, expected + 6), config->getMainDirectoriesName());
+    const std::vector<std::string> expected = {"视频", "照片", "音乐", "文档", "共享", "下载"};
+    EXPECT_EQ(expected, info()->getMainDirectoriesName());
+    EXPECT_EQ(path("/userdisk/data/私密空间"), info()->getNewPrivacyDataFolderPath());
 }
 
 TEST_F(ConfigInfoTest, MissingLocalisationLeavesNamesEmptyExceptTheCameraFolder) {
     fs::remove_all(path("/etc/talvernconfig/localization"));
-    ConfigInfo* config = info();
-    EXPECT_EQ("", config->getBackupImageDirName());
-    EXPECT_EQ(path("/userdisk/data/"), config->getNewPrivacyDataFolderPath());
-    EXPECT_EQ(path("/userdisk/data/摄像机监控视频"), config->getPemrickCameraPath());
+    EXPECT_EQ("", info()->getBackupImageDirName());
+    EXPECT_EQ(path("/userdisk/data/"), info()->getNewPrivacyDataFolderPath());
+    EXPECT_EQ(path("/userdisk/data/摄像机监控视频"), info()->getPemrickCameraPath());
 }
 
 TEST_F(ConfigInfoTest, FolderGettersMakeTheFolderOnlyWhereTheyShould) {
@@ -57,11 +53,6 @@ TEST_F(ConfigInfoTest, FolderGettersMakeTheFolderOnlyWhereTheyShould) {
     EXPECT_EQ(download, config->getDownloadFolderPath());
     EXPECT_TRUE(isDir("/userdisk/data/下载"));
     EXPECT_TRUE(fs::is_directory(config->getDromlyFolderPath()));
-
-    config->setBackupDrivePath("/extdisks/sda1");
-    EXPECT_EQ("/extdisks/sda1/photos/视频", config->getBackupVideoPath("photos"));
-    EXPECT_EQ("/extdisks/sda1/", config->getBackupRootPath(""));
-    EXPECT_EQ("/extdisks/sda1/p", config->getBackupImagePath("p", 1));
     // exists tells whether the folder was there before the call.
     config->setBackupDrivePath(path("/extdisks/sda1"));
     bool exists = true;
@@ -121,8 +112,6 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatCantBeMadeStopsTheStartHousekeeping)
 }
 
 TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
-    info()->setConfig("needSetShareStatus", "");
-    EXPECT_TRUE(fs::exists(path(kGlobalFile)));
     info()->setConfig("a", "1");
     EXPECT_EQ("a = \"1\";\n", global());
     // Another writer's value is seen; without the file, memory answers.
@@ -145,7 +134,6 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     EXPECT_EQ("second = \"2\";\n", readFile("/cfg/other.cfg"));
     EXPECT_EQ("2", info()->getConfigFromFile(file, "second"));
     info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
-    EXPECT_TRUE(log_.contains("save config file error: ", google::GLOG_ERROR));
     EXPECT_FALSE(fs::exists(path("/no")));
 }
 
@@ -155,10 +143,6 @@ TEST_F(ConfigFilesTest, AFileThatNoLongerParsesIsSetAsideAtStartOrReload) {
     const std::string garbled = "userSetting = \"precious\";\nbroken = = ;\n";
     writeFile(kGlobalFile, garbled);
     info()->setConfig("needShareHSDOWNLOAD", "true");
-    EXPECT_TRUE(log_.contains("parse config file error at :2 - ", google::GLOG_ERROR));
-    EXPECT_TRUE(log_.contains("config file " + path(kGlobalFile) + " does not parse, set aside as " +
-                                  path(kGlobalFile) + ".broken",
-                              google::GLOG_ERROR));
     EXPECT_EQ(garbled, readFile(std::string(kGlobalFile) + ".broken"));
     EXPECT_EQ("true", info()->getConfig("needShareHSDOWNLOAD"));
 
@@ -193,7 +177,6 @@ TEST_F(ConfigFilesTest, RejectedKeysAndGarbledFilesThrowAndKeepTheFile) {
     EXPECT_THROW(info()->setConfigToFile(garbled, "k", "v"), libconfig::ParseException);
     EXPECT_EQ("x = ;;", readFile("/cfg/garbled.cfg"));
     EXPECT_EQ("", info()->getConfigFromFile(garbled, "x"));
-    EXPECT_TRUE(log_.contains("getConfigFromFile error: ", google::GLOG_ERROR));
     info()->setConfig("other", "2");
     EXPECT_EQ("2", info()->getConfig("other"));
 }
@@ -214,11 +197,7 @@ TEST_F(ConfigFilesTest, StringAndListReaders) {
 }
 
 // The file is read once, when the singleton is built: one process per case.
-struct PrimaryCase {
-    const char* name;
-    const char* content;
-    const char* device;
-};
+struct PrimaryCase { const char* name; const char* content; const char* device; };
 
 class PrimaryDiskTest : public ConfigInfoTest,
                         public ::testing::WithParamInterface<PrimaryCase> {};
@@ -230,9 +209,6 @@ TEST_P(PrimaryDiskTest, FirstPrimaryLineWins) {
     const std::string device = GetParam().device;
     EXPECT_EQ(device, info()->getPrimaryDiskDevice());
     EXPECT_EQ(device.empty() ? 1 : 0, log_.count("no primary disk info", google::GLOG_ERROR));
-    if (!device.empty()) {
-        EXPECT_EQ(1, log_.count("primary disk device: " + device, google::GLOG_ERROR));
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(

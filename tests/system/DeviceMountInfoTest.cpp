@@ -64,8 +64,6 @@ TEST_F(DeviceMountInfoTest, GetdiskEntriesAreParsedFromTheFirstLineAndFilteredBy
     setToolValue("getdisk", "mnt",
                  "/dev/sdb1," + ext + "/sdb1 /dev/sda1," + user + "/appdata/x /dev/sda2," + user);
     EXPECT_EQ("/dev/sdb1," + ext + "/sdb1;", describe(DeviceMountInfo::sGetHotplugDeviceMountInfo()));
-    EXPECT_EQ(1, log_.count("DeviceMountInfo.sGetHotplugDeviceMountInfo device name: /dev/sdb1 "
-                            "mount point: " + ext + "/sdb1"));
     EXPECT_EQ("/dev/sdb1," + ext + "/sdb1;/dev/sda2," + user + ";",
               describe(DeviceMountInfo::sGetUserAndExtDiskMountInfo()));
 }
@@ -101,7 +99,7 @@ std::string findRoot(const std::string& text) {
     return result == 1 ? std::string(buffer) : buffer[0] == 'Z' ? "" : "field touched";
 }
 
-TEST(UsbDeployRootPath, SearchTable) {
+TEST_F(DeviceMountInfoTest, UsbDeployRootPathIsTheFirstFittingMountOfAPresentDevice) {
     const std::string mount31 = "/" + std::string(30, 'm');
     const struct { std::string mounts; std::string found; } cases[] = {
         {"/dev/sdc1 /mnt/gone ext4 rw\n/dev/sdb1 /mnt/b vfat rw\n", "/mnt/b"},
@@ -118,13 +116,11 @@ TEST(UsbDeployRootPath, SearchTable) {
     EXPECT_EQ(-1, usbdeploy_begins_with(NULL, "a"));
     EXPECT_EQ(1, usbdeploy_begins_with("abc", ""));
     EXPECT_EQ(0, usbdeploy_begins_with("/DEV/sda", "/dev/sd"));
-}
 
-TEST_F(DeviceMountInfoTest, UsbDeployRootPathReportsMissingInputsAndSkipsAbsentDevices) {
+    // From the device's own table: none, or one whose device is absent.
     EXPECT_EQ(0, get_usb_deploy_root_path(NULL));
     char buffer[DeviceMountInfo::kUsbDeployFieldSize] = "unchanged";
     EXPECT_EQ(0, get_usb_deploy_root_path(buffer));
-
     writeFile("/proc/mounts", "/dev/sdzz9 /mnt/usb ext4 rw 0 0\n");
     EXPECT_EQ(0, get_usb_deploy_root_path(buffer));
     EXPECT_STREQ("unchanged", buffer);

@@ -20,29 +20,23 @@ protected:
     LocalizationHelper helper() { return LocalizationHelper(path("/loc")); }
 };
 
-TEST_F(LocalizationHelperTest, LineRules) {
+TEST_F(LocalizationHelperTest, LineRulesAndALineTooLongEndsTheFile) {
+    const std::string fits(LocalizationHelper::kMaxLineLength - 7, 'v');
     writeLanguage("three###value###dropped\nsingle#one\n  spaced  ###  text with blanks \r\n"
                   "\ttabbed\t###\tkept\t\nempty###\n\nnoseparator\ndup###first\ndup###second\n"
-                  "last###no line end");
+                  "fits###" + fits + "\nlast###no line end");
     LocalizationHelper loc = helper();
-    const struct { std::string key; const char* value; } cases[] = {
+    const struct { std::string key; std::string value; } cases[] = {
         {"three", "value"}, {"single", "one"}, {"spaced", "text with blanks"},
         {"\ttabbed\t", "\tkept\t"}, {"empty", ""}, {"noseparator", ""}, {"dup", "second"},
-        {"last", "no line end"},
+        {"fits", fits}, {"last", "no line end"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.value, loc.getValue(c.key)) << "key '" << c.key << "'";
     }
-}
-
-TEST_F(LocalizationHelperTest, LongestLineReadsAndALongerOneEndsTheFile) {
-    const size_t limit = LocalizationHelper::kMaxLineLength;
-    const std::string fits = "fits###" + std::string(limit - 7, 'v');
-    writeLanguage("before###1\n" + fits + "\nafter###2\nlong###" + std::string(limit + 1 - 7, 'w') +
-                  "\nlater###3\n");
-    LocalizationHelper loc = helper();
-    EXPECT_EQ(std::string(limit - 7, 'v'), loc.getValue("fits"));
-    EXPECT_EQ("2", loc.getValue("after"));
+    // One byte more than the longest line ends the file there.
+    writeLanguage("long###" + fits + "w\nlater###3\n");
+    loc = helper();
     EXPECT_EQ("", loc.getValue("long"));
     EXPECT_EQ("", loc.getValue("later"));
 }

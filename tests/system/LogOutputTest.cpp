@@ -44,31 +44,24 @@ TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
     SyslogListener listener(path("/dev/log"));
     SyslogClient syslog("/dev/log", "quorvia", clock());
     LogOutput output("/dev/log", "quorvia", clock());
-    const struct {
-        int severity;
-        const char* priority;
-    } cases[] = {{google::GLOG_INFO, "<14>"}, {google::GLOG_WARNING, "<12>"},
-                 {google::GLOG_ERROR, "<11>"}};
-    for (const auto& c : cases) {
-        const LogRecord record = recordOf(c.severity, "caf\xc3\xa9 \"a b\" 100%s");
+    const std::string pid = std::to_string(getpid());
+    const std::pair<int, std::string> priorities[] = {
+        {google::GLOG_INFO, "<14>"}, {google::GLOG_WARNING, "<12>"}, {google::GLOG_ERROR, "<11>"}};
+    for (const auto& p : priorities) {
+        const LogRecord record = recordOf(p.first, "caf\xc3\xa9 \"a b\" 100%s");
         const google::LogMessageTime time(record.when.tv_sec, record.when.tv_sec + 0.25);
-        EXPECT_EQ(google::LogSink::ToString(c.severity, "Stuff.cpp", 42, time, record.text.data(),
-                                            record.text.size()) +
-                      "\n",
+        EXPECT_EQ(google::LogSink::ToString(p.first, "Stuff.cpp", 42, time, record.text.data(),
+                                            record.text.size()) + "\n",
                   output.format(record));
-
         ASSERT_TRUE(syslog.send(record.severity, record.when, record.text));
         char date[32];
         strftime(date, sizeof(date), "%b %e %H:%M:%S", &time.tm());
-        EXPECT_EQ(std::string(c.priority) + date + " quorvia[" + std::to_string(getpid()) +
-                      "]: " + record.text,
-                  listener.next());
+        EXPECT_EQ(p.second + date + " quorvia[" + pid + "]: " + record.text, listener.next());
     }
     // A program of its own name.
     output.setIdentity("quorvia-cli");
     output.write(recordOf(google::GLOG_ERROR, "named"));
-    EXPECT_NE(std::string::npos,
-              listener.next().find(" quorvia-cli[" + std::to_string(getpid()) + "]: named"));
+    EXPECT_NE(std::string::npos, listener.next().find(" quorvia-cli[" + pid + "]: named"));
     // A batch leaves in one call; a line too long for the listener is left
     // out, the others arrive in order.
     output.write(std::deque<LogRecord>{recordOf(google::GLOG_INFO, "first"),

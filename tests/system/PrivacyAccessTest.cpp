@@ -53,10 +53,10 @@ TEST_F(PrivacyAccessTest, MacFilterOutcomesByMacAndByHash) {
     const struct { const char* mac; const char* attribute; int answer; } questions[] = {
         {kMac, "PRIDISK", 1}, {kMac, "lan", 1}, {"aa:bb:cc:dd:ee:ff", "pridisk", 1},
         {"00:11:22:33:44:77", "pridisk", 0}, {"00:11:22:33:44:88", "pridisk", 0},
-        {"ff:ff:ff:ff:ff:ff", "pridisk", 0},
-        {"aa:aa:aa:aa:aa:aa", "pridisk", 0}, {"00:11:22:33:44:99", "pridisk", 0},
-        {"00:11:22:33:44:550", "pridisk", 0}, {"00:11:22:33:44:ab", "pridisk", 1},
-        {"00:11:22:33:44:ab0", "pridisk", 0}, {"", "pridisk", 0},
+        {"ff:ff:ff:ff:ff:ff", "pridisk", 0}, {"aa:aa:aa:aa:aa:aa", "pridisk", 0},
+        {"00:11:22:33:44:99", "pridisk", 0}, {"00:11:22:33:44:550", "pridisk", 0},
+        {"00:11:22:33:44:ab", "pridisk", 1}, {"00:11:22:33:44:ab0", "pridisk", 0},
+        {"", "pridisk", 0},
     };
     std::string crlf(kFilter);
     boost::algorithm::replace_all(crlf, "\n", " \t\r\n");
@@ -64,8 +64,7 @@ TEST_F(PrivacyAccessTest, MacFilterOutcomesByMacAndByHash) {
     for (const std::string& content : {std::string(kFilter), crlf}) {
         writeFile(kMacFilter, content);
         for (const auto& q : questions) {
-            EXPECT_EQ(q.answer, fromFile(q.mac, q.attribute)) << q.mac << " " << q.attribute
-                                                              << " in " << content.size();
+            EXPECT_EQ(q.answer, fromFile(q.mac, q.attribute)) << q.mac << " " << q.attribute;
         }
     }
     const struct { const char* hash; bool allowed; } hashes[] = {
@@ -77,10 +76,6 @@ TEST_F(PrivacyAccessTest, MacFilterOutcomesByMacAndByHash) {
     for (const auto& h : hashes) {
         EXPECT_EQ(h.allowed, CommonUtils::sIsCanAccessPrivacyData(h.hash)) << h.hash;
     }
-    EXPECT_TRUE(log_.contains("sMacCompare, str1 : 00:11:22:33:44:55 , str2 : "
-                              "4A7074688EA4A32CD257F7C672D56365 , md5_hex : "
-                              "4a7074688ea4a32cd257f7c672d56365",
-                              google::GLOG_INFO));
 }
 
 TEST_F(PrivacyAccessTest, FirstEntryHoldingTheAttributeDecidesLongLinesStayWholeAndNamesAreLimited) {
@@ -130,9 +125,7 @@ TEST_F(PrivacyAccessTest, CommandRouteReadsToolLineAndNeverLetsTheShellOrALinkIn
     const std::string marker = path("/pwned");
     for (const std::string& mac : {std::string(longestMac + 1, 'a'), "00:11'; touch " + marker + "; '",
                                    "$(touch " + marker + ")", std::string()}) {
-        log_.clear();
         EXPECT_EQ(0, fromCommand(mac, "lan")) << mac;
-        EXPECT_EQ(1u, log_.lines().size()) << mac;
     }
     EXPECT_EQ(0, find_mac_attribute_from_macfilter_command(NULL, "lan"));
     EXPECT_FALSE(fs::exists(path("/device/sysapi/calls")));
@@ -154,10 +147,6 @@ TEST_F(PrivacyAccessTest, WhitelistAddsAndRemovesWholeLinesOnly) {
         CommonUtils::sAuthAccessPrivacyData(refused, false);
     }
     EXPECT_EQ("aa:aa\ncc:cc\ndd:dd\n", readFile(kWhitelist));
-    EXPECT_EQ(1, log_.count("AuthAccessPrivacyData, mac : bb:bb , hasAuth : 0"));
-
-    CommonUtils::statPrivacy("open", "1");
-    EXPECT_EQ(1, log_.count("stat_points_privacy open=1", google::GLOG_WARNING));
 }
 
 }  // namespace
