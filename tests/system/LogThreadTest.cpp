@@ -26,6 +26,36 @@ LogRecord recordOf(const std::string& text) {
     return LogRecord{google::GLOG_INFO, __FILE__, __LINE__, {0, 0}, 0, text};
 }
 
+// Lines of four threads at once: each thread's lines arrive whole and in its
+// order.
+TEST(LogThreadTest, EachThreadsLinesArriveInItsOrder) {
+    const int threads = 4, lines = 5000;
+    std::vector<std::string> written;
+    LogQueue queue([&](const std::deque<LogRecord>& batch) {
+        for (const LogRecord& record : batch) {
+            written.push_back(record.text);
+        }
+    });
+    std::vector<std::thread> sayers;
+    for (int t = 0; t < threads; ++t) {
+        sayers.emplace_back([&queue, t] {
+            for (int i = 0; i < lines; ++i) {
+                queue.push(recordOf(std::to_string(t) + " " + std::to_string(i)));
+            }
+        });
+    }
+    for (std::thread& sayer : sayers) {
+        sayer.join();
+    }
+    queue.flush();
+    std::vector<int> next(threads, 0);
+    for (const std::string& text : written) {
+        const int t = atoi(text.c_str());
+        ASSERT_EQ(std::to_string(t) + " " + std::to_string(next[t]++), text);
+    }
+    EXPECT_EQ(std::vector<int>(threads, lines), next);
+}
+
 // A stuck writer fills the queue; the next line waits, and is written once
 // the writer goes on: nothing is dropped or reordered.
 TEST(LogThreadTest, AFullQueueMakesTheCallerWait) {
