@@ -5,11 +5,9 @@
 // /usr/bin, not whatever PATH holds) and exiftool, and the checks that decode
 // results. Set-up only: failures here fail the test.
 
+#include <jpeglib.h>
 #include <stdio.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <jpeglib.h>
 
 #include <string>
 #include <vector>
@@ -46,8 +44,8 @@ inline bool addExifThumbnail(const std::string& path, int orientation,
                              const std::string& scratchDir) {
     const std::string thumb = scratchDir + "/exif-thumb.jpg";
     const std::string exiftool = "exiftool -q -overwrite_original '-ThumbnailImage<=" + thumb +
-                                 "' -Orientation#=" + std::to_string(orientation) + " '" +
-                                 path + "' >/dev/null 2>&1";
+                                 "' -Orientation#=" + std::to_string(orientation) + " '" + path +
+                                 "' >/dev/null 2>&1";
     return (exists(thumb) || makeRedBlue(thumb, 160, 120, false, "-quality 80")) &&
            system(exiftool.c_str()) == 0;
 }
@@ -64,8 +62,8 @@ inline std::string geometryOf(const std::string& path) {
 // "BBRR" a quarter anticlockwise.
 inline std::string quarters(const std::string& path) {
     return capture("/usr/bin/convert '" + path +
-                         "'[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
-                         "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
+                   "'[0] -resize '2x2!' -depth 8 txt:- 2>/dev/null | "
+                   "awk -F'[(),]' 'NR>1 { printf($3 > $5 ? \"R\" : \"B\") }'");
 }
 
 // The JPEG with its first frame header (SOF0..2) claiming width x height.
@@ -73,11 +71,8 @@ inline std::string withClaimedSize(std::string jpeg, int width, int height) {
     for (size_t i = 2; i + 9 < jpeg.size(); ++i) {
         const unsigned char marker = static_cast<unsigned char>(jpeg[i + 1]);
         if (static_cast<unsigned char>(jpeg[i]) == 0xFF && marker >= 0xC0 && marker <= 0xC2) {
-            jpeg[i + 5] = static_cast<char>(height >> 8);
-            jpeg[i + 6] = static_cast<char>(height & 0xFF);
-            jpeg[i + 7] = static_cast<char>(width >> 8);
-            jpeg[i + 8] = static_cast<char>(width & 0xFF);
-            break;
+            const char size[] = {char(height >> 8), char(height), char(width >> 8), char(width)};
+            return jpeg.replace(i + 5, 4, size, 4);
         }
     }
     return jpeg;
@@ -113,9 +108,9 @@ inline bool writeManyScanJpeg(const std::string& path, int width, int height) {
     cinfo.num_scans = static_cast<int>(script.size());
     jpeg_start_compress(&cinfo, TRUE);
     std::vector<JSAMPLE> row(width, 128);
+    JSAMPROW rows = row.data();
     while (cinfo.next_scanline < cinfo.image_height) {
-        JSAMPROW rows[1] = {row.data()};
-        jpeg_write_scanlines(&cinfo, rows, 1);
+        jpeg_write_scanlines(&cinfo, &rows, 1);
     }
     jpeg_finish_compress(&cinfo);
     jpeg_destroy_compress(&cinfo);
@@ -128,8 +123,7 @@ inline std::string repeatedGif(const std::string& oneFrameGif, int frames) {
     // The frames start behind the header and its colour table.
     const unsigned char flags = static_cast<unsigned char>(oneFrameGif[10]);
     const size_t framesStart = 13 + ((flags & 0x80) != 0 ? 3u << ((flags & 7) + 1) : 0);
-    const std::string frame =
-        oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
+    const std::string frame = oneFrameGif.substr(framesStart, oneFrameGif.size() - 1 - framesStart);
     std::string gif = oneFrameGif.substr(0, framesStart);
     for (int i = 0; i < frames; ++i) {
         gif += frame;

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <fstream>
 #include <string>
@@ -10,8 +8,7 @@
 namespace {
 
 using talvern::MediaReadGuard;
-
-class MediaReadGuardTest : public quorvia_test::DeviceRootTest {};
+using MediaReadGuardTest = quorvia_test::DeviceRootTest;
 
 std::string record(int strikes, const std::string& path) {
     return std::to_string(strikes) + '\t' + path + '\0';
@@ -33,12 +30,11 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     EXPECT_FALSE(MediaReadGuard("/d/suspect.mp4").admitted());
     EXPECT_FALSE(MediaReadGuard("/d/crash.jpg").admitted());
     EXPECT_TRUE(MediaReadGuard("/d/first.mp4").admitted());
+    // The list keeps its newest entries.
     EXPECT_FALSE(MediaReadGuard("/old/39").admitted());
     EXPECT_TRUE(MediaReadGuard("/old/10").admitted());
-    EXPECT_TRUE(log_.contains("media file /d/crash.jpg crashed the daemon while it was read",
-                              google::GLOG_ERROR));
-    EXPECT_TRUE(log_.contains("media file /d/first.mp4 was being read when the daemon ended",
-                              google::GLOG_WARNING));
+    EXPECT_TRUE(log_.contains("media file /d/crash.jpg crashed the daemon while it was read"));
+    EXPECT_TRUE(log_.contains("media file /d/first.mp4 was being read when the daemon ended"));
     const std::string stored = readFile("/db/unreadable-media");
     EXPECT_EQ(32 * 1u, std::count(stored.begin(), stored.end(), '\0'));
     EXPECT_NE(std::string::npos, stored.find(record(1, "/d/first.mp4")));

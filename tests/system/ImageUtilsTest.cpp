@@ -5,44 +5,31 @@
 #include <string>
 
 #include "multimedia/ImageTestImages.h"
-#include "support/DeviceRootTest.h"
 #include "system/ImageUtils.h"
 
 using talvern::ImageUtils;
 using namespace quorvia_test;
 
-namespace {
-
-class ImageUtilsTest : public DeviceRootTest {
-protected:
-    ImageUtils utils_;
-};
-
-}  // namespace
+using ImageUtilsTest = DeviceRootTest;
 
 TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
-    const std::string square = root() + "/square.png";
-    ASSERT_TRUE(makeImage("-size 2000x2000 xc:red", square));
-    const std::string thumb = root() + "/square-thumb.png";
-    EXPECT_EQ(ImageUtils::kResizeDone, utils_.resizeImage(square, thumb, 400, 300));
-    EXPECT_EQ("300x300", geometryOf(thumb));
-    // convert writes a new file beside the target, which then takes its place.
-    EXPECT_TRUE(log_.contains("resize image command is: convert -define jpeg:size=80x80 \"" +
-                              square + "\" -thumbnail 400x300 \"png:" + root() +
-                              "/.square-thumb.png."));
-
-    // A command that broke out would leave this file in the working directory.
+    // A command that broke out would leave the file "ran" in the working directory.
     ASSERT_EQ(0, chdir(root().c_str()));
     const std::string hostile =
         "blank \"quote\" $(touch ran) `touch ran` $HOME back\\slash\n照片.png";
-    for (const std::string& name : {hostile, std::string("-x.png")}) {
-        ASSERT_TRUE(makeImage("-size 800x600 xc:green", root() + "/" + name)) << name;
-        EXPECT_EQ(ImageUtils::kResizeDone, utils_.resizeImage(name, name + ".t.png", 400, 300));
-        EXPECT_EQ("400x300", geometryOf(root() + "/" + name + ".t.png")) << name;
+    for (const std::string& name : {std::string("square.png"), hostile, std::string("-x.png")}) {
+        ASSERT_TRUE(makeImage("-size 2000x2000 xc:red", root() + "/" + name)) << name;
+        EXPECT_EQ(ImageUtils::kResizeDone,
+                  ImageUtils().resizeImage(name, name + ".t.png", 400, 300));
+        EXPECT_EQ("300x300", geometryOf(root() + "/" + name + ".t.png")) << name;
     }
     EXPECT_FALSE(exists(root() + "/ran"));
-    // A relative target takes the format of its extension.
-    EXPECT_EQ(ImageUtils::kResizeDone, utils_.resizeImage("-x.png", "small.jpg", 400, 300));
+    // convert writes a new file beside the target, which then takes its place.
+    EXPECT_TRUE(
+        log_.contains("resize image command is: convert -define jpeg:size=80x80 "
+                      "\"./square.png\" -thumbnail 400x300 \"png:./.square.png.t.png."));
+    // A target takes the format of its extension.
+    EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("-x.png", "small.jpg", 400, 300));
     EXPECT_EQ(0u, readFile("/small.jpg").find("\xFF\xD8\xFF"));
 }
 
@@ -54,13 +41,11 @@ TEST_F(ImageUtilsTest, UnreadableSourcesAndOddIdentifyOutputFailAndTheSideLimitH
     ASSERT_EQ(0, mkdir(tools.c_str(), 0755));
     writeAll(tools + "/identify", "#!/bin/sh\ncat '" + tools + "/identify.out'\n");
     writeAll(tools + "/convert", "#!/bin/sh\n");
-    ASSERT_EQ(0, shell("chmod 755 '" + tools + "'/*"));
+    ASSERT_EQ(0, shell("chmod 755 '" + tools + "'/* && mkfifo '" + root() + "/pipe.png'"));
     setenv("PATH", (tools + ":" + getenv("PATH")).c_str(), 1);
-    const std::string fifo = root() + "/pipe.png";
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
-    for (const std::string& unreadable : {fifo, root(), root() + "/missing.png"}) {
+    for (const std::string& unreadable : {root() + "/pipe.png", root(), root() + "/missing.png"}) {
         EXPECT_EQ(ImageUtils::kResizeFailed,
-                  utils_.resizeImage(unreadable, root() + "/t.png", 400, 300));
+                  ImageUtils().resizeImage(unreadable, root() + "/t.png", 400, 300));
         EXPECT_EQ(1, log_.count("resize image, " + unreadable + " is not a readable regular file"));
     }
     const std::string source = root() + "/a b.png";
@@ -94,8 +79,8 @@ TEST_F(ImageUtilsTest, UnreadableSourcesAndOddIdentifyOutputFailAndTheSideLimitH
     for (const Case& c : cases) {
         writeAll(tools + "/identify.out", c.output + "\n");
         log_.clear();
-        EXPECT_EQ(c.result, utils_.resizeImage(source, root() + "/t.jpg", 400, 300)) << c.output;
+        EXPECT_EQ(c.result, ImageUtils().resizeImage(source, root() + "/t.jpg", 400, 300))
+            << c.output;
         EXPECT_EQ(1, log_.count(c.line)) << c.output;
-        EXPECT_EQ(c.result == ImageUtils::kResizeDone, log_.contains("resize image command is:"));
     }
 }
