@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/chrono.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/thread.hpp>
+#include <boost/thread.hpp>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -46,17 +42,16 @@ private:
     std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
-// Notes its name when run, then does what then_ says; a task that should not
+// Notes its name when run, then does what then says; a task that should not
 // execute notes that it was skipped.
 class NoteTask : public Dispatchable {
 public:
-    NoteTask(Journal& journal, const std::string& name, int turns, bool execute)
-        : journal_(journal), name_(name), turns_(turns), execute_(execute) {}
+    NoteTask(Journal& journal, const std::string& name, const std::function<void()>& then,
+             int turns, bool execute)
+        : journal_(journal), name_(name), then_(then), turns_(turns), execute_(execute) {}
     virtual void run() {
         journal_.note(name_);
-        if (then_) {
-            then_();
-        }
+        then_();
     }
     virtual bool isRecurring() {
         if (!execute_) {
@@ -66,28 +61,27 @@ public:
     }
     virtual bool shouldExecute() { return execute_; }
 
-    std::function<void()> then_;
-
 private:
     Journal& journal_;
     std::string name_;
+    std::function<void()> then_;
     int turns_;
     bool execute_;
 };
 
-boost::shared_ptr<NoteTask> task(Journal& journal, const std::string& name, int turns = 1,
+boost::shared_ptr<NoteTask> task(Journal& journal, const std::string& name,
+                                 const std::function<void()>& then = [] {}, int turns = 1,
                                  bool execute = true) {
-    return boost::shared_ptr<NoteTask>(new NoteTask(journal, name, turns, execute));
+    return boost::shared_ptr<NoteTask>(new NoteTask(journal, name, then, turns, execute));
 }
 
 // A task that ends only once the test opens the journal.
 boost::shared_ptr<NoteTask> gated(Journal& journal, const std::string& name, int turns = 1) {
-    boost::shared_ptr<NoteTask> t = task(journal, name, turns);
-    t->then_ = [&journal, name] {
+    const auto end = [&journal, name] {
         journal.waitOpen();
         journal.note(name + "-end");
     };
-    return t;
+    return task(journal, name, end, turns);
 }
 
 TEST(DispatcherTest, TasksRunInOrderAcrossStartsAndStops) {
@@ -122,7 +116,7 @@ TEST(DispatcherTest, RecurringTaskGoesBehindTasksQueuedDuringItsTurn) {
     dispatcher.dispatch(gated(journal, "r", 2));
     journal.waitFor(1);
     dispatcher.dispatch(task(journal, "x"));
-    dispatcher.dispatch(task(journal, "s", 3, false));
+    dispatcher.dispatch(task(journal, "s", [] {}, 3, false));
     journal.open();
     EXPECT_EQ(Names({"r", "r-end", "x", "s-skipped", "r", "r-end", "s-skipped", "s-skipped"}),
               journal.waitFor(8));
@@ -154,19 +148,14 @@ TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     quorvia_test::LogCapture log;
     Journal journal;
     Dispatcher dispatcher(true);
-    boost::shared_ptr<NoteTask> bad = task(journal, "bad"), stopper = task(journal, "stopper"),
-                                interrupted = task(journal, "interrupted");
-    bad->then_ = [] { throw std::runtime_error("disk vanished"); };
-    stopper->then_ = [&dispatcher] { dispatcher.stop(); };
-    interrupted->then_ = [] { throw boost::thread_interrupted(); };
-    dispatcher.dispatch(bad);
-    dispatcher.dispatch(stopper);
+    dispatcher.dispatch(task(journal, "bad", [] { throw std::runtime_error("disk vanished"); }));
+    dispatcher.dispatch(task(journal, "stopper", [&dispatcher] { dispatcher.stop(); }));
     dispatcher.dispatch(task(journal, "next"));
     EXPECT_EQ(Names({"bad", "stopper", "next"}), journal.waitFor(3));
     EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
     EXPECT_TRUE(dispatcher.isRunning());
 
-    dispatcher.dispatch(interrupted);
+    dispatcher.dispatch(task(journal, "interrupted", [] { throw boost::thread_interrupted(); }));
     for (int i = 0; i < 500 && dispatcher.isRunning(); ++i) {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(10));
     }

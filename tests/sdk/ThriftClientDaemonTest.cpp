@@ -34,21 +34,15 @@ TEST(ThriftClientDaemonTest, WithoutADaemonTheCallAnswersEmptyAndTheCliSaysWhy) 
     quorvia_test::LogCapture log;
     EXPECT_EQ("", ThriftClient::sCallQuorvia("{\"api\":1}"));
     EXPECT_TRUE(log.contains("sCallQuorvia thrift request exception error: ", google::GLOG_ERROR));
-    std::ostringstream out;
-    std::ostringstream err;
+    std::ostringstream out, err;
     EXPECT_EQ(QuorviaCli::EXIT_UNREACHABLE_, QuorviaCli::sRun({"{\"api\":1}"}, out, err));
     EXPECT_EQ(0u, err.str().find("quorvia-cli: can't reach the quorvia daemon on localhost:9088"));
     EXPECT_EQ(0, QuorviaCli::sRun({"--help"}, out, err));
     EXPECT_EQ(0u, out.str().find("usage: quorvia-cli JSON"));
     out.str("");
     const std::vector<std::vector<std::string>> malformed = {
-        {},
-        {"--help", "extra"},
-        {"{}", "extra"},
-        {"--notify", "1"},
-        {"--notify", "one", "text"},
-        {"--notify", "99999999999", "text"},
-    };
+        {}, {"--help", "extra"}, {"{}", "extra"}, {"--notify", "1"}, {"--notify", "one", "text"},
+        {"--notify", "99999999999", "text"}};
     for (const std::vector<std::string>& args : malformed) {
         err.str("");
         EXPECT_EQ(QuorviaCli::EXIT_USAGE_, QuorviaCli::sRun(args, out, err)) << args.size();

@@ -1,6 +1,5 @@
-# A peer in Python, with stubs generated from the service's IDL: asks every
-# operation once and prints each answer, so that the daemon's test compares
-# the wire as a peer in another language sees it. Arguments: the data folder.
+# A peer on stubs generated from the service's IDL: prints its answer to each
+# operation, as a peer in another language reads it. Argument: the data folder.
 import json
 import sys
 
@@ -33,9 +32,8 @@ print(ask(client, {"api": 1, "path": "", "name": "a", "hash": "h"}))
 print(repr(client.request("not json")))
 print(repr(client.notify(12, "ünïcode")))
 
-# A title stored by another peer from a name that is not UTF-8 comes back as
-# those bytes: the stubs decode strings strictly, so such a peer reads the
-# reply as bytes.
+# A title stored from a name that is not UTF-8 comes back as those bytes, which
+# the strict stubs refuse as a string and read as bytes.
 latin1 = {"api": 0, "path": "/x/a.jpg", "name": "a.jpg", "hash": "latin1", "defaultModifyTime": 1}
 try:
     ask(client, latin1)
