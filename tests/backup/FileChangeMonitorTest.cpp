@@ -331,30 +331,35 @@ TEST_F(FileChangeMonitorTest, TableFollowsTheTreeThroughMovesChurnAndARemadeData
     fs::remove(data() + "/made/a/b");
     EXPECT_EQ(Lines({"FROM old/", "TO new/", "DELETE made/a/b/"}), batchAfterPasses(2));
     EXPECT_EQ(Lines({"", "made/", "made/a/", "new/", "new/sub/", "new/sub/deeper/"}), watched());
+    EXPECT_TRUE(log_.contains("Folder removed: " + data() + "/made/a/b/", google::GLOG_WARNING));
 
+    // Out and back within one batch (a recycle bin's undo): still followed.
+    fs::rename(data() + "/made", root() + "/outside/made");
+    fs::rename(root() + "/outside/made", data() + "/made");
+    batchAfterPasses(3);
     fs::rename(data() + "/new", root() + "/outside/new");
     fs::rename(root() + "/outside/tree", data() + "/tree");
-    EXPECT_EQ(Lines({"FROM new/", "TO tree/"}), batchAfterPasses(3));
+    EXPECT_EQ(Lines({"FROM new/", "TO tree/"}), batchAfterPasses(4));
     writeFile("/outside/new/sub/file", "x");
     mkdirs("tree/branch/leaf");
-    EXPECT_EQ(Lines({"CREATE tree/branch/leaf/"}), batchAfterPasses(4));
+    EXPECT_EQ(Lines({"CREATE tree/branch/leaf/"}), batchAfterPasses(5));
 
     for (int i = 0; i < 50; ++i) {
         mkdirs("churn" + std::to_string(i) + "/inner");
         fs::remove_all(data() + "/churn" + std::to_string(i));
     }
-    batchAfterPasses(5);
+    batchAfterPasses(6);
     EXPECT_EQ(Lines({"", "made/", "made/a/", "tree/", "tree/branch/", "tree/branch/leaf/"}),
               watched());
 
     fs::remove_all(data());
-    batchAfterPasses(6);
+    batchAfterPasses(7);
     EXPECT_TRUE(monitor_->watchedPaths().empty());
     mkdirs("b");
     passUntil([&] { return monitor_->watchedPaths().size() == 2; });
     EXPECT_EQ(Lines({"", "b/"}), watched());
     writeFile("/userdisk/data/b/g.jpg", "x");
-    EXPECT_EQ(Lines({"MODIFY b/g.jpg"}), batchAfterPasses(7));
+    EXPECT_EQ(Lines({"MODIFY b/g.jpg"}), batchAfterPasses(8));
 }
 
 }  // namespace

@@ -138,6 +138,7 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     }
     wdToPath_[wd] = path;
     pathToWd_[path] = wd;
+    keepReturnedDirectory(wd);
     QLOG(INFO) << "add inotify watch " << dir;
     return true;
 }
@@ -176,6 +177,10 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
         return;
     }
     const std::string path = it->second + eventName(event) + "/";
+    if ((event->mask & IN_DELETE) && endedDirs_.erase(path) != 0) {
+        QLOG(WARNING) << "Folder removed: " << path;
+        return;
+    }
     int found = isWatchedTalvernDir(path);
     if (found == -1) {
         return;
@@ -206,6 +211,19 @@ void FileChangeMonitor::dropDirectoriesMovedOut() {
         wdToPath_.erase(it->second);
     }
     movedDirs_.clear();
+}
+
+// A directory that left the tree and came back (under any name) before the
+// batch was delivered is placed again under the same descriptor: it stays.
+void FileChangeMonitor::keepReturnedDirectory(int wd) {
+    boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
+    while (it != movedDirs_.end()) {
+        if (it->second == wd) {
+            it = movedDirs_.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {
@@ -244,6 +262,7 @@ void FileChangeMonitor::forgetWatch(int wd) {
     if (isRoot(it->second)) {
         unwatchedRoots_[it->second];
     }
+    endedDirs_.insert(it->second);
     forgetPath(it->second, wd);
     wdToPath_.erase(it);
 }
@@ -612,6 +631,7 @@ void FileChangeMonitor::deliverChanges() {
         delayAddWatchDiskDir();
     }
     dropDirectoriesMovedOut();
+    endedDirs_.clear();
     changesNotified_ = true;
     printAllChanges();
     notifyObserver();

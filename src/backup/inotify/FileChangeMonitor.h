@@ -10,6 +10,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/unordered_map.hpp>
+#include <boost/unordered_set.hpp>
 #include <map>
 #include <string>
 #include <utility>
@@ -161,6 +162,7 @@ private:
     // Takes down the watches of directories that moved out of the tree: the
     // moves still unpaired in movedDirs_. Before a delivery.
     void dropDirectoriesMovedOut();
+    void keepReturnedDirectory(int wd);
     void watchMissingRoots();
     void noteRootIdentity(const std::string& root);
     void checkRootsInPlace();
@@ -178,6 +180,10 @@ private:
     // Directories moved away in the batch being gathered: move cookie ->
     // their watch descriptor; a directory's arrival takes its entry out.
     boost::unordered_map<uint32_t, int> movedDirs_;
+    // Directories whose watch the kernel ended in the batch being gathered
+    // (with "/"): their parent's delete event comes after and still names
+    // them.
+    boost::unordered_set<std::string> endedDirs_;
     // When a root is tried again: quiet passes to wait before the next try,
     // and the wait that follows a failed one.
     struct RootRetry {
