@@ -183,17 +183,31 @@ void ConfigInfo::init() {
         } catch (const libconfig::ParseException& error) {
             QLOG(ERROR) << "parse config file error at :" << error.getLine() << " - "
                         << error.getError();
-            setAsideBrokenGlobalConfig();
         }
     }
 }
 
-void ConfigInfo::setAsideBrokenGlobalConfig() {
+bool ConfigInfo::reloadFailedGlobalConfig() {
+    if (!File::sExists(globalConfigPath_)) {
+        return true;
+    }
+    try {
+        config_.readFile(globalConfigPath_.c_str());
+        globalConfigLoadFailed_ = false;
+        return true;
+    } catch (const libconfig::ParseException&) {
+        return setAsideBrokenGlobalConfig();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool ConfigInfo::setAsideBrokenGlobalConfig() {
     const std::string aside = globalConfigPath_ + kBrokenConfigSuffix;
     // rename moves a link planted at either name as a link.
     if (rename(globalConfigPath_.c_str(), aside.c_str()) != 0) {
         QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse and can't be set aside";
-        return;
+        return false;
     }
     QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse, set aside as " << aside;
     // What the parser kept of it may hold a setting without a value, which
@@ -203,6 +217,7 @@ void ConfigInfo::setAsideBrokenGlobalConfig() {
         root.remove(0u);
     }
     globalConfigLoadFailed_ = false;
+    return true;
 }
 
 void ConfigInfo::getPrimaryDiskDeviceFromFile() {

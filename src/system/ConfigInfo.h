@@ -150,10 +150,14 @@ private:
 
     void localization();
     void init();
-    // A global file that no longer parses (cut short by a power loss) goes
-    // aside to globalConfigPath_ + kBrokenConfigSuffix, so that later settings
-    // are stored again. Caller holds configMutex_.
-    void setAsideBrokenGlobalConfig();
+    // Before a setting is stored over a global file whose last load failed:
+    // another process may have been writing it then, so it is read again. One
+    // that still doesn't parse (cut short by a power loss) goes aside to
+    // globalConfigPath_ + kBrokenConfigSuffix and the settings start afresh;
+    // one that can't be read is kept. false: keep the file, store nothing.
+    // Caller holds configMutex_.
+    bool reloadFailedGlobalConfig();
+    bool setAsideBrokenGlobalConfig();
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;
@@ -213,9 +217,9 @@ private:
     libconfig::Config config_;
     boost::mutex configMutex_;
     boost::mutex backupDrivePathMutex_;
-    // True while the global file exists but its last load failed (it couldn't
-    // be read, or didn't parse and couldn't be set aside): config_ then holds at most part of it, so
-    // setConfig must not write config_ over it. Guarded by configMutex_.
+    // True while the global file's last load failed: config_ then holds at
+    // most part of it, so setConfig must not write config_ over it before
+    // reloadFailedGlobalConfig. Guarded by configMutex_.
     bool globalConfigLoadFailed_;
 };
 

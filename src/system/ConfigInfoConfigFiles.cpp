@@ -1,4 +1,7 @@
+#include <errno.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
@@ -25,9 +28,23 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
     }
 }
 
-// Mode of a written configuration file: other components of the device read
-// it.
+// Mode of a new configuration file: other components of the device read it.
 const mode_t kConfigFileMode = 0644;
+
+// The new file takes the owner and mode of the regular file it replaces, as an
+// edit in place would keep them: some of these files belong to other
+// components of the device, which write them under their own user or keep
+// them private. Returns the mode to give it.
+mode_t takeOverOwnerAndMode(const std::string& path, FILE* replacement) {
+    struct stat old;
+    if (lstat(path.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
+        return kConfigFileMode;
+    }
+    if (fchown(fileno(replacement), old.st_uid, old.st_gid) != 0) {
+        QLOG(WARNING) << "config file " << path << " changes its owner: " << strerror(errno);
+    }
+    return old.st_mode & 07777;
+}
 
 // Written beside path, synced, then renamed over it: a power cut leaves the
 // old file or the new one, never half of one, and a link or FIFO planted at
@@ -38,7 +55,8 @@ void replaceFile(const libconfig::Config& config, const std::string& path) {
         throw std::runtime_error("can't create a file beside " + path);
     }
     config.write(replacement.stream());
-    if (!replacement.commit(kConfigFileMode, true)) {
+    const mode_t mode = takeOverOwnerAndMode(path, replacement.stream());
+    if (!replacement.commit(mode, true)) {
         throw std::runtime_error("can't replace " + path);
     }
 }
@@ -93,9 +111,6 @@ std::string ConfigInfo::getConfig(const std::string& key) {
                 globalConfigLoadFailed_ = false;
             } catch (const std::exception& error) {
                 QLOG(ERROR) << "parse config file error at :" << error.what();
-                if (dynamic_cast<const libconfig::ParseException*>(&error) != NULL) {
-                    setAsideBrokenGlobalConfig();
-                }
             }
         }
         boost::lock_guard<boost::mutex> lock(configMutex_);
@@ -116,10 +131,7 @@ std::string ConfigInfo::getConfig(const std::string& key) {
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     QLOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::lock_guard<boost::mutex> lock(configMutex_);
-    // A global file that failed to load may hold the user's settings, which
-    // config_ then lacks: writing config_ would replace them, so keep the
-    // file and change nothing until it loads again.
-    if (globalConfigLoadFailed_ && File::sExists(globalConfigPath_)) {
+    if (globalConfigLoadFailed_ && !reloadFailedGlobalConfig()) {
         QLOG(ERROR) << "setConfig skipped: " << globalConfigPath_
                     << " failed to load, keep it unchanged";
         return;

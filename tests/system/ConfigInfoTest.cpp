@@ -10,6 +10,7 @@
 
 namespace {
 
+using quorvia_test::capture;
 using quorvia_test::quoted;
 using talvern::ConfigInfo;
 namespace fs = boost::filesystem;
@@ -129,28 +130,34 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     const std::string file = path("/cfg/other.cfg");
     fs::create_directories(path("/cfg"));
     info()->setConfigToFile(file, "first", "1");
+    // Owned by another component, private: it stays so.
+    ASSERT_EQ(0, shell("chown 65534:65534 " + quoted(file) + " && chmod 600 " + quoted(file)));
     info()->setConfigToFile(file, "second", "2");
     info()->setConfigToFile(file, "first", "");
     EXPECT_EQ("second = \"2\";\n", readFile("/cfg/other.cfg"));
+    EXPECT_EQ("65534 600\n", capture("stat -c '%u %a' " + quoted(file)));
     EXPECT_EQ("2", info()->getConfigFromFile(file, "second"));
     info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
     EXPECT_FALSE(fs::exists(path("/no")));
 }
 
-// A file cut short by a power loss goes aside, so that settings are stored
-// again; one that can't be read at all is kept and not written over.
-TEST_F(ConfigFilesTest, AFileThatNoLongerParsesIsSetAsideAtStartOrReload) {
-    const std::string garbled = "userSetting = \"precious\";\nbroken = = ;\n";
-    writeFile(kGlobalFile, garbled);
+// A file read while another process was writing it is left alone: once, that
+// read set it aside and the next setting replaced all the others. One that
+// still doesn't parse when a setting is stored (cut short by a power loss)
+// goes aside; one that can't be read at all is kept and not written over.
+TEST_F(ConfigFilesTest, ABrokenFileIsSetAsideOnlyWhenASettingIsStoredRegression) {
+    const std::string whole = "userSetting = \"precious\";\nother = \"kept\";\n";
+    writeFile(kGlobalFile, whole.substr(0, whole.size() - 4));
+    EXPECT_EQ("precious", info()->getConfig("userSetting"));
+    writeFile(kGlobalFile, whole);
     info()->setConfig("needShareHSDOWNLOAD", "true");
-    EXPECT_EQ(garbled, readFile(std::string(kGlobalFile) + ".broken"));
-    EXPECT_EQ("true", info()->getConfig("needShareHSDOWNLOAD"));
+    EXPECT_EQ(whole + "needShareHSDOWNLOAD = \"true\";\n", global());
 
     writeFile(kGlobalFile, "{{{ not a config");
     EXPECT_EQ("", info()->getConfig("userSetting"));
-    EXPECT_EQ("{{{ not a config", readFile(std::string(kGlobalFile) + ".broken"));
     info()->setConfig("b", "2");
-    EXPECT_EQ("2", info()->getConfig("b"));
+    EXPECT_EQ("{{{ not a config", readFile(std::string(kGlobalFile) + ".broken"));
+    EXPECT_EQ("b = \"2\";\n", global());
 
     fs::remove(path(kGlobalFile));
     fs::create_directory(path(kGlobalFile));
