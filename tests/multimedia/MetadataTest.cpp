@@ -155,6 +155,7 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         {"plain.ts", v + " -t 2", "2", kDefault},
         {"plain.flv", color + "flv1", "2", kDefault},
         {"plain.webm", color + "libvpx", "2", kDefault},
+        {"plain.rmvb", color + "rv20 -f rm", "2", kDefault},
     };
     const size_t descriptors = quorvia_test::openDescriptors();
     for (const Sample& sample : samples) {
