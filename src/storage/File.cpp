@@ -1,6 +1,8 @@
 #include "storage/File.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/thread.hpp>
@@ -66,6 +68,28 @@ ErrorCode File::sDelete(const std::string& path) {
         QLOG(ERROR) << "File::sDelete catch exception: " << e.what();
     }
     return result;
+}
+
+bool File::sReadRegularFile(const std::string& path, std::size_t maxBytes, std::string& content) {
+    content.clear();
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat info;
+    bool whole = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    char block[4096];
+    ssize_t got = 0;
+    while (whole && (got = read(fd, block, sizeof block)) > 0) {
+        whole = content.size() + static_cast<std::size_t>(got) <= maxBytes;
+        content.append(block, whole ? static_cast<std::size_t>(got) : 0);
+    }
+    close(fd);
+    if (!whole || got != 0) {
+        content.clear();
+        return false;
+    }
+    return true;
 }
 
 namespace {

@@ -30,6 +30,12 @@ public:
     static uint64_t sGetFileSize(const std::string& path);
     // The file system's space figures for path; all zero on failure.
     static boost::filesystem::space_info sGetDiskSpaceInfo(const std::string& path);
+    // The whole content of the regular file at path (a link is followed) in
+    // content, when it holds at most maxBytes. false, with content empty, for
+    // a missing or unreadable file, anything but a regular file (a FIFO is
+    // never waited on, a device never read) or a larger one.
+    static bool sReadRegularFile(const std::string& path, std::size_t maxBytes,
+                                 std::string& content);
     // Removes a file; a directory is left in place and reported as success.
     static ErrorCode sDelete(const std::string& path);
     // Copies in blocks into a new file that then takes the place of to (a

@@ -4,11 +4,12 @@
 #include <sys/stat.h>
 
 #include <boost/thread/lock_guard.hpp>
-#include <fstream>
+#include <sstream>
 
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
+#include "system/ConfigUtils.h"
 #include "system/DeviceRoot.h"
 #include "system/LocalizationHelper.h"
 #include "system/Log.h"
@@ -22,6 +23,8 @@ const char* const systemConfigRoot = "/userdisk/data/.systemconfig";
 const char* const kLocalizationRoot = "/etc/talvernconfig/localization";
 const char* const kUserdiskInfoFile = "/tmp/userdisk_info";
 const char* const kPrimaryPrefix = "PRIMARY=";
+// The disk information file is a few lines long.
+const std::size_t kMaxUserdiskInfoBytes = 64 << 10;
 // Used when the language file names no camera folder.
 const char* const kDefaultPemrickCameraDirName = "摄像机监控视频";
 
@@ -176,7 +179,7 @@ void ConfigInfo::init() {
         boost::lock_guard<boost::mutex> lock(configMutex_);
         globalConfigLoadFailed_ = true;
         try {
-            config_.readFile(globalConfigPath_.c_str());
+            ConfigUtils::sReadFile(config_, globalConfigPath_);
             globalConfigLoadFailed_ = false;
         } catch (const libconfig::FileIOException&) {
             QLOG(ERROR) << "open config file error;";
@@ -192,7 +195,7 @@ bool ConfigInfo::reloadFailedGlobalConfig() {
         return true;
     }
     try {
-        config_.readFile(globalConfigPath_.c_str());
+        ConfigUtils::sReadFile(config_, globalConfigPath_);
         globalConfigLoadFailed_ = false;
         return true;
     } catch (const libconfig::ParseException&) {
@@ -221,16 +224,16 @@ bool ConfigInfo::setAsideBrokenGlobalConfig() {
 }
 
 void ConfigInfo::getPrimaryDiskDeviceFromFile() {
-    const std::string infoPath = devicePath(kUserdiskInfoFile);
-    if (File::sExists(infoPath)) {
-        std::ifstream in(infoPath.c_str(), std::ios::binary);
-        std::string line;
-        while (std::getline(in, line)) {
-            if (CommonUtils::startWith(line, kPrimaryPrefix)) {
-                primaryDiskDevice_ = line.substr(std::string(kPrimaryPrefix).size());
-                QLOG(ERROR) << "primary disk device: " << primaryDiskDevice_;
-                break;
-            }
+    // /tmp is anyone's: a FIFO or device planted there reads as no file.
+    std::string info;
+    File::sReadRegularFile(devicePath(kUserdiskInfoFile), kMaxUserdiskInfoBytes, info);
+    std::istringstream in(info);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (CommonUtils::startWith(line, kPrimaryPrefix)) {
+            primaryDiskDevice_ = line.substr(std::string(kPrimaryPrefix).size());
+            QLOG(ERROR) << "primary disk device: " << primaryDiskDevice_;
+            break;
         }
     }
     if (primaryDiskDevice_.empty()) {

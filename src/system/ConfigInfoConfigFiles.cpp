@@ -10,6 +10,7 @@
 #include "storage/File.h"
 #include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
+#include "system/ConfigUtils.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -107,7 +108,7 @@ std::string ConfigInfo::getConfig(const std::string& key) {
             boost::lock_guard<boost::mutex> lock(configMutex_);
             globalConfigLoadFailed_ = true;
             try {
-                config_.readFile(globalConfigPath_.c_str());
+                ConfigUtils::sReadFile(config_, globalConfigPath_);
                 globalConfigLoadFailed_ = false;
             } catch (const std::exception& error) {
                 QLOG(ERROR) << "parse config file error at :" << error.what();
@@ -147,7 +148,7 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     boost::lock_guard<boost::mutex> lock(configMutex_);
     libconfig::Config config;
     if (File::sExists(path)) {
-        config.readFile(path.c_str());
+        ConfigUtils::sReadFile(config, path);
     }
     putString(config, key, value);
     writeConfig(config, path);
@@ -162,7 +163,7 @@ std::string ConfigInfo::sGetConfigFromFile(const std::string& path, const std::s
     try {
         libconfig::Config config;
         if (File::sExists(path)) {
-            config.readFile(path.c_str());
+            ConfigUtils::sReadFile(config, path);
         }
         return lookupString(config, key);
     } catch (const std::exception& error) {
@@ -189,7 +190,7 @@ std::vector<std::string> ConfigInfo::getListFromFile(const std::string& path,
     try {
         libconfig::Config config;
         if (File::sExists(path)) {
-            config.readFile(path.c_str());
+            ConfigUtils::sReadFile(config, path);
         }
         const libconfig::Setting& setting = config.lookup(key);
         if (setting.getType() == libconfig::Setting::TypeArray) {

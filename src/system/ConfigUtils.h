@@ -2,13 +2,24 @@
 #define QUORVIA_SYSTEM_CONFIGUTILS_H
 
 #include <boost/thread/mutex.hpp>
+#include <cstddef>
+#include <libconfig.h++>
 #include <string>
 
 // Reader of one libconfig file, given at construction. The file is read again
 // at every lookup. Any thread may call; calls on one object are serialised.
 class ConfigUtils {
 public:
+    // Bytes a configuration file may hold: the device's are a few lines long.
+    static constexpr std::size_t kMaxFileBytes = 1 << 20;
+
     explicit ConfigUtils(const std::string& path);
+
+    // libconfig's readFile of path into config, for files that others may
+    // plant: a FIFO, a device or a file beyond kMaxFileBytes throws
+    // libconfig::FileIOException as a missing file does; nothing is waited
+    // on. A file that doesn't parse throws libconfig::ParseException.
+    static void sReadFile(libconfig::Config& config, const std::string& path);
 
     // The string setting key at the root of the file; empty when the file is
     // missing or doesn't parse, or the key is missing or not a string. Logs

@@ -1,9 +1,10 @@
 #include "system/LocalizationHelper.h"
 
 #include <boost/algorithm/string.hpp>
-#include <fstream>
+#include <sstream>
 #include <vector>
 
+#include "storage/File.h"
 #include "system/CommonUtils.h"
 
 namespace talvern {
@@ -42,7 +43,9 @@ void LocalizationHelper::init() {
 
 void LocalizationHelper::parseFile(ValueMap& values, const std::string& path) {
     values.clear();
-    std::ifstream in(path.c_str(), std::ios::binary);
+    std::string text;
+    File::sReadRegularFile(path, kMaxFileBytes, text);
+    std::istringstream in(text);
     char buffer[kMaxLineLength + 1];
     // getline() fails on a line that doesn't fit the buffer, which ends the
     // file there; a last line without a line end still reads.

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <libconfig.h++>
@@ -101,6 +102,23 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info();
     EXPECT_EQ("photo", readFile("/outside/DataBase/photo.jpg"));
     EXPECT_TRUE(log_.contains(path("/userdisk/talvernConfig") + " is a link", google::GLOG_ERROR));
+}
+
+// /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
+// planted where the start reads a file counts as no file (once, the start
+// waited on the FIFO for ever, or read /dev/zero until memory ran out).
+TEST_F(ConfigInfoTest, PlantedFifosAndDevicesReadAsNoFileRegression) {
+    alarm(60);
+    ASSERT_EQ(0, shell("cd " + quoted(root()) +
+                       " && mkdir -p tmp userdisk/talvernConfig && "
+                       "rm etc/talvernconfig/localization/country.txt && "
+                       "mkfifo tmp/commonutils.config.tmp userdisk/talvernConfig/config.cfg "
+                       "etc/talvernconfig/localization/country.txt && "
+                       "ln -s /dev/zero tmp/userdisk_info"));
+    EXPECT_EQ("", info()->getPrimaryDiskDevice());
+    EXPECT_EQ("", info()->getBackupImageDirName());
+    EXPECT_EQ("", info()->getConfig("code"));
+    EXPECT_TRUE(log_.contains("open config file error;", google::GLOG_ERROR));
 }
 
 TEST_F(ConfigInfoTest, ConfigurationRootThatCantBeMadeStopsTheStartHousekeeping) {
