@@ -31,7 +31,8 @@ boost::system::error_code systemError(int error) {
 }
 
 // Names in the directory open at fd, "." and ".." left out. The stream gets a
-// descriptor of its own, so fd stays open for the removals.
+// descriptor of its own, so fd stays open for the removals; the two share
+// one offset, which is rewound for a second listing.
 bool listNames(int fd, std::vector<std::string>& names) {
     const int own = dup(fd);
     DIR* stream = own < 0 ? NULL : fdopendir(own);
@@ -41,6 +42,7 @@ bool listNames(int fd, std::vector<std::string>& names) {
         }
         return false;
     }
+    rewinddir(stream);
     while (const dirent* entry = readdir(stream)) {
         const std::string name(entry->d_name);
         if (name != "." && name != "..") {
@@ -51,12 +53,65 @@ bool listNames(int fd, std::vector<std::string>& names) {
     return true;
 }
 
+// The top of a tree being removed: its descriptor, how many entries the
+// current pass over it moved up into it, and the number of the next name
+// given there.
+struct RemovalTop {
+    int fd;
+    unsigned int hoisted;
+    unsigned long long nextName;
+};
+
+// Moves name, in the directory open at fd, up into the top of the tree under
+// a name of its own, where a later pass removes it: the walk holds one
+// descriptor a level, so the levels below kMaxRemoveDepth go up instead of
+// deeper. Everything in the top goes, so a name taken there is no loss.
+int hoist(int fd, const std::string& name, RemovalTop& top) {
+    const std::string hoisted = ".removing-" + std::to_string(top.nextName++);
+    if (renameat(fd, name.c_str(), top.fd, hoisted.c_str()) != 0) {
+        return errno;
+    }
+    ++top.hoisted;
+    return 0;
+}
+
+int removeTree(int parentFd, const std::string& name, int depth, RemovalTop& top);
+
+// Removes what the directory open at fd, depth levels below the top, holds.
+int removeEntries(int fd, int depth, RemovalTop& top) {
+    std::vector<std::string> names;
+    if (!listNames(fd, names)) {
+        return errno;
+    }
+    int error = 0;
+    for (const std::string& child : names) {
+        const int childError = depth >= Directory::kMaxRemoveDepth
+                                   ? hoist(fd, child, top)
+                                   : removeTree(fd, child, depth + 1, top);
+        error = error != 0 ? error : childError;
+    }
+    return error;
+}
+
+// The top is gone over again while a pass moved entries up into it.
+int removeTopEntries(int fd, RemovalTop& top) {
+    top.fd = fd;
+    for (int pass = 0; pass < Directory::kMaxRemovePasses; ++pass) {
+        top.hoisted = 0;
+        const int error = removeEntries(fd, 0, top);
+        if (error != 0 || top.hoisted == 0) {
+            return error;
+        }
+    }
+    return ENAMETOOLONG;
+}
+
 // Removes name in the directory open at parentFd, and everything below it
 // when it is a directory. Every step goes through descriptors and refuses
 // to follow a link, so a link anywhere in the tree (or one swapped in during
 // the walk) is removed as a link and never leads outside. Returns 0 or the
 // first errno met; what can be removed is removed all the same.
-int removeTree(int parentFd, const std::string& name, int depth) {
+int removeTree(int parentFd, const std::string& name, int depth, RemovalTop& top) {
     const int fd = openat(parentFd, name.c_str(),
                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
@@ -65,17 +120,7 @@ int removeTree(int parentFd, const std::string& name, int depth) {
         }
         return errno == ENOENT ? 0 : errno;
     }
-    int error = 0;
-    std::vector<std::string> names;
-    if (depth >= Directory::kMaxRemoveDepth) {
-        error = ENAMETOOLONG;
-    } else if (!listNames(fd, names)) {
-        error = errno;
-    }
-    for (const std::string& child : names) {
-        const int childError = removeTree(fd, child, depth + 1);
-        error = error != 0 ? error : childError;
-    }
+    int error = depth == 0 ? removeTopEntries(fd, top) : removeEntries(fd, depth, top);
     close(fd);
     if (unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
         error = error != 0 ? error : errno;
@@ -98,7 +143,8 @@ int removeTreeAt(const std::string& path) {
     if (parentFd < 0) {
         return errno == ENOENT ? 0 : errno;
     }
-    const int error = removeTree(parentFd, name, 0);
+    RemovalTop top = {-1, 0, 0};
+    const int error = removeTree(parentFd, name, 0, top);
     close(parentFd);
     return error;
 }

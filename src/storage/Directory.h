@@ -13,9 +13,12 @@ public:
     // Mode of a directory made by sCreateDirectory (its last component only).
     static const int kCreatedDirectoryMode = 0777;
     // Deepest level the recursive delete descends to: it holds one descriptor
-    // a level, and the trees it clears are a few levels deep. Deeper entries
-    // stay and the call reports ENAMETOOLONG.
+    // a level. What lies deeper is moved up into the tree's top and removed
+    // by another pass over it.
     static constexpr int kMaxRemoveDepth = 64;
+    // Passes over the top before the delete gives up (ENAMETOOLONG): a tree
+    // some 60,000 levels deep, or one that another process keeps deepening.
+    static constexpr int kMaxRemovePasses = 1000;
 
     virtual ~Directory() {}
 

@@ -50,9 +50,18 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
     EXPECT_TRUE(Directory::sCreateDirectory(path("/plain/sub")).systemError());
 
     writeFile("/a/b/f", "1");
+    // 200 levels: deeper than the delete holds descriptors for.
+    std::string deep = "/a/b";
+    for (int level = 0; level < 200; ++level) {
+        deep += "/d";
+    }
+    ASSERT_TRUE(Directory::sCreateDirectory(path(deep)).ok());
+    writeFile(deep + "/f", "2");
+    const size_t descriptors = quorvia_test::openDescriptors();
     EXPECT_TRUE(Directory::sDelete(path("/a"), false).systemError());
     EXPECT_TRUE(Directory::sDelete(path("/a"), true).ok());
     EXPECT_FALSE(Directory::sExists(path("/a")));
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     EXPECT_TRUE(Directory::sDelete(path("/missing"), false).ok());
 }
 
