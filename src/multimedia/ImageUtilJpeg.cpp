@@ -287,6 +287,8 @@ int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
     }
     if (size == 0) {
         QLOG(ERROR) << "jpeg file " << path << " is empty, delete it. useChunk is " << useChunk;
+        // Nothing may stand for the thumbnail: an older one at path goes too.
+        File::sDelete(path);
         return -1;
     }
     bool written = true;

@@ -261,6 +261,7 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
         EXPECT_EQ(-1, util_.getThumbnail(odd, thumb, THUMBNAIL_SMALL, "", 0));
     }
     EXPECT_EQ(-1, util_.rotateImage(dir_ + "/pipe.jpg", 90));
+    writeAll(dir_ + "/empty.jpg", "an older thumbnail");
     EXPECT_EQ(-1, util_.save_to_jpeg_file(nullptr, 0, dir_ + "/empty.jpg", 0));
     EXPECT_FALSE(exists(dir_ + "/empty.jpg"));
     const unsigned char* x = reinterpret_cast<const unsigned char*>("x");
