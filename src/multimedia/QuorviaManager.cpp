@@ -51,7 +51,7 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
     if (!changes) {
         return;
     }
-    std::vector<const FileChangeItem*> deletedDirs;
+    std::vector<const FileChangeItem*> deleted;
     for (std::size_t i = 0; i < changes->size(); ++i) {
         const FileChangeItem& item = (*changes)[i];
         for (const MoveHalf& half : item.earlierMoves) {
@@ -63,18 +63,19 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
         }
         // Asked for its side effect only: it makes a missing download folder.
         CommonUtils::sIsDownloadTmpFile(item.path);
-        if (item.mask == TALVERN_DELETE && item.isDir) {
-            deletedDirs.push_back(&item);
+        if (item.mask == TALVERN_DELETE) {
+            deleted.push_back(&item);
             continue;
         }
         dispatcherTask(item.path, item.mask, item.isDir, type, item.cookie);
     }
-    // A folder's item stands where the path was first seen in the batch, but
-    // a move away from that path pairs only at its arrival's item, further
-    // on: the rows below a deleted folder go once every move of the batch
-    // has taken its rows along (a folder renamed, and another of its old
-    // name made and removed, once lost the first one's rows).
-    for (const FileChangeItem* item : deletedDirs) {
+    // An item stands where its path was first seen in the batch, but a move
+    // pairs only at the item of its second half, perhaps further on. A path
+    // deleted last is gone at the batch's end, so its rows go once every move
+    // of the batch has taken its rows along (a file or folder renamed, and
+    // another of its old name made and removed, once lost the first one's
+    // rows).
+    for (const FileChangeItem* item : deleted) {
         dispatcherTask(item->path, item->mask, item->isDir, type, item->cookie);
     }
 }

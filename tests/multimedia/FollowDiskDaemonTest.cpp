@@ -81,11 +81,13 @@ TEST_F(FollowDiskDaemonTest, RowsFollowFilesAndFoldersChangedWithTheShell) {
                      " && mv cc/sept.mp3 cc/sieben.mp3 && mv e f && rm f/d/five.mp3",
                      "h2 ~/a/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/f/d/under/four.mp3\n"
                      "h6 ~/kept.mp3\nh7 ~/cc/sieben.mp3\n");
-    // A folder renamed, and another of its old name made and removed, within
-    // one quiet second: the first one's rows once went with the delete.
-    expectRowsFollow("mv a z && mkdir a && rmdir a",
-                     "h2 ~/z/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/f/d/under/four.mp3\n"
-                     "h6 ~/kept.mp3\nh7 ~/cc/sieben.mp3\n");
+    // A folder and a file renamed, and others of their old names made and
+    // removed, within one quiet second: the rows once went with the deletes.
+    expectRowsFollow(
+        "mv a z && mkdir a && rmdir a && mv kept.mp3 k.mp3 && touch kept.mp3"
+        " && rm kept.mp3",
+        "h2 ~/z/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/f/d/under/four.mp3\n"
+        "h6 ~/k.mp3\nh7 ~/cc/sieben.mp3\n");
 }
 
 }  // namespace
