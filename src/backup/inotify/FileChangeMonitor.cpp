@@ -177,10 +177,6 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
         return;
     }
     const std::string path = it->second + eventName(event) + "/";
-    if ((event->mask & IN_DELETE) && endedDirs_.erase(path) != 0) {
-        QLOG(WARNING) << "Folder removed: " << path;
-        return;
-    }
     int found = isWatchedTalvernDir(path);
     if (found == -1) {
         return;
@@ -188,6 +184,9 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
     QLOG(WARNING) << "Folder removed: " << path;
     if (event->mask & IN_MOVED_FROM) {
         movedDirs_[event->cookie] = found;
+        return;
+    }
+    if (endedDirs_.erase(path) != 0) {
         return;
     }
     kernel_->removeWatch(inotifyFd_, found);
@@ -262,7 +261,7 @@ void FileChangeMonitor::forgetWatch(int wd) {
     if (isRoot(it->second)) {
         unwatchedRoots_[it->second];
     }
-    endedDirs_.insert(it->second);
+    endedDirs_[it->second] = wd;
     forgetPath(it->second, wd);
     wdToPath_.erase(it);
 }
@@ -286,8 +285,11 @@ bool FileChangeMonitor::isRoot(const std::string& pathWithSlash) const {
 int FileChangeMonitor::isWatchedTalvernDir(const std::string& path) {
     boost::unordered_map<std::string, int>::iterator it = pathToWd_.find(path);
     if (it == pathToWd_.end()) {
-        QLOG(INFO) << "not find path " << path;
-        return -1;
+        it = endedDirs_.find(path);
+        if (it == endedDirs_.end()) {
+            QLOG(INFO) << "not find path " << path;
+            return -1;
+        }
     }
     QLOG(INFO) << "it is watched talvern dir, path is " << path << " ,wd is " << it->second;
     return it->second;

@@ -10,7 +10,6 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/unordered_map.hpp>
-#include <boost/unordered_set.hpp>
 #include <map>
 #include <string>
 #include <utility>
@@ -84,7 +83,8 @@ public:
     void removeWatchDiskDir(inotify_event* event);
     // A watched directory that went itself (IN_DELETE_SELF).
     void removeWatchDiskDirSelf(inotify_event* event);
-    // Descriptor watching path (with trailing "/"), or -1.
+    // Descriptor watching path (with trailing "/"), or one that did until the
+    // kernel ended it in this batch; -1 for neither.
     int isWatchedTalvernDir(const std::string& path);
     // One retry pass over the directories that failed to get a watch.
     void delayAddWatchDiskDir();
@@ -181,9 +181,9 @@ private:
     // their watch descriptor; a directory's arrival takes its entry out.
     boost::unordered_map<uint32_t, int> movedDirs_;
     // Directories whose watch the kernel ended in the batch being gathered
-    // (with "/"): their parent's delete event comes after and still names
-    // them.
-    boost::unordered_set<std::string> endedDirs_;
+    // (path with "/" -> the ended descriptor): their parent's delete event
+    // comes after and still counts them as watched.
+    boost::unordered_map<std::string, int> endedDirs_;
     // When a root is tried again: quiet passes to wait before the next try,
     // and the wait that follows a failed one.
     struct RootRetry {
