@@ -25,19 +25,30 @@ bool holdsParentStep(const std::string& path) {
     return wrapped.find("/../") != std::string::npos;
 }
 
-void createDirectoryIfMissing(const std::string& path) {
-    if (!path.empty() && !Directory::sExists(path)) {
-        Directory::sCreateDirectory(path);
+// The hash names a file of the tree and, by its first two pairs of
+// characters, two folders: no "/" in it, and no pair that is "." or "..".
+bool isUsableHash(const std::string& hash) {
+    if (hash.size() < 2 || hash.find('/') != std::string::npos) {
+        return false;
     }
+    for (const std::string& folder : {hash.substr(0, 2), hash.substr(2, 2)}) {
+        if (folder == "." || folder == "..") {
+            return false;
+        }
+    }
+    return true;
 }
 
 void createParentIfMissing(const std::string& path) {
-    createDirectoryIfMissing(boost::filesystem::path(path).parent_path().string());
+    const std::string parent = boost::filesystem::path(path).parent_path().string();
+    if (!parent.empty() && !Directory::sExists(parent)) {
+        Directory::sCreateDirectory(parent);
+    }
 }
 
 // true when a folder of path below root (which ends in "/") is a link: the
-// thumbnail tree lies on the user disk, where one can be planted to lead the
-// writes elsewhere.
+// thumbnail tree lies in the data folder, where the disk's users can plant
+// one to lead the writes elsewhere.
 bool passesThroughLink(const std::string& root, const std::string& path) {
     if (path.compare(0, root.size(), root) != 0) {
         return false;
@@ -265,19 +276,17 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
             QLOG(ERROR) << "generate thumb path, " << path << " would leave the thumbnail tree";
             return std::string();
         }
-        const std::string root = config->getSmallIconsRootPath();
-        createDirectoryIfMissing(root);
-        thumbPath = root + path;
+        thumbPath = config->getSmallIconsRootPath() + path;
     } else {
-        const std::string root = config->getMiddleIconsRootPath();
-        createDirectoryIfMissing(root);
         thumbPath = getMiddleIconsHashPath(hash);
         if (thumbPath.empty()) {
             return thumbPath;
         }
         QLOG(INFO) << "generateThumbPath thumbPath is " << thumbPath;
     }
-    if (passesThroughLink(config->getThumbnailRootPath(), thumbPath)) {
+    // Checked from the data folder down, the tree's own roots included,
+    // before any folder of it is made.
+    if (passesThroughLink(config->getUserdiskDataPath() + "/", thumbPath)) {
         QLOG(ERROR) << "generate thumb path, " << thumbPath << " passes through a link";
         return std::string();
     }
@@ -286,7 +295,7 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
 }
 
 std::string ImageUtil::getMiddleIconsHashPath(const std::string& hash) {
-    if (hash.size() < 2 || holdsParentStep(hash)) {
+    if (!isUsableHash(hash)) {
         QLOG(ERROR) << "middle icon path, hash " << hash << " is not usable";
         return std::string();
     }

@@ -247,7 +247,8 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
     const std::string climbing = dir_ + "/../../../../../../../../../../../.." + source;
     EXPECT_EQ(-1, util_.getThumbnail(climbing, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_EQ("", util_.generateThumbPath("photos/a.png", THUMBNAIL_SMALL, ""));
-    for (const std::string& hash : {std::string("a"), std::string("../../../x")}) {
+    for (const std::string& hash :
+         {std::string("a"), std::string("../../../x"), std::string("....x")}) {
         EXPECT_EQ(-1, util_.getThumbnail(source, thumb, THUMBNAIL_MIDDLE, hash, 0));
         EXPECT_EQ("", util_.getMiddleIconsHashPath(hash));
     }
@@ -358,5 +359,9 @@ TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroug
     ASSERT_EQ(0, shell("mkdir -p '" + elsewhere + "' '" + middleRoot_ + "' && ln -s '" + elsewhere +
                        "' '" + middleRoot_ + "/ab'"));
     EXPECT_EQ("", util_.generateThumbPath(png, THUMBNAIL_MIDDLE, "abcdef"));
+    // And so does the tree's root, which lies in the data folder too.
+    const std::string tree = smallRoot_.substr(0, smallRoot_.rfind('/'));
+    ASSERT_EQ(0, shell("rm -rf '" + tree + "' && ln -s '" + elsewhere + "' '" + tree + "'"));
+    EXPECT_EQ("", util_.generateThumbPath(png, THUMBNAIL_SMALL, ""));
     EXPECT_EQ(0, shell("test -z \"$(ls -A '" + elsewhere + "')\""));
 }
