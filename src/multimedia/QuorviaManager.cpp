@@ -4,6 +4,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "backup/inotify/FileChangeMonitor.h"
+#include "multimedia/quorviatask/BatchOrder.h"
 #include "multimedia/quorviatask/QuorviaReconcileTask.h"
 #include "multimedia/quorviatask/QuorviaTaskFactory.h"
 #include "system/CommonUtils.h"
@@ -51,11 +52,11 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
     if (!changes) {
         return;
     }
-    std::vector<const FileChangeItem*> deleted;
-    for (std::size_t i = 0; i < changes->size(); ++i) {
-        const FileChangeItem& item = (*changes)[i];
-        for (const MoveHalf& half : item.earlierMoves) {
-            dispatcherTask(item.path, half.mask, item.isDir, type, half.cookie);
+    for (const BatchEvent& event : BatchOrder::sInOrder(*changes)) {
+        const FileChangeItem& item = (*changes)[event.item];
+        if (!event.last) {
+            dispatcherTask(item.path, event.mask, item.isDir, type, event.cookie);
+            continue;
         }
         if (item.mask == TALVERN_MODIFY && !CommonUtils::endWith(item.path, ".jpg") &&
             !CommonUtils::endWith(item.path, ".jpeg")) {
@@ -63,20 +64,7 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
         }
         // Asked for its side effect only: it makes a missing download folder.
         CommonUtils::sIsDownloadTmpFile(item.path);
-        if (item.mask == TALVERN_DELETE) {
-            deleted.push_back(&item);
-            continue;
-        }
         dispatcherTask(item.path, item.mask, item.isDir, type, item.cookie);
-    }
-    // An item stands where its path was first seen in the batch, but a move
-    // pairs only at the item of its second half, perhaps further on. A path
-    // deleted last is gone at the batch's end, so its rows go once every move
-    // of the batch has taken its rows along (a file or folder renamed, and
-    // another of its old name made and removed, once lost the first one's
-    // rows).
-    for (const FileChangeItem* item : deleted) {
-        dispatcherTask(item->path, item->mask, item->isDir, type, item->cookie);
     }
 }
 

@@ -41,7 +41,7 @@ public:
     void notify();
     // The observer operation, on the monitor thread: each item's earlier move
     // halves go to the factory first, then its last change, of which content
-    // changes count for JPEG files only; items in order.
+    // changes count for JPEG files only; the batch's events in BatchOrder.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
     // Lost events under roots: each root's rows are checked against the disk
     // by a task queued behind the changes delivered before.

@@ -88,6 +88,13 @@ TEST_F(FollowDiskDaemonTest, RowsFollowFilesAndFoldersChangedWithTheShell) {
         " && rm kept.mp3",
         "h2 ~/z/deux.mp3\nh3 ~/b/three.mp3\nh4 ~/f/d/under/four.mp3\n"
         "h6 ~/k.mp3\nh7 ~/cc/sieben.mp3\n");
+    // A file renamed while another takes its old name through a temporary
+    // one (both rows once ended on the new name), and a file removed just
+    // before its folder is renamed.
+    expectRowsFollow(
+        "mv cc/sieben.mp3 t.mp3 && mv k.mp3 k2.mp3 && mv t.mp3 k.mp3 && "
+        "rm f/d/under/four.mp3 && mv f g",
+        "h2 ~/z/deux.mp3\nh3 ~/b/three.mp3\nh6 ~/k2.mp3\nh7 ~/k.mp3\n");
 }
 
 }  // namespace

@@ -2,9 +2,12 @@
 #include <string.h>
 
 #include <boost/core/demangle.hpp>
+#include <sstream>
 #include <string>
 #include <typeinfo>
 
+#include "backup/inotify/ChangeList.h"
+#include "multimedia/quorviatask/BatchOrder.h"
 #include "multimedia/quorviatask/PendingMoves.h"
 #include "multimedia/quorviatask/QuorviaMoveDirTask.h"
 #include "multimedia/quorviatask/QuorviaMoveFileTask.h"
@@ -97,6 +100,42 @@ TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
     EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/n", start, partner));
     EXPECT_EQ("/f2", partner);
     EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/n", start, partner)) << "oldest dropped";
+}
+
+// Events as the kernel reports them ("path:F7" and "path:T7" the halves of
+// move 7, D a delete, C a create), folded as the monitor folds them; the
+// order in which they become tasks. The folding keeps a path's last event
+// and its earlier move halves only.
+TEST(BatchOrderTest, MovesComeOutWhereTheyHappened) {
+    const std::pair<std::string, std::string> cases[] = {
+        // mv c c2; mv a b; mv c2 a: item by item, c2 -> a paired before a -> b.
+        {"c:F1 c2:T1 a:F2 b:T2 c2:F3 a:T3", "c:F1 c2:T1 a:F2 b:T2 c2:F3 a:T3"},
+        // rm d/x; mv d e: items in their order where the batch tells nothing.
+        {"d/x:D d/:F1 e/:T1", "d/x:D d/:F1 e/:T1"},
+        // mv a z; mkdir a; rmdir a: the move before the delete.
+        {"a/:F1 z/:T1 a/:C a/:D", "a/:F1 z/:T1 a/:D"},
+        // Halves whose partners are not in the batch, or that have no cookie.
+        {"a:T9 b:F a:C", "a:T9 a:C b:F"},
+        // A knot of reused cookies that no real order makes.
+        {"a:F1 a:T2 b:F2 b:T1", "a:F1 a:T2 b:F2 b:T1"},
+    };
+    const std::string letters = "?MCDFT";
+    for (const auto& c : cases) {
+        ChangeList list;
+        std::istringstream events(c.first);
+        std::string event;
+        while (events >> event) {
+            const std::size_t colon = event.find(':');
+            list.add(event.substr(0, colon), static_cast<WatchMask>(letters.find(event[colon + 1])),
+                     false, event.size() > colon + 2 ? std::stoul(event.substr(colon + 2)) : 0);
+        }
+        std::string order;
+        for (const quorvia::BatchEvent& task : quorvia::BatchOrder::sInOrder(list.items())) {
+            order += (order.empty() ? "" : " ") + list.items()[task.item].path + ":" +
+                     letters[task.mask] + (task.cookie != 0 ? std::to_string(task.cookie) : "");
+        }
+        EXPECT_EQ(c.second, order);
+    }
 }
 
 }  // namespace
