@@ -124,16 +124,18 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     }
     watchLimitWarned_ = false;
     // The two tables stay mirror images: a descriptor that now stands for
-    // another path drops its old path, and a path that another (stale)
-    // descriptor held loses that one, so no event is ever named by a path
-    // that is not its directory's.
+    // another path drops its old path, and a path that another descriptor
+    // held loses that one, so no event is ever named by a path that is not
+    // its directory's. That other watch may be live, on a folder moved on
+    // in this batch (two folders swapped through a third name) whose new
+    // place is scanned later: the kernel keeps it until the delivery.
     boost::unordered_map<int, std::string>::iterator byWd = wdToPath_.find(wd);
     if (byWd != wdToPath_.end() && byWd->second != path) {
         forgetPath(byWd->second, wd);
     }
     boost::unordered_map<std::string, int>::iterator byPath = pathToWd_.find(path);
     if (byPath != pathToWd_.end() && byPath->second != wd) {
-        kernel_->removeWatch(inotifyFd_, byPath->second);
+        displacedWatches_.push_back(byPath->second);
         wdToPath_.erase(byPath->second);
     }
     wdToPath_[wd] = path;
@@ -210,6 +212,16 @@ void FileChangeMonitor::dropDirectoriesMovedOut() {
         wdToPath_.erase(it->second);
     }
     movedDirs_.clear();
+}
+
+// Watches that lost their path in the batch and were not placed again.
+void FileChangeMonitor::removeDisplacedWatches() {
+    for (int wd : displacedWatches_) {
+        if (wdToPath_.count(wd) == 0) {
+            kernel_->removeWatch(inotifyFd_, wd);
+        }
+    }
+    displacedWatches_.clear();
 }
 
 // A directory that left the tree and came back (under any name) before the
@@ -633,6 +645,7 @@ void FileChangeMonitor::deliverChanges() {
         delayAddWatchDiskDir();
     }
     dropDirectoriesMovedOut();
+    removeDisplacedWatches();
     endedDirs_.clear();
     changesNotified_ = true;
     printAllChanges();

@@ -163,6 +163,7 @@ private:
     // moves still unpaired in movedDirs_. Before a delivery.
     void dropDirectoriesMovedOut();
     void keepReturnedDirectory(int wd);
+    void removeDisplacedWatches();
     void watchMissingRoots();
     void noteRootIdentity(const std::string& root);
     void checkRootsInPlace();
@@ -184,6 +185,8 @@ private:
     // (path with "/" -> the ended descriptor): their parent's delete event
     // comes after and still counts them as watched.
     boost::unordered_map<std::string, int> endedDirs_;
+    // Descriptors whose path another one took in the batch being gathered.
+    std::vector<int> displacedWatches_;
     // When a root is tried again: quiet passes to wait before the next try,
     // and the wait that follows a failed one.
     struct RootRetry {
