@@ -1,8 +1,7 @@
-#include "backup/inotify/FileChangeMonitor.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 #include <chrono>
@@ -10,6 +9,7 @@
 #include <functional>
 
 #include "backup/MonitorTestSupport.h"
+#include "backup/inotify/FileChangeMonitor.h"
 #include "support/DeviceRootTest.h"
 
 namespace fs = boost::filesystem;
@@ -33,9 +33,24 @@ public:
             errno = refuse[path];
             return -1;
         }
-        return wds.emplace(path, static_cast<int>(wds.size()) + 1).first->second;
+        // One watch per directory, whatever path it is reached by, as the
+        // kernel's: a moved folder's watch comes back for its new path.
+        struct stat info;
+        if (stat(path.c_str(), &info) != 0) {
+            return -1;
+        }
+        const auto known = byInode.emplace(std::make_pair(info.st_dev, info.st_ino), ++lastWd);
+        return wds[path] = known.first->second;
     }
-    int removeWatch(int, int) override { return 0; }
+    int removeWatch(int, int wd) override {
+        for (auto it = byInode.begin(); it != byInode.end(); ++it) {
+            if (it->second == wd) {
+                byInode.erase(it);
+                return 0;
+            }
+        }
+        return -1;
+    }
     int waitReadable(int, int) override { return queued.empty() ? 0 : 1; }
     ssize_t read(int, char* buffer, std::size_t size) override {
         if (queued.empty()) {
@@ -50,7 +65,9 @@ public:
     int initErrno = 0;
     std::deque<std::string> queued;     // what read() hands out, one per call
     std::map<std::string, int> refuse;  // path with "/" -> errno
-    std::map<std::string, int> wds;
+    std::map<std::string, int> wds;     // the last watch placed for each path
+    std::map<std::pair<dev_t, ino_t>, int> byInode;
+    int lastWd = 0;
 };
 
 struct Event {
@@ -263,6 +280,7 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
 // A copy that never left a quiet second kept every path in the list until
 // it ended (200,000 files cost 49 MB): the list is delivered in slices.
 TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
+    mkdirs("A/s");
     start(false);
     for (int first = 0; first < 25000; first += 1000) {
         std::vector<Event> events;
@@ -276,6 +294,21 @@ TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
     }
     const std::size_t most = FileChangeMonitor::kMaxBatchItems;
     EXPECT_EQ(std::vector<std::size_t>({most, most, 25000 - 2 * most}), observer_->sizes());
+
+    // A folder's move cut in two by a slice: its watches were once taken down
+    // as if it had left the tree, and a delete in it right after was lost.
+    fs::rename(data() + "/A", data() + "/B");
+    for (std::size_t first = 0; first < most; first += 1000) {
+        std::vector<Event> events;
+        for (std::size_t i = first; i < first + 1000 && i < most - 1; ++i) {
+            events.push_back({IN_CREATE, "g" + std::to_string(i)});
+        }
+        fake_->queued.push_back(records(wd(), events));
+    }
+    fake_->queued.back() += records(wd(), {{IN_MOVED_FROM | IN_ISDIR, "A", 5}});
+    fake_->queued.push_back(records(wd(), {{IN_MOVED_TO | IN_ISDIR, "B", 5}}) +
+                            records(fake_->wds.at(data() + "/A/s/"), {{IN_DELETE, "y.mp3"}}));
+    EXPECT_EQ(Lines({"TO B/", "DELETE B/s/y.mp3"}), batchAfterPasses(5));
 }
 
 // A folder of 30,000 indexed files deleted at once overflowed the kernel's

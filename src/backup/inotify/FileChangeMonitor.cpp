@@ -214,7 +214,8 @@ void FileChangeMonitor::dropDirectoriesMovedOut() {
     movedDirs_.clear();
 }
 
-// Watches that lost their path in the batch and were not placed again.
+// Watches that lost their path since the last quiet pass and were not
+// placed again.
 void FileChangeMonitor::removeDisplacedWatches() {
     for (int wd : displacedWatches_) {
         if (wdToPath_.count(wd) == 0) {
@@ -225,7 +226,7 @@ void FileChangeMonitor::removeDisplacedWatches() {
 }
 
 // A directory that left the tree and came back (under any name) before the
-// batch was delivered is placed again under the same descriptor: it stays.
+// quiet pass is placed again under the same descriptor: it stays.
 void FileChangeMonitor::keepReturnedDirectory(int wd) {
     boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
     while (it != movedDirs_.end()) {
@@ -473,12 +474,12 @@ void FileChangeMonitor::runPass() {
     if (r > 0) {
         drain();
         if (batchIsFull()) {
-            deliverChanges();
+            deliverChanges(false);
         }
     } else if (r == 0 || error == EINTR) {
         checkRootsInPlace();
         watchMissingRoots();
-        deliverChanges();
+        deliverChanges(true);
         recoverLostEvents();
     } else {
         // A descriptor that fails for good must not turn the loop into a
@@ -637,16 +638,20 @@ void FileChangeMonitor::printAllChanges() {
     }
 }
 
-void FileChangeMonitor::deliverChanges() {
+void FileChangeMonitor::deliverChanges(bool quiet) {
     if (changePaths_.empty()) {
         return;
     }
     if (!delayAddDirs_.empty()) {
         delayAddWatchDiskDir();
     }
-    dropDirectoriesMovedOut();
-    removeDisplacedWatches();
-    endedDirs_.clear();
+    // A slice may end between the two halves of a move: what waits for the
+    // rest of a move is settled on a quiet pass only.
+    if (quiet) {
+        dropDirectoriesMovedOut();
+        removeDisplacedWatches();
+        endedDirs_.clear();
+    }
     changesNotified_ = true;
     printAllChanges();
     notifyObserver();

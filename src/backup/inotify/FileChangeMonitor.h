@@ -76,7 +76,7 @@ public:
     void addWatchDiskDir(inotify_event* event);
     // A directory that left (IN_DELETE / IN_MOVED_FROM with IN_ISDIR). A
     // deleted one loses its watch. A moved one keeps its watches and its
-    // subtree's until the batch is delivered: events queued in the subtree
+    // subtree's until the next quiet pass: events queued in the subtree
     // after the move still find their directories, and the arrival's scan
     // gives them their new paths. Only a move whose other half has not come
     // by then (out of the tree) takes the whole subtree's watches down.
@@ -84,7 +84,7 @@ public:
     // A watched directory that went itself (IN_DELETE_SELF).
     void removeWatchDiskDirSelf(inotify_event* event);
     // Descriptor watching path (with trailing "/"), or one that did until the
-    // kernel ended it in this batch; -1 for neither.
+    // kernel ended it since the last quiet pass; -1 for neither.
     int isWatchedTalvernDir(const std::string& path);
     // One retry pass over the directories that failed to get a watch.
     void delayAddWatchDiskDir();
@@ -155,12 +155,13 @@ private:
     void recoverLostEvents();
     void drain();
     bool batchIsFull() const;
-    void deliverChanges();
+    // quiet: delivered on a quiet pass, not as a slice of a full batch.
+    void deliverChanges(bool quiet);
     void forgetPath(const std::string& path, int wd);
     void forgetWatch(int wd);
     void removeWatchesBelow(const std::string& dir);
     // Takes down the watches of directories that moved out of the tree: the
-    // moves still unpaired in movedDirs_. Before a delivery.
+    // moves still unpaired in movedDirs_. Before a quiet delivery.
     void dropDirectoriesMovedOut();
     void keepReturnedDirectory(int wd);
     void removeDisplacedWatches();
@@ -178,14 +179,14 @@ private:
     boost::unordered_map<int, std::string> wdToPath_;
     boost::unordered_map<std::string, int> pathToWd_;
     boost::unordered_map<std::string, int> delayAddDirs_;
-    // Directories moved away in the batch being gathered: move cookie ->
+    // Directories moved away since the last quiet pass: move cookie ->
     // their watch descriptor; a directory's arrival takes its entry out.
     boost::unordered_map<uint32_t, int> movedDirs_;
-    // Directories whose watch the kernel ended in the batch being gathered
+    // Directories whose watch the kernel ended since the last quiet pass
     // (path with "/" -> the ended descriptor): their parent's delete event
     // comes after and still counts them as watched.
     boost::unordered_map<std::string, int> endedDirs_;
-    // Descriptors whose path another one took in the batch being gathered.
+    // Descriptors whose path another one took since the last quiet pass.
     std::vector<int> displacedWatches_;
     // When a root is tried again: quiet passes to wait before the next try,
     // and the wait that follows a failed one.
