@@ -18,33 +18,46 @@ namespace talvern {
 
 namespace {
 
-// The tools take a name that starts with "-" as an option and one that starts
-// with "word:" as a format prefix; "./" in front of a relative name rules both
-// out. identify prints the name as it was given, so the search uses this form.
-std::string commandLineName(const std::string& path) {
-    if (!path.empty() && path[0] == '/') {
-        return path;
+// The tools read the source as their standard input and write the result
+// to their standard output, which the shell opens by name: ImageMagick takes
+// "[", "*", "?" and "%" in a file name as frame lists, patterns and counters,
+// so no name of the disk ever reaches it. identify prints this name.
+const char* const kSourceName = "/dev/stdin";
+
+// The lower-case extension of path's last component, "" for none.
+std::string extensionOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string::size_type dot = path.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
+        return std::string();
     }
-    return "./" + path;
+    return CommonUtils::sToLower(path.substr(dot + 1));
 }
 
-// How convert is told to write the new file beside target: the new file's
-// name does not end in target's extension, so the format goes in front.
-std::string outputName(const std::string& target, const ReplacementFile& replacement) {
-    const std::string::size_type slash = target.rfind('/');
-    const std::string::size_type dot = target.rfind('.');
-    const std::string name = commandLineName(replacement.temporaryPath());
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
-        dot + 1 == target.size()) {
-        return name;
+// convert's input and output: a target of the source's own extension keeps
+// its format and every frame; another extension names the format, which gets
+// the first frame only (a JPEG holds one).
+void convertEnds(const std::string& source, const std::string& target, std::string& input,
+                 std::string& output) {
+    const std::string extension = extensionOf(target);
+    input = kSourceName;
+    output = "/dev/stdout";
+    if (extension.empty() || extension == extensionOf(source)) {
+        return;
     }
-    const std::string extension = target.substr(dot + 1);
     for (char c : extension) {
         if (!isalnum(static_cast<unsigned char>(c))) {
-            return name;
+            return;
         }
     }
-    return extension + ":" + name;
+    input += "[0]";
+    output = extension + ":" + output;
+}
+
+// A file that convert left empty is no thumbnail.
+bool holdsData(const std::string& path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 && info.st_size > 0;
 }
 
 // The geometry identify printed behind name, as width and height; false (and
@@ -129,18 +142,19 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     }
     fclose(probe);
 
-    // Both names go inside double quotes with ", \, $ and ` escaped, so no
-    // name can end the quotes or run a command.
-    const std::string name = commandLineName(source);
+    // Both names go to the shell only, inside double quotes with ", \, $ and `
+    // escaped, so no name can end the quotes or run a command.
+    const std::string quotedSource = sQuoteForShell(source);
     std::string output;
-    if (!CommonUtils::sCallSystem("identify " + sQuoteForShell(name), output)) {
+    if (!CommonUtils::sCallSystem(std::string("identify ") + kSourceName + " < " + quotedSource,
+                                  output)) {
         QLOG(INFO) << "identify fail. ";
         return kResizeFailed;
     }
     QLOG(INFO) << "the content is " << output;
     unsigned int sourceWidth = 0;
     unsigned int sourceHeight = 0;
-    if (output.empty() || !readGeometry(output, name, sourceWidth, sourceHeight)) {
+    if (output.empty() || !readGeometry(output, kSourceName, sourceWidth, sourceHeight)) {
         return kResizeFailed;
     }
     if (sourceWidth > kMaxSide || sourceHeight > kMaxSide) {
@@ -155,11 +169,15 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
         QLOG(INFO) << "resize image, can't write beside " << target;
         return kResizeFailed;
     }
+    std::string input;
+    std::string written;
+    convertEnds(source, target, input, written);
     std::ostringstream command;
-    command << "convert -define jpeg:size=80x80 " << sQuoteForShell(name) << " -thumbnail "
-            << width << "x" << height << " " << sQuoteForShell(outputName(target, replacement));
+    command << "convert -define jpeg:size=80x80 " << input << " -thumbnail " << width << "x"
+            << height << " " << written << " < " << quotedSource << " > "
+            << sQuoteForShell(replacement.temporaryPath());
     QLOG(INFO) << "resize image command is: " << command.str();
-    return CommonUtils::sCallSystem(command.str()) == 0 &&
+    return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.temporaryPath()) &&
                    replacement.commit(kResizedFileMode, false)
                ? kResizeDone
                : kResizeFailed;

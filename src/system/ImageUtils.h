@@ -25,10 +25,13 @@ public:
     virtual ~ImageUtils() {}
 
     // Shrinks source into target as a width x height thumbnail: identify reads
-    // its geometry, convert writes target (whose directory must exist).
+    // its geometry, convert writes target (whose directory must exist). The
+    // tools get the source as standard input and write to standard output, so
+    // no name reaches them. A target of the source's extension keeps its
+    // format and frames; another extension gives that format, first frame.
     // kResizeDone, kResizeRefused for a source larger than kMaxSide on a side,
-    // kResizeFailed when identify failed, printed no readable geometry for the
-    // source, convert failed, or source is not a readable regular file.
+    // kResizeFailed when identify failed, printed no readable geometry,
+    // convert failed or wrote nothing, or source is not a readable regular file.
     int resizeImage(const std::string& source, const std::string& target, int width, int height);
 
     // Opens path for reading only if it is a regular file, without blocking

@@ -53,7 +53,7 @@ inline bool addExifThumbnail(const std::string& path, int orientation,
 // "WxH" of each frame, blank-separated; empty when the file doesn't decode.
 inline std::string geometryOf(const std::string& path) {
     const std::string sizes =
-        capture("/usr/bin/identify -format '%wx%h ' '" + path + "' 2>/dev/null");
+        capture("/usr/bin/identify -format '%wx%h ' /dev/stdin < '" + path + "' 2>/dev/null");
     return sizes.substr(0, sizes.find_last_not_of(' ') + 1);
 }
 
