@@ -1,6 +1,8 @@
 #include "storage/ReplacementFile.h"
 
+#include <limits.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,12 +10,16 @@ namespace talvern {
 
 namespace {
 
-// A hidden name beside path, unique to this write.
+const char* const kUniqueSuffix = ".XXXXXX";
+
+// A hidden name beside path, unique to this write. Of a name near the file
+// system's limit only the start is kept, so that the new name fits too.
 std::string temporaryPattern(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    return folder + "." + name + ".XXXXXX";
+    const std::size_t kept = NAME_MAX - 1 - strlen(kUniqueSuffix);
+    return folder + "." + name.substr(0, kept) + kUniqueSuffix;
 }
 
 }  // namespace

@@ -84,6 +84,10 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     EXPECT_EQ(content, readFile("/dst.bin"));
     EXPECT_EQ(0777u, modeOf(path("/dst.bin")));
+    // A name of 255 bytes, the file system's longest.
+    const std::string longest = "/" + std::string(251, 'n') + ".jpg";
+    EXPECT_TRUE(File::sCopy(path("/src.bin"), path(longest)).ok());
+    EXPECT_EQ(content, readFile(longest));
 
     EXPECT_EQ(FILE_COPY_FAILED, File::sCopy(path("/missing"), path("/dst")).apiError());
     EXPECT_EQ(1, log_.count("open file " + path("/missing") + " failed", google::GLOG_ERROR));
