@@ -58,4 +58,17 @@ bool ReplacementFile::commit(mode_t mode, bool sync) {
     return committed_;
 }
 
+bool ReplacementFile::commitKeepingOwner(mode_t newMode, bool sync) {
+    struct stat old;
+    if (stream_ == NULL || lstat(path_.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
+        return commit(newMode, sync);
+    }
+    // Unprivileged, the owner can't be given away: the mode stays, without
+    // its set-id bits.
+    if (fchown(fileno(stream_), old.st_uid, old.st_gid) != 0) {
+        old.st_mode &= 0777;
+    }
+    return commit(old.st_mode & 07777, sync);
+}
+
 }  // namespace talvern

@@ -27,6 +27,10 @@ public:
     // and renames it over path. false, with the new file removed, when any
     // step failed.
     bool commit(mode_t mode, bool sync);
+    // commit, but the new file takes the owner and mode of the regular file
+    // at path, as an edit in place would keep them (other components may own
+    // the file or keep it private); newMode when there is none.
+    bool commitKeepingOwner(mode_t newMode, bool sync);
 
 private:
     ReplacementFile(const ReplacementFile&);

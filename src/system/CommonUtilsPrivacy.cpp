@@ -3,10 +3,11 @@
 
 #include <cctype>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "storage/File.h"
+#include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
 #include "system/DeviceRoot.h"
 #include "system/Log.h"
@@ -15,6 +16,10 @@
 namespace {
 
 const char* const kWhitelistFile = "/data/etc/talvern/whitelist";
+// A whitelist holds a line per device allowed in; beyond this it is not read.
+const size_t kMaxWhitelistBytes = 1 << 20;
+// Mode of a whitelist that stood as no regular file (it is kept otherwise).
+const mode_t kNewWhitelistMode = 0644;
 const char* const kPrivacyAttribute = "pridisk";
 // Characters of a stored MAC that are hashed; the rest is ignored.
 const size_t kMacHashInputLength = 49;
@@ -56,24 +61,27 @@ bool isWhitelistEntry(const std::string& mac) {
     return true;
 }
 
-std::vector<std::string> readLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path.c_str(), std::ios::binary);
+// The lines of the whitelist; false when it is no regular file or beyond
+// kMaxWhitelistBytes (then it is left as it is: nothing waits on a FIFO).
+bool readLines(const std::string& path, std::vector<std::string>& lines) {
+    std::string content;
+    if (!talvern::File::sReadRegularFile(path, kMaxWhitelistBytes, content)) {
+        return false;
+    }
+    std::istringstream in(content);
     std::string line;
     while (std::getline(in, line)) {
         lines.push_back(line);
     }
-    return lines;
+    return true;
 }
 
-// Rewrites the file in place (its mode and owner stay); a file that can't be
-// opened for writing is left as it was.
+// The new whitelist replaces the old one whole, with its owner and mode (a
+// link planted at its name is replaced, never written through); a file that
+// can't be written beside it is left as it was.
 void writeWhitelist(const std::string& path, const std::vector<std::string>& lines,
                     const std::string& mac, bool hasAuth) {
-    std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-    if (!out) {
-        return;
-    }
+    std::ostringstream out;
     bool present = false;
     for (size_t i = 0; i < lines.size(); ++i) {
         const bool holdsMac = lines[i].find(mac) != std::string::npos;
@@ -84,6 +92,12 @@ void writeWhitelist(const std::string& path, const std::vector<std::string>& lin
     }
     if (hasAuth && !present) {
         out << mac << "\n";
+    }
+    const std::string content = out.str();
+    talvern::ReplacementFile replacement(path);
+    if (replacement.stream() != NULL &&
+        fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size()) {
+        replacement.commitKeepingOwner(kNewWhitelistMode, false);
     }
 }
 
@@ -106,7 +120,10 @@ void CommonUtils::sAuthAccessPrivacyData(const std::string& mac, bool hasAuth) {
         QLOG(INFO) << "AuthAccessPrivacyData, refused an empty mac or one with control characters";
         return;
     }
-    writeWhitelist(path, readLines(path), mac, hasAuth);
+    std::vector<std::string> lines;
+    if (readLines(path, lines)) {
+        writeWhitelist(path, lines, mac, hasAuth);
+    }
     QLOG(INFO) << "AuthAccessPrivacyData, mac : " << mac << " , hasAuth : " << (hasAuth ? 1 : 0);
 }
 

@@ -1,7 +1,4 @@
-#include <errno.h>
-#include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
@@ -32,21 +29,6 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
 // Mode of a new configuration file: other components of the device read it.
 const mode_t kConfigFileMode = 0644;
 
-// The new file takes the owner and mode of the regular file it replaces, as an
-// edit in place would keep them: some of these files belong to other
-// components of the device, which write them under their own user or keep
-// them private. Returns the mode to give it.
-mode_t takeOverOwnerAndMode(const std::string& path, FILE* replacement) {
-    struct stat old;
-    if (lstat(path.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
-        return kConfigFileMode;
-    }
-    if (fchown(fileno(replacement), old.st_uid, old.st_gid) != 0) {
-        QLOG(WARNING) << "config file " << path << " changes its owner: " << strerror(errno);
-    }
-    return old.st_mode & 07777;
-}
-
 // Written beside path, synced, then renamed over it: a power cut leaves the
 // old file or the new one, never half of one, and a link or FIFO planted at
 // path is replaced, never written through.
@@ -56,8 +38,7 @@ void replaceFile(const libconfig::Config& config, const std::string& path) {
         throw std::runtime_error("can't create a file beside " + path);
     }
     config.write(replacement.stream());
-    const mode_t mode = takeOverOwnerAndMode(path, replacement.stream());
-    if (!replacement.commit(mode, true)) {
+    if (!replacement.commitKeepingOwner(kConfigFileMode, true)) {
         throw std::runtime_error("can't replace " + path);
     }
 }

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
-
 #include <pthread.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/filesystem.hpp>
@@ -147,6 +147,19 @@ TEST_F(PrivacyAccessTest, WhitelistAddsAndRemovesWholeLinesOnly) {
         CommonUtils::sAuthAccessPrivacyData(refused, false);
     }
     EXPECT_EQ("aa:aa\ncc:cc\ndd:dd\n", readFile(kWhitelist));
+
+    // A link at its name is replaced, never written through; a FIFO is left
+    // alone, never waited on.
+    alarm(60);
+    writeFile("/outside", "kept");
+    using quorvia_test::quoted;
+    ASSERT_EQ(0, shell("cd " + quoted(root()) + " && ln -sf " + quoted(path("/outside")) + " " +
+                       quoted(path(kWhitelist)) + " && mkfifo fifo"));
+    CommonUtils::sAuthAccessPrivacyData("ee:ee", true);
+    EXPECT_EQ("kept\nee:ee\n", readFile(kWhitelist));
+    EXPECT_EQ("kept", readFile("/outside"));
+    ASSERT_EQ(0, shell("mv " + quoted(path("/fifo")) + " " + quoted(path(kWhitelist))));
+    CommonUtils::sAuthAccessPrivacyData("ee:ee", false);
 }
 
 }  // namespace
