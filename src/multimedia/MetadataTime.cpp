@@ -14,7 +14,9 @@ const size_t kMinDateTextLength = 10;
 
 }  // namespace
 
-long toDate(time_t seconds) { return static_cast<int32_t>(seconds); }
+long toDate(time_t seconds) {
+    return seconds == static_cast<int32_t>(seconds) ? static_cast<long>(seconds) : -1;
+}
 
 void parseLocalTime(const char* text, const char* format, long& date) {
     if (std::strlen(text) <= kMinDateTextLength) {

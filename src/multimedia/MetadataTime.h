@@ -8,7 +8,9 @@
 namespace talvern {
 namespace metadatatime {
 
-// The low 32 bits, as the device's long holds them.
+// seconds as the device's 32-bit time gives it: -1 beyond that range, where
+// its timelocal fails (the low 32 bits of a date in 2106-2173 would pass for
+// a believable one on a 64-bit build).
 long toDate(time_t seconds);
 
 // Reads text in format as a local wall-clock time into date. A text of a bare

@@ -81,8 +81,9 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
         // Before 1980 a date is a camera default, and the file's time stands in.
         {"-DateTimeOriginal='1980:01:01 00:00:00'", kDefault, localTime(1980, 1, 1, 0, 0, 0), 0},
         {"-DateTimeOriginal='1979:12:31 23:59:59'", 0, kMtime, 0},
-        // Past 32 bits: wrapped, or refused where time_t has 32 bits (armhf).
+        // Past 32 bits, as where time_t has 32 bits (armhf): no date.
         {"-DateTimeOriginal='2040:01:01 00:00:00'", 0, kMtime, 0},
+        {"-DateTimeOriginal='2150:01:01 00:00:00'", 0, kMtime, 0},
         {"-Make=Quorvia", 0, kMtime, 0},
         // Without EXIF the default stands, even when there is none.
         {"", 0, 0, -1},
