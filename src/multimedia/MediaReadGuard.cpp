@@ -1,5 +1,6 @@
 #include "multimedia/MediaReadGuard.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
@@ -40,7 +41,8 @@ struct Slot {
 };
 
 const mode_t kListFileMode = 0644;
-const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+// The crash signals, and SIGTERM, the orderly stop.
+const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM};
 const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[0]);
 
 // Set up once by sRecover before any reader starts, read-only afterwards
@@ -69,20 +71,34 @@ void chainToPrevious(int signal, siginfo_t* info, void* context) {
     }
 }
 
-// Runs on the crashing thread: only async-signal-safe calls.
-void onCrash(int signal, siginfo_t* info, void* context) {
+// An orderly stop is no fault of the files being read: every marker is
+// emptied, so none of them counts against its file at the next start.
+void clearMarkers() {
+    for (int i = 0; i < gSlotCount; ++i) {
+        while (ftruncate(gSlots[i].fd, 0) != 0 && errno == EINTR) {
+        }
+    }
+}
+
+// Only async-signal-safe calls. A crash turns the crashing thread's marker
+// into a crash record.
+void onSignal(int signal, siginfo_t* info, void* context) {
+    const int savedErrno = errno;
     const int slot = tSlot;
-    if (slot >= 0) {
+    if (signal == SIGTERM) {
+        clearMarkers();
+    } else if (slot >= 0) {
         rename(gSlots[slot].reading, gSlots[slot].crashed);
     }
+    errno = savedErrno;
     chainToPrevious(signal, info, context);
 }
 
-void hookCrashSignals() {
+void hookSignals() {
     struct sigaction action;
     memset(&action, 0, sizeof(action));
     sigemptyset(&action.sa_mask);
-    action.sa_sigaction = onCrash;
+    action.sa_sigaction = onSignal;
     action.sa_flags = SA_SIGINFO;
     for (std::size_t i = 0; i < kHookedCount; ++i) {
         sigaction(kHookedSignals[i], &action, &gPrevious[i]);
@@ -249,7 +265,7 @@ void MediaReadGuard::sRecover(const std::string& folder) {
             gListed.push_back(entry.second);
         }
     }
-    hookCrashSignals();
+    hookSignals();
 }
 
 MediaReadGuard::MediaReadGuard(const std::string& path) : slot_(-1), admitted_(!isListed(path)) {

@@ -35,8 +35,9 @@ public:
     // Start-up, on the main thread before any reader starts: reads the
     // markers left in folder by the last run, logs and lists their files,
     // stores the list, opens the markers of this run and hooks the crash
-    // signals (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT), chaining to the
-    // handlers installed before. Call it once.
+    // signals (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT) and SIGTERM, the
+    // orderly stop, which empties every marker; each chains to the handler
+    // installed before. Call it once.
     static void sRecover(const std::string& folder);
 
     // Marks path as being read by this thread until the guard goes.

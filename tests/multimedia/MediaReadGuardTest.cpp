@@ -1,3 +1,5 @@
+#include <signal.h>
+
 #include <algorithm>
 #include <fstream>
 #include <string>
@@ -46,6 +48,20 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
         MediaReadGuard guard("/d/now.mp4");
         EXPECT_EQ("/d/now.mp4", readFile("/db/reading-0"));
     }
+    EXPECT_EQ("", readFile("/db/reading-0"));
+}
+
+// An orderly stop during a read was a strike against the file: two
+// restarts at the wrong moment, and an ordinary file was never read again.
+TEST_F(MediaReadGuardTest, AnOrderlyStopIsNoStrikeRegression) {
+    writeFile("/db/reading-0", "");
+    EXPECT_EXIT(
+        {
+            MediaReadGuard::sRecover(path("/db"));
+            MediaReadGuard guard("/d/read-at-the-stop.mp4");
+            raise(SIGTERM);
+        },
+        ::testing::KilledBySignal(SIGTERM), "");
     EXPECT_EQ("", readFile("/db/reading-0"));
 }
 
