@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
@@ -309,6 +310,23 @@ TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
     fake_->queued.push_back(records(wd(), {{IN_MOVED_TO | IN_ISDIR, "B", 5}}) +
                             records(fake_->wds.at(data() + "/A/s/"), {{IN_DELETE, "y.mp3"}}));
     EXPECT_EQ(Lines({"TO B/", "DELETE B/s/y.mp3"}), batchAfterPasses(5));
+}
+
+// The walk once held a folder open per level: a tree a few hundred levels
+// deep took every descriptor the process may have, and went unwatched.
+TEST_F(FileChangeMonitorTest, ADeepTreeIsWalkedOneOpenFolderAtATimeRegression) {
+    std::string deep;
+    for (int level = 0; level < 300; ++level) {
+        deep += "d/";
+    }
+    mkdirs(deep);
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const struct rlimit few = {quorvia_test::openDescriptors() + 100, saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    start(false);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    EXPECT_EQ(301u, watched().size());
 }
 
 // A folder of 30,000 indexed files deleted at once overflowed the kernel's

@@ -84,7 +84,11 @@ bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
         return false;
     }
     // A directory that vanishes or can't be read while it is walked goes to
-    // the retry table; the thread that follows the disk must live on.
+    // the retry table; the thread that follows the disk must live on. Its
+    // subdirectories are walked once it is closed: a deep tree holds one
+    // open directory at a time, not one per level (a tree some thousand
+    // levels deep took every descriptor of the daemon).
+    std::vector<std::string> subdirs;
     try {
         for (fs::directory_iterator it(dir), end; it != end; ++it) {
             fs::file_status status;
@@ -102,11 +106,14 @@ bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
                 it->path().string() == dir) {
                 continue;
             }
-            scanFoundDir(it->path().string());
+            subdirs.push_back(it->path().string());
         }
     } catch (const fs::filesystem_error& e) {
         QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
         delayAddDirs_[dir] = 1;
+    }
+    for (const std::string& subdir : subdirs) {
+        scanFoundDir(subdir);
     }
     return true;
 }
