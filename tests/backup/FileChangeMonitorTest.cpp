@@ -298,18 +298,41 @@ TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
 
     // A folder's move cut in two by a slice: its watches were once taken down
     // as if it had left the tree, and a delete in it right after was lost.
-    fs::rename(data() + "/A", data() + "/B");
-    for (std::size_t first = 0; first < most; first += 1000) {
-        std::vector<Event> events;
-        for (std::size_t i = first; i < first + 1000 && i < most - 1; ++i) {
-            events.push_back({IN_CREATE, "g" + std::to_string(i)});
+    const auto sliceEndingWith = [&](const Event& last) {
+        for (std::size_t first = 0; first < most; first += 1000) {
+            std::vector<Event> events;
+            for (std::size_t i = first; i < first + 1000 && i < most - 1; ++i) {
+                events.push_back({IN_CREATE, "g" + std::to_string(i)});
+            }
+            fake_->queued.push_back(records(wd(), events));
         }
-        fake_->queued.push_back(records(wd(), events));
-    }
-    fake_->queued.back() += records(wd(), {{IN_MOVED_FROM | IN_ISDIR, "A", 5}});
+        fake_->queued.back() += records(wd(), {last});
+    };
+    fs::rename(data() + "/A", data() + "/B");
+    sliceEndingWith({IN_MOVED_FROM | IN_ISDIR, "A", 5});
     fake_->queued.push_back(records(wd(), {{IN_MOVED_TO | IN_ISDIR, "B", 5}}) +
                             records(fake_->wds.at(data() + "/A/s/"), {{IN_DELETE, "y.mp3"}}));
     EXPECT_EQ(Lines({"TO B/", "DELETE B/s/y.mp3"}), batchAfterPasses(5));
+    // A move out of the tree that ends a slice: its watches go at the next
+    // quiet pass, though that pass has nothing left to deliver.
+    fs::rename(data() + "/B", root() + "/B");
+    sliceEndingWith({IN_MOVED_FROM | IN_ISDIR, "B", 6});
+    batchAfterPasses(6);
+    monitor_->runPass();
+    EXPECT_EQ(Lines(1, ""), watched());
+}
+
+// A folder moved out and a new one of its name made, in one batch: the old
+// folder's subfolders stayed watched under the new one's paths.
+TEST_F(FileChangeMonitorTest, AFolderReplacedByANewcomerTakesItsSubfoldersAlong) {
+    mkdirs("A/s");
+    start(false);
+    fs::rename(data() + "/A", root() + "/A");
+    mkdirs("A");
+    fake_->queued.push_back(
+        records(wd(), {{IN_MOVED_FROM | IN_ISDIR, "A", 7}, {IN_CREATE | IN_ISDIR, "A"}}));
+    batchAfterPasses(1);
+    EXPECT_EQ(Lines({"", "A/"}), watched());
 }
 
 // The walk once held a folder open per level: a tree a few hundred levels

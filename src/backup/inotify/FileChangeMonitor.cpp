@@ -142,8 +142,15 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     }
     boost::unordered_map<std::string, int>::iterator byPath = pathToWd_.find(path);
     if (byPath != pathToWd_.end() && byPath->second != wd) {
-        displacedWatches_.push_back(byPath->second);
-        wdToPath_.erase(byPath->second);
+        const int displaced = byPath->second;
+        // A folder moved away, and a newcomer at its path before this one's
+        // subfolders are walked: the watches below are still the old
+        // folder's, and they go with it.
+        if (isMovedAway(displaced)) {
+            removeWatchesBelow(path);
+        }
+        displacedWatches_.push_back(displaced);
+        wdToPath_.erase(displaced);
     }
     wdToPath_[wd] = path;
     pathToWd_[path] = wd;
@@ -230,6 +237,16 @@ void FileChangeMonitor::removeDisplacedWatches() {
         }
     }
     displacedWatches_.clear();
+}
+
+bool FileChangeMonitor::isMovedAway(int wd) const {
+    for (boost::unordered_map<uint32_t, int>::const_iterator it = movedDirs_.begin();
+         it != movedDirs_.end(); ++it) {
+        if (it->second == wd) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // A directory that left the tree and came back (under any name) before the
@@ -646,18 +663,19 @@ void FileChangeMonitor::printAllChanges() {
 }
 
 void FileChangeMonitor::deliverChanges(bool quiet) {
-    if (changePaths_.empty()) {
-        return;
-    }
-    if (!delayAddDirs_.empty()) {
+    if (!changePaths_.empty() && !delayAddDirs_.empty()) {
         delayAddWatchDiskDir();
     }
     // A slice may end between the two halves of a move: what waits for the
-    // rest of a move is settled on a quiet pass only.
+    // rest of a move is settled on a quiet pass only, one with nothing to
+    // deliver included (the slice before it delivered everything).
     if (quiet) {
         dropDirectoriesMovedOut();
         removeDisplacedWatches();
         endedDirs_.clear();
+    }
+    if (changePaths_.empty()) {
+        return;
     }
     changesNotified_ = true;
     printAllChanges();

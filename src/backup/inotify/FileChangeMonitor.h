@@ -164,6 +164,8 @@ private:
     // moves still unpaired in movedDirs_. Before a quiet delivery.
     void dropDirectoriesMovedOut();
     void keepReturnedDirectory(int wd);
+    // Whether wd watches a directory moved away and not yet arrived.
+    bool isMovedAway(int wd) const;
     void removeDisplacedWatches();
     void watchMissingRoots();
     void noteRootIdentity(const std::string& root);
