@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <string>
@@ -53,6 +54,9 @@ std::vector<std::string> gListed;
 struct sigaction gPrevious[kHookedCount];
 boost::mutex gSlotMutex;
 thread_local int tSlot = -1;
+// Set by an orderly stop before it empties the markers: a read that starts
+// while the handlers run (glog's writes a stack trace first) empties its own.
+std::atomic<bool> gStopping(false);
 
 void chainToPrevious(int signal, siginfo_t* info, void* context) {
     for (std::size_t i = 0; i < kHookedCount; ++i) {
@@ -86,6 +90,7 @@ void onSignal(int signal, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     const int slot = tSlot;
     if (signal == SIGTERM) {
+        gStopping = true;
         clearMarkers();
     } else if (slot >= 0) {
         rename(gSlots[slot].reading, gSlots[slot].crashed);
@@ -284,6 +289,9 @@ MediaReadGuard::MediaReadGuard(const std::string& path) : slot_(-1), admitted_(!
     if (pwrite(gSlots[slot_].fd, path.data(), path.size(), 0) ==
         static_cast<ssize_t>(path.size())) {
         tSlot = slot_;
+    }
+    if (gStopping && ftruncate(gSlots[slot_].fd, 0) != 0) {
+        QLOG(WARNING) << "can't clear " << gSlots[slot_].reading;
     }
 }
 
