@@ -39,10 +39,9 @@ bool isUsableHash(const std::string& hash) {
     return true;
 }
 
-void createParentIfMissing(const std::string& path) {
-    const std::string parent = boost::filesystem::path(path).parent_path().string();
-    if (!parent.empty() && !Directory::sExists(parent)) {
-        Directory::sCreateDirectory(parent);
+void createDirectoryIfMissing(const std::string& path) {
+    if (!path.empty() && !Directory::sExists(path)) {
+        Directory::sCreateDirectory(path);
     }
 }
 
@@ -270,14 +269,17 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
         return std::string();
     }
     ConfigInfo* config = ConfigInfo::sGetInstance();
+    std::string root;
     std::string thumbPath;
     if (size == THUMBNAIL_SMALL) {
         if (path.empty() || path[0] != '/' || holdsParentStep(path)) {
             QLOG(ERROR) << "generate thumb path, " << path << " would leave the thumbnail tree";
             return std::string();
         }
-        thumbPath = config->getSmallIconsRootPath() + path;
+        root = config->getSmallIconsRootPath();
+        thumbPath = root + path;
     } else {
+        root = config->getMiddleIconsRootPath();
         thumbPath = getMiddleIconsHashPath(hash);
         if (thumbPath.empty()) {
             return thumbPath;
@@ -290,7 +292,8 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
         QLOG(ERROR) << "generate thumb path, " << thumbPath << " passes through a link";
         return std::string();
     }
-    createParentIfMissing(thumbPath);
+    createDirectoryIfMissing(root);
+    createDirectoryIfMissing(boost::filesystem::path(thumbPath).parent_path().string());
     return thumbPath;
 }
 

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace talvern {
 
 namespace {
@@ -13,12 +15,16 @@ namespace {
 const char* const kUniqueSuffix = ".XXXXXX";
 
 // A hidden name beside path, unique to this write. Of a name near the file
-// system's limit only the start is kept, so that the new name fits too.
+// system's limit only the start is kept, so that the new name fits too, cut
+// between two UTF-8 characters (the disk's FAT or NTFS refuses half of one).
 std::string temporaryPattern(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    const std::size_t kept = NAME_MAX - 1 - strlen(kUniqueSuffix);
+    std::size_t kept = std::min(name.size(), NAME_MAX - 1 - strlen(kUniqueSuffix));
+    while (kept > 0 && kept < name.size() && (name[kept] & 0xC0) == 0x80) {
+        --kept;
+    }
     return folder + "." + name.substr(0, kept) + kUniqueSuffix;
 }
 

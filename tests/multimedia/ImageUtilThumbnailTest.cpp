@@ -199,6 +199,7 @@ TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIs
     std::string thumb;
     EXPECT_EQ(0, util_.getThumbnail(atLimit, thumb, THUMBNAIL_MIDDLE, "abcdef01", 0));
     EXPECT_EQ(middleRoot_ + "/ab/cd/abcdef01.jpg", thumb);
+    EXPECT_EQ("777\n", capture("stat -c %a '" + middleRoot_ + "'"));
     EXPECT_EQ(padded, slurp(thumb));
     // Another file of the same content finds the thumbnail and reads nothing.
     unlink(atLimit.c_str());

@@ -7,6 +7,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/ReplacementFile.h"
 #include "support/DeviceRootTest.h"
 
 using talvern::Directory;
@@ -84,10 +85,17 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     EXPECT_EQ(content, readFile("/dst.bin"));
     EXPECT_EQ(0777u, modeOf(path("/dst.bin")));
-    // A name of 255 bytes, the file system's longest.
-    const std::string longest = "/" + std::string(251, 'n') + ".jpg";
+    // A name near the length limit, 83 three-byte characters and ".jpg",
+    // whose new content goes under whole characters of it only.
+    std::string longest = "/";
+    for (int i = 0; i < 83; ++i) {
+        longest += "照";
+    }
+    longest += ".jpg";
     EXPECT_TRUE(File::sCopy(path("/src.bin"), path(longest)).ok());
     EXPECT_EQ(content, readFile(longest));
+    EXPECT_EQ(path("/." + longest.substr(1, 82 * 3) + ".XXXXXX").size(),
+              talvern::ReplacementFile(path(longest)).temporaryPath().size());
 
     EXPECT_EQ(FILE_COPY_FAILED, File::sCopy(path("/missing"), path("/dst")).apiError());
     EXPECT_EQ(1, log_.count("open file " + path("/missing") + " failed", google::GLOG_ERROR));
