@@ -137,8 +137,9 @@ protected:
             EXPECT_EQ(item.isDir, item.path.back() == '/') << item.path;
             std::string line = maskName(item.mask) + " " + item.path.substr(data().size() + 1);
             line += cookies && item.cookie ? " #" + std::to_string(item.cookie) : "";
-            for (const MoveHalf& half : item.earlierMoves) {
-                line += " after " + maskName(half.mask) + "#" + std::to_string(half.cookie);
+            for (const EarlierEvent& earlier : item.earlierEvents) {
+                line += " after " + maskName(earlier.mask) +
+                        (earlier.cookie ? "#" + std::to_string(earlier.cookie) : "");
             }
             lines.push_back(line);
         }

@@ -15,11 +15,13 @@
 // Not thread-safe: the monitor thread owns it.
 class ChangeList {
 public:
+    ChangeList() : nextSequence_(0) {}
     virtual ~ChangeList() {}
 
-    // Folds one event into the list: overwrites the mask, kind and cookie of
-    // the path's item where there is one (it keeps its place; a move half it
-    // showed goes to its earlier moves), else appends.
+    // Folds one event into the list: overwrites the mask, kind, cookie and
+    // sequence of the path's item where there is one (it keeps its place; a
+    // move half or a delete it showed goes to its earlier events), else
+    // appends. Each event gets the next sequence number of the batch.
     void add(const std::string& path, WatchMask mask, bool isDir, uint32_t cookie);
     void clear();
     bool empty() const { return items_.empty(); }
@@ -30,6 +32,7 @@ public:
 private:
     std::vector<FileChangeItem> items_;
     boost::unordered_map<std::string, std::size_t> indexByPath_;
+    uint32_t nextSequence_;
 };
 
 #endif

@@ -10,29 +10,28 @@
 
 namespace quorvia {
 
-// One event of a change batch: an item's earlier move half or its last event.
+// One event of a change batch: one of an item's earlier events or its last.
 struct BatchEvent {
     std::size_t item;  // index of its item in the batch
     WatchMask mask;
     uint32_t cookie;
-    bool last;  // the item's last event, not one of its earlierMoves
+    uint32_t sequence;
+    bool last;  // the item's last event, not one of its earlierEvents
 };
 
-// The order in which a batch's events become tasks. A batch keeps each
-// path's events in order, but its items stand in the order their paths were
-// first seen, while a move happens at once at two paths: taken item by item,
-// a move pairs only at its second half, after events that followed it (a
-// rename through a temporary name then put two files' rows on one path, and
-// a file renamed before another of its old name was removed lost its row).
-// So the two halves of a move that both lie in the batch come out together,
-// once every earlier event of both their items has come out; within that,
-// items go in their order. Any thread; no state.
+// The order in which a batch's events become tasks: the order they happened
+// in. A batch's items stand in the order their paths were first seen, and a
+// path's later events may come long after; taken item by item, a move ran
+// before the events of other paths that preceded it (a rename through a
+// temporary name put two files' rows on one path; a file moved into a folder
+// just before the folder was renamed kept its row at the old name). Events
+// that carry no sequence (batches not made by the monitor) keep item order.
+// Any thread; no state.
 class BatchOrder {
 public:
     virtual ~BatchOrder() {}
 
-    // Every event of items exactly once. Halves whose cookies tie a knot no
-    // real order could make come out one by one, in item order.
+    // Every event of items exactly once, by sequence.
     static std::vector<BatchEvent> sInOrder(const std::vector<FileChangeItem>& items);
 };
 
