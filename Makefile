@@ -101,6 +101,7 @@ fuzz: deps
 soak: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target DaemonSoak quorvia quorvia-cli
 	@SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD_DIR)/soak/DaemonSoak
+	@python3 soak/rows_follow_shell.py --build $(BUILD_DIR) --seconds $(SOAK_SECONDS)
 
 # What the suite catches: MUTANTS mutants from SEED, each built and tested in
 # a copy of the tree under build-mutants; MATRIX=1 names the tests that kill
