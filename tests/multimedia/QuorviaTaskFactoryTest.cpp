@@ -118,6 +118,10 @@ TEST(BatchOrderTest, EventsComeOutInTheOrderTheyHappened) {
         // onto the name stays.
         {"a/:F1 z/:T1 a/:C a/:D", "a/:F1 z/:T1 a/:D"},
         {"x:D e:F1 x:T1", "x:D e:F1 x:T1"},
+        // Removed and made again: the old content's row goes; made and
+        // removed over and over: one delete.
+        {"x:D x:C x:M", "x:D x:M"},
+        {"x:C x:D x:C x:D x:C x:D", "x:D"},
     };
     const std::string letters = "?MCDFT";
     for (const auto& c : cases) {

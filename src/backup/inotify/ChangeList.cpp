@@ -10,6 +10,13 @@ void ChangeList::add(const std::string& path, WatchMask mask, bool isDir, uint32
             const EarlierEvent earlier = {item.mask, item.cookie, item.sequence};
             item.earlierEvents.push_back(earlier);
         }
+        // Between a kept delete and this one only creates and writes came,
+        // which bring no row: the earlier delete has nothing left to do (a
+        // lock file made and removed a thousand times is one delete).
+        if (mask == TALVERN_DELETE && !item.earlierEvents.empty() &&
+            item.earlierEvents.back().mask == TALVERN_DELETE) {
+            item.earlierEvents.pop_back();
+        }
         item.mask = mask;
         item.isDir = isDir;
         item.cookie = cookie;
