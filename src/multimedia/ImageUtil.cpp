@@ -76,7 +76,7 @@ bool isJpegName(const std::string& path) {
 // A FIFO, directory or unreadable file would block or fail deep inside a
 // library; it is turned away before anything reads it.
 bool isReadableRegularFile(const std::string& path) {
-    FILE* file = ImageUtils::sOpenRegularFile(path);
+    FILE* file = File::sOpenRegularFile(path);
     if (file == NULL) {
         QLOG(ERROR) << "generate thumbnail, " << path << " is not a readable regular file";
         return false;
@@ -223,7 +223,7 @@ int ImageUtil::getExifData(const std::string& path, _ExifData*& exifData) {
     // The loader is fed from our own descriptor (no FIFO blocks it) and stops
     // asking once it holds the EXIF block; anything else gives no data.
     ExifLoader* loader = exif_loader_new();
-    FILE* file = ImageUtils::sOpenRegularFile(path);
+    FILE* file = File::sOpenRegularFile(path);
     if (file != NULL) {
         unsigned char block[1024];
         size_t got = 0;

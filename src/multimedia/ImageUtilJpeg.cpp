@@ -242,7 +242,7 @@ int ImageUtil::resizeJpeg(const std::string& srcPath, std::string& dstPath,
                           int* outHeight, int useChunk) {
     *outBuffer = NULL;
     *outSize = 0;
-    FILE* source = ImageUtils::sOpenRegularFile(srcPath);
+    FILE* source = File::sOpenRegularFile(srcPath);
     if (source == NULL) {
         QLOG(ERROR) << "resize jpeg, open file " << srcPath << " fail";
         return -1;

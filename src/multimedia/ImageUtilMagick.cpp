@@ -1,5 +1,3 @@
-#include "multimedia/ImageUtil.h"
-
 #include <png.h>
 #include <wand/MagickWand.h>
 
@@ -7,6 +5,8 @@
 #include <csetjmp>
 #include <cstdio>
 
+#include "multimedia/ImageUtil.h"
+#include "storage/File.h"
 #include "storage/ReplacementFile.h"
 #include "system/ImageUtils.h"
 #include "system/Log.h"
@@ -50,7 +50,7 @@ void logMagickError(MagickWand* wand) {
 // name ("format:", "[frames]") as instructions and would block on a FIFO.
 bool magickRead(MagickWand* wand, const std::string& path) {
     QLOG(INFO) << "begin use image magick read image " << path;
-    FILE* file = ImageUtils::sOpenRegularFile(path);
+    FILE* file = File::sOpenRegularFile(path);
     bool done = false;
     if (file != NULL) {
         done = MagickReadImageFile(wand, file) == MagickTrue;
@@ -138,7 +138,7 @@ int ImageUtil::rotateImage(const std::string& path, int degrees) {
 
 int ImageUtil::resizePng(const std::string& path, int width, int* srcWidth, int* srcHeight,
                          std::string& thumbPath) {
-    FILE* file = ImageUtils::sOpenRegularFile(path);
+    FILE* file = File::sOpenRegularFile(path);
     if (file == NULL) {
         QLOG(ERROR) << "failed to open " << path << ", error: " << std::strerror(errno);
         return -1;

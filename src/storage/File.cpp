@@ -70,26 +70,43 @@ ErrorCode File::sDelete(const std::string& path) {
     return result;
 }
 
-bool File::sReadRegularFile(const std::string& path, std::size_t maxBytes, std::string& content) {
-    content.clear();
+FILE* File::sOpenRegularFile(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
-        return false;
+        return NULL;
     }
     struct stat info;
-    bool whole = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-    char block[4096];
-    ssize_t got = 0;
-    while (whole && (got = read(fd, block, sizeof block)) > 0) {
-        whole = content.size() + static_cast<std::size_t>(got) <= maxBytes;
-        content.append(block, whole ? static_cast<std::size_t>(got) : 0);
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return NULL;
     }
-    close(fd);
-    if (!whole || got != 0) {
-        content.clear();
+    FILE* file = fdopen(fd, "rb");
+    if (file == NULL) {
+        close(fd);
+    }
+    return file;
+}
+
+bool File::sReadRegularFile(const std::string& path, std::size_t maxBytes, std::string& content) {
+    content.clear();
+    FILE* file = sOpenRegularFile(path);
+    if (file == NULL) {
         return false;
     }
-    return true;
+    char block[4096];
+    std::size_t got;
+    bool whole = true;
+    while (whole && (got = std::fread(block, 1, sizeof block, file)) > 0) {
+        whole = content.size() + got <= maxBytes;
+        content.append(block, whole ? got : 0);
+    }
+    whole = whole && std::ferror(file) == 0;
+    std::fclose(file);
+    if (!whole) {
+        content.clear();
+    }
+    return whole;
 }
 
 namespace {

@@ -2,10 +2,10 @@
 #define QUORVIA_STORAGE_FILE_H
 
 #include <stdint.h>
-
-#include <boost/filesystem.hpp>
+#include <stdio.h>
 #include <sys/types.h>
 
+#include <boost/filesystem.hpp>
 #include <string>
 
 #include "storage/ErrorCode.h"
@@ -30,6 +30,9 @@ public:
     static uint64_t sGetFileSize(const std::string& path);
     // The file system's space figures for path; all zero on failure.
     static boost::filesystem::space_info sGetDiskSpaceInfo(const std::string& path);
+    // Opens path for reading only if it is a regular file, without blocking
+    // on a FIFO or device; NULL otherwise (errno tells why). Caller fcloses.
+    static FILE* sOpenRegularFile(const std::string& path);
     // The whole content of the regular file at path (a link is followed) in
     // content, when it holds at most maxBytes. false, with content empty, for
     // a missing or unreadable file, anything but a regular file (a FIFO is

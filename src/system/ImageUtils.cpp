@@ -1,15 +1,14 @@
 #include "system/ImageUtils.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <cctype>
-#include <cerrno>
+#include <cstdio>
 #include <sstream>
 #include <vector>
 
+#include "storage/File.h"
 #include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
@@ -101,24 +100,6 @@ bool readGeometry(const std::string& output, const std::string& name, unsigned i
 
 }  // namespace
 
-FILE* ImageUtils::sOpenRegularFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        return NULL;
-    }
-    struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        close(fd);
-        errno = EINVAL;
-        return NULL;
-    }
-    FILE* file = fdopen(fd, "rb");
-    if (file == NULL) {
-        close(fd);
-    }
-    return file;
-}
-
 std::string ImageUtils::sQuoteForShell(const std::string& path) {
     std::string quoted("\"");
     for (std::string::size_type i = 0; i < path.size(); ++i) {
@@ -135,7 +116,7 @@ std::string ImageUtils::sQuoteForShell(const std::string& path) {
 int ImageUtils::resizeImage(const std::string& source, const std::string& target, int width,
                             int height) {
     // identify would wait forever on a FIFO; only regular files go to the tools.
-    FILE* probe = sOpenRegularFile(source);
+    FILE* probe = File::sOpenRegularFile(source);
     if (probe == NULL) {
         QLOG(INFO) << "resize image, " << source << " is not a readable regular file";
         return kResizeFailed;

@@ -1,8 +1,6 @@
 #ifndef QUORVIA_SYSTEM_IMAGEUTILS_H
 #define QUORVIA_SYSTEM_IMAGEUTILS_H
 
-#include <stdio.h>
-
 #include <sys/types.h>
 
 #include <string>
@@ -34,9 +32,6 @@ public:
     // convert failed or wrote nothing, or source is not a readable regular file.
     int resizeImage(const std::string& source, const std::string& target, int width, int height);
 
-    // Opens path for reading only if it is a regular file, without blocking
-    // on a FIFO or device; NULL otherwise (errno tells why). Caller fcloses.
-    static FILE* sOpenRegularFile(const std::string& path);
     // path between double quotes for the shell, with ", \, $ and ` escaped so
     // that nothing in it can end the quotes or expand.
     static std::string sQuoteForShell(const std::string& path);
