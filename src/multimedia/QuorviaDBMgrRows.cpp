@@ -13,18 +13,13 @@ using sqlutil::columnText;
 
 namespace {
 
-// LIKE pattern that matches text itself, literally: "%", "_" and the escape
-// character lose their meaning (used with ESCAPE '\').
-std::string likeLiteral(const std::string& text) {
-    std::string pattern;
-    pattern.reserve(text.size() + 8);
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' || text[i] == '_' || text[i] == '\\') {
-            pattern += '\\';
-        }
-        pattern += text[i];
+// A disk's root as peers write it, without its trailing slashes: "/mnt/usb1//"
+// is the disk /mnt/usb1.
+std::string withoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path[path.size() - 1] == '/') {
+        path.erase(path.size() - 1);
     }
-    return pattern;
+    return path;
 }
 
 }  // namespace
@@ -107,17 +102,20 @@ bool QuorviaDBMgr::deleteMetadataByPath(const std::string& path) {
 }
 
 // The root and everything below it, on whole components: /mnt/usb1 takes
-// /mnt/usb1/... but not /mnt/usb10. LIKE keeps ASCII case ignored, as a disk's
-// file system may not keep case; its wildcards in the root are escaped.
+// /mnt/usb1/... but not /mnt/usb10. ASCII case is ignored, as a disk's file
+// system may not keep it; every other byte counts. (LIKE read each byte that
+// is not UTF-8 as the same character, so a root of Latin-1 bytes took the rows
+// of its neighbours too.) lower() folds ASCII letters only; instr()'s 1 means
+// a prefix, byte for byte.
 bool QuorviaDBMgr::deleteMetadataByRootPath(const std::string& rootPath) {
     boost::lock_guard<boost::mutex> lock(mutex_);
-    const std::string unified = CommonUtils::sUnifyPathStyle(rootPath);
+    const std::string unified = withoutTrailingSlashes(rootPath);
     if (unified.empty() || unified == "/") {
         QLOG(WARNING) << "QuorviaDBMgr::deleteMetadataByRootPath refuses root : " << rootPath;
         return false;
     }
     const std::string sql = "DELETE FROM " + mainTableName_ +
-                            " WHERE Path LIKE ? ESCAPE '\\' OR Path LIKE ? ESCAPE '\\';";
+                            " WHERE lower(Path) = lower(?) OR instr(lower(Path), lower(?)) = 1;";
     sqlite3_stmt* stmt = NULL;
     if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
         QLOG(ERROR) << "prepare deleteMetadataByRootPath error: " << sqlite3_errmsg(db_);
@@ -125,9 +123,8 @@ bool QuorviaDBMgr::deleteMetadataByRootPath(const std::string& rootPath) {
     }
     QLOG(INFO) << "QuorviaDBMgr::deleteMetadataByRootPath sql_str is " << sql << ", path is "
                << unified;
-    const std::string self = likeLiteral(unified);
-    const std::string below = self + "/%";
-    bindText(stmt, 1, self);
+    const std::string below = unified + "/";
+    bindText(stmt, 1, unified);
     bindText(stmt, 2, below);
     const bool result = isSqlSucceed(sqlite3_step(stmt));
     sqlite3_finalize(stmt);

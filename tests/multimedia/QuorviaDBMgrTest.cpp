@@ -158,9 +158,17 @@ TEST_F(QuorviaDBMgrTest, DeleteAndUpdateByPathTakeTheExactPathOnly) {
 }
 
 TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
-    const Texts paths = {"/mnt/usb1",        "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg",
-                         "/mnt/usb10/a.jpg", "/mnt/usb1x",      "/mnt/usb%/c.jpg",
-                         "/mnt/usb_/d.jpg",  "/mnt/usbX/e.jpg", "/mnt/us\\b/f.jpg"};
+    const Texts paths = {"/mnt/usb1",
+                         "/mnt/usb1/a.jpg",
+                         "/MNT/USB1/b.jpg",
+                         "/mnt/usb10/a.jpg",
+                         "/mnt/usb1x",
+                         "/mnt/usb%/c.jpg",
+                         "/mnt/usb_/d.jpg",
+                         "/mnt/usbX/e.jpg",
+                         "/mnt/us\\b/f.jpg",
+                         "/mnt/us\xE8"
+                         "b/g.jpg"};
     struct Case {
         const char* root;
         bool ran;
@@ -171,6 +179,13 @@ TEST_F(QuorviaDBMgrTest, UnmountMatchesWholeComponentsIgnoringAsciiCase) {
         {"/mnt/usb%", true, {"/mnt/usb%/c.jpg"}},
         {"/mnt/usb_", true, {"/mnt/usb_/d.jpg"}},
         {"/mnt/us\\b", true, {"/mnt/us\\b/f.jpg"}},
+        // Bytes that are not UTF-8 are not all one character (regression),
+        // and a doubled slash still names the disk (regression).
+        {"/mnt/us\xE9"
+         "b",
+         true,
+         {}},
+        {"/mnt/usb1//", true, {"/mnt/usb1", "/mnt/usb1/a.jpg", "/MNT/USB1/b.jpg"}},
         // Roots that would take every disk's rows are refused.
         {"", false, {}},
         {"/", false, {}},
