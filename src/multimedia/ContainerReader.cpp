@@ -13,6 +13,7 @@ extern "C" {
 #include <algorithm>
 #include <mutex>
 
+#include "storage/FileStatus.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -52,11 +53,11 @@ ContainerReader::~ContainerReader() {
 // was opened.
 bool ContainerReader::openFile(const std::string& path) {
     fd_ = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    struct stat info;
-    if (fd_ < 0 || fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
+    FileStatus status;
+    if (fd_ < 0 || FileStatus::sOfDescriptor(fd_, status) != 0 || !status.isRegular()) {
         return false;
     }
-    size_ = info.st_size;
+    size_ = status.size;
     return true;
 }
 

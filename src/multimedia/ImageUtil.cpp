@@ -9,6 +9,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/ImageUtils.h"
@@ -54,8 +55,8 @@ bool passesThroughLink(const std::string& root, const std::string& path) {
     }
     for (std::string::size_type slash = path.find('/', root.size()); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
-        struct stat info;
-        if (lstat(path.substr(0, slash).c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        FileStatus status;
+        if (FileStatus::sOfPath(path.substr(0, slash), status, false) == 0 && status.isLink()) {
             return true;
         }
     }
@@ -65,8 +66,8 @@ bool passesThroughLink(const std::string& root, const std::string& path) {
 // A thumbnail made before is a regular file; a link or a FIFO in its place
 // is not one, and is replaced by the new thumbnail.
 bool isMadeThumbnail(const std::string& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    FileStatus status;
+    return FileStatus::sOfPath(path, status, false) == 0 && status.isRegular();
 }
 
 bool isJpegName(const std::string& path) {

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/Log.h"
 
@@ -114,8 +115,8 @@ void hookSignals() {
 std::string takeSmallFile(const std::string& path) {
     std::string content;
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    struct stat info;
-    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    FileStatus status;
+    if (fd >= 0 && FileStatus::sOfDescriptor(fd, status) == 0 && status.isRegular()) {
         char buffer[PATH_MAX];
         const ssize_t got = read(fd, buffer, sizeof(buffer));
         content.assign(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
@@ -215,8 +216,8 @@ bool openMarker(Slot& slot, const std::string& reading, const std::string& crash
     }
     slot.fd =
         open(slot.reading, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
-    struct stat info;
-    if (slot.fd >= 0 && (fstat(slot.fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+    FileStatus status;
+    if (slot.fd >= 0 && (FileStatus::sOfDescriptor(slot.fd, status) != 0 || !status.isRegular())) {
         close(slot.fd);
         slot.fd = -1;
     }

@@ -12,6 +12,7 @@
 
 #include "multimedia/MediaReadGuard.h"
 #include "multimedia/MetadataTime.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
 
@@ -65,9 +66,9 @@ ExifData* loadExif(const std::string& path) {
     if (fd < 0) {
         return NULL;
     }
-    struct stat info;
+    FileStatus status;
     ExifData* data = NULL;
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    if (FileStatus::sOfDescriptor(fd, status) == 0 && status.isRegular()) {
         ExifLoader* loader = exif_loader_new();
         unsigned char chunk[kExifReadChunk];
         ssize_t got;
@@ -139,12 +140,16 @@ void Metadata::getModifyTime(const std::string& path, metadata_s& metadata,
         metadata.date = defaultModifyTime;
         return;
     }
-    struct stat info;
-    if (stat(path.c_str(), &info) != 0) {
+    // A time beyond the 32-bit date leaves the date as it was, as where
+    // time_t has 32 bits and no status can hold it.
+    FileStatus status;
+    if (FileStatus::sOfPath(path, status) != 0 ||
+        status.modifyTime != static_cast<int32_t>(status.modifyTime)) {
         return;
     }
+    const time_t modified = static_cast<time_t>(status.modifyTime);
     struct tm parts;
-    if (localtime_r(&info.st_mtime, &parts) != NULL) {
+    if (localtime_r(&modified, &parts) != NULL) {
         metadata.date = toDate(timelocal(&parts));
     }
 }

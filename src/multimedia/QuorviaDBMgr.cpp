@@ -6,6 +6,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "multimedia/QuorviaDBMgrSql.h"
+#include "storage/FileStatus.h"
 #include "system/Log.h"
 
 namespace quorvia {
@@ -45,10 +46,10 @@ bool QuorviaDBMgr::init() {
 bool QuorviaDBMgr::isSerialized() const { return db_ != NULL && sqlite3_db_mutex(db_) != NULL; }
 
 void QuorviaDBMgr::checkFileInPlace() {
-    struct stat info;
+    talvern::FileStatus status;
     if (fileLossLogged_ || db_ == NULL ||
-        (stat(dbPath_.c_str(), &info) == 0 &&
-         std::make_pair(info.st_dev, info.st_ino) == fileIdentity_)) {
+        (talvern::FileStatus::sOfPath(dbPath_, status) == 0 &&
+         std::make_pair(status.device, status.inode) == fileIdentity_)) {
         return;
     }
     fileLossLogged_ = true;
@@ -73,9 +74,9 @@ bool QuorviaDBMgr::openDB() {
         // reads makes a concurrent delete or move fail and its row stay.
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
         useWriteAheadLog();
-        struct stat info;
-        if (stat(dbPath_.c_str(), &info) == 0) {
-            fileIdentity_ = std::make_pair(info.st_dev, info.st_ino);
+        talvern::FileStatus status;
+        if (talvern::FileStatus::sOfPath(dbPath_, status) == 0) {
+            fileIdentity_ = std::make_pair(status.device, status.inode);
         }
         return true;
     }

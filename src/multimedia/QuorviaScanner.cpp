@@ -1,7 +1,11 @@
 #include "multimedia/QuorviaScanner.h"
 
-#include <boost/filesystem.hpp>
+#include <errno.h>
 
+#include <boost/filesystem.hpp>
+#include <cstring>
+
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
 
@@ -32,21 +36,24 @@ void QuorviaScanner::start_scanner(const std::vector<std::string>& roots) {
 void QuorviaScanner::scanDiskDirRecursive(const std::string& dir) {
     QLOG(INFO) << "Scanner: begin scan " << dir;
     for (fs::directory_iterator it(dir), end; it != end; ++it) {
-        fs::file_status status;
-        try {
-            status = it->symlink_status();
-        } catch (const std::exception& e) {
-            QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << e.what();
+        // Not boost's symlink_status(): see FileStatus.
+        const std::string path = it->path().string();
+        talvern::FileStatus status;
+        const int error = talvern::FileStatus::sOfPath(path, status, false);
+        if (error != 0) {
+            if (error != ENOENT) {
+                QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << path << ": "
+                            << std::strerror(error);
+            }
             continue;
         }
-        const std::string path = it->path().string();
         const std::string name = it->path().filename().string();
-        if (status.type() == fs::regular_file) {
+        if (status.isRegular()) {
             if ((CommonUtils::endWith(path, ".jpg") || CommonUtils::endWith(path, ".jpeg")) &&
                 (name.empty() || name[0] != '.')) {
                 notifyObserverInGroup(path);
             }
-        } else if (status.type() == fs::directory_file && name != "." && name != ".." &&
+        } else if (status.isDirectory() && name != "." && name != ".." &&
                    !CommonUtils::isFilterDir(name) && path != dir) {
             scanDiskDirRecursive(path);
         }

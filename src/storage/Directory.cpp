@@ -6,12 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
 #include <vector>
 
+#include "storage/FileStatus.h"
 #include "system/Log.h"
-
-namespace fs = boost::filesystem;
 
 namespace talvern {
 
@@ -149,22 +147,57 @@ int removeTreeAt(const std::string& path) {
     return error;
 }
 
+// mkdir -p, each missing level made in turn, the last one with 0777 less the
+// umask as boost's create_directories made it (which can't be used: it reads
+// the status of every level, see FileStatus). EEXIST: a file stands there.
+int makeDirectories(const std::string& path) {
+    FileStatus status;
+    const int error = FileStatus::sOfPath(path, status);
+    if (error == 0) {
+        return status.isDirectory() ? 0 : EEXIST;
+    }
+    if (error != ENOENT) {
+        return error;
+    }
+    const std::string trimmed = withoutTrailingSlash(path);
+    const std::string::size_type slash = trimmed.rfind('/');
+    if (slash != std::string::npos && slash > 0) {
+        const int parentError = makeDirectories(trimmed.substr(0, slash));
+        if (parentError != 0) {
+            return parentError;
+        }
+    }
+    if (mkdir(trimmed.c_str(), 0777) == 0) {
+        return 0;
+    }
+    const int made = errno;
+    return made == EEXIST && FileStatus::sOfPath(trimmed, status) == 0 && status.isDirectory()
+               ? 0
+               : made;
+}
+
+// A file, a link or an empty directory; nothing there is no error.
+int removeOne(const std::string& path) {
+    if (unlink(path.c_str()) == 0 || (errno == EISDIR && rmdir(path.c_str()) == 0)) {
+        return 0;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+}
+
 }  // namespace
 
 bool Directory::sExists(const std::string& path) {
-    try {
-        return fs::exists(path);
-    } catch (const std::exception& e) {
-        QLOG(ERROR) << "Directory::sExists, exception : " << e.what();
-    } catch (...) {
-        QLOG(ERROR) << "Directory::sExists, exception ... ";
+    FileStatus status;
+    const int error = FileStatus::sOfPath(path, status);
+    if (error != 0 && error != ENOENT && error != ENOTDIR) {
+        QLOG(ERROR) << "Directory::sExists, exception : " << path << ": "
+                    << systemError(error).message();
     }
-    return false;
+    return error == 0;
 }
 
 ErrorCode Directory::sCreateDirectory(const std::string& path) {
-    boost::system::error_code ec;
-    fs::create_directories(path, ec);
+    const boost::system::error_code ec = systemError(makeDirectories(path));
     // Never through a link planted at path: the mode is for our own folder.
     fchmodat(AT_FDCWD, withoutTrailingSlash(path).c_str(), kCreatedDirectoryMode,
              AT_SYMLINK_NOFOLLOW);
@@ -177,17 +210,8 @@ ErrorCode Directory::sCreateDirectory(const std::string& path) {
 ErrorCode Directory::sDelete(const std::string& path, bool recursive) {
     ErrorCode result;
     try {
-        if (recursive) {
-            const int error = removeTreeAt(path);
-            result.setSystemError(error == 0 ? boost::system::error_code() : systemError(error));
-        } else {
-            boost::system::error_code ec;
-            fs::remove(withoutTrailingSlash(path), ec);
-            result.setSystemError(ec);
-        }
-    } catch (const fs::filesystem_error& e) {
-        QLOG(ERROR) << "Directory::sDelete catch exception: " << e.what();
-        result.setSystemError(e.code());
+        result.setSystemError(
+            systemError(recursive ? removeTreeAt(path) : removeOne(withoutTrailingSlash(path))));
     } catch (const std::exception& e) {
         QLOG(ERROR) << "Directory::sDelete catch exception: " << e.what();
     }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/Log.h"
 
@@ -17,22 +18,34 @@ namespace fs = boost::filesystem;
 
 namespace talvern {
 
-bool File::sExists(const std::string& path) {
-    try {
-        return fs::exists(path);
-    } catch (const std::exception& e) {
-        QLOG(ERROR) << "File::sExists catch exception: " << e.what();
+namespace {
+
+boost::system::error_code systemError(int error) {
+    return boost::system::error_code(error, boost::system::system_category());
+}
+
+// Reads the status of path, a link followed; an error other than "nothing
+// there" is logged after the caller's words.
+int readStatus(const std::string& path, FileStatus& status, const char* words) {
+    const int error = FileStatus::sOfPath(path, status);
+    if (error != 0 && error != ENOENT && error != ENOTDIR) {
+        QLOG(ERROR) << words << path << ": " << systemError(error).message();
     }
-    return false;
+    return error;
+}
+
+}  // namespace
+
+bool File::sExists(const std::string& path) {
+    FileStatus status;
+    return readStatus(path, status, "File::sExists catch exception: ") == 0;
 }
 
 uint64_t File::sGetFileSize(const std::string& path) {
-    try {
-        if (fs::is_regular_file(path)) {
-            return fs::file_size(path);
-        }
-    } catch (const std::exception& e) {
-        QLOG(ERROR) << "File::sGetFileSize catch exception: " << e.what();
+    FileStatus status;
+    if (readStatus(path, status, "File::sGetFileSize catch exception: ") == 0 &&
+        status.isRegular()) {
+        return status.size;
     }
     return 0;
 }
@@ -50,22 +63,20 @@ fs::space_info File::sGetDiskSpaceInfo(const std::string& path) {
 
 ErrorCode File::sDelete(const std::string& path) {
     ErrorCode result;
-    try {
-        if (!fs::exists(path)) {
-            return result;
+    FileStatus status;
+    const int error = readStatus(path, status, "File::sDelete catch exception: ");
+    if (error != 0) {
+        if (error != ENOENT && error != ENOTDIR) {
+            result.setSystemError(systemError(error));
         }
-        if (fs::is_directory(path)) {
-            QLOG(ERROR) << "File delete with folder type. ignore it.";
-            return result;
-        }
-        boost::system::error_code ec;
-        fs::remove(path, ec);
-        result.setSystemError(ec);
-    } catch (const fs::filesystem_error& e) {
-        QLOG(ERROR) << "File::sDelete catch exception: " << e.what();
-        result.setSystemError(e.code());
-    } catch (const std::exception& e) {
-        QLOG(ERROR) << "File::sDelete catch exception: " << e.what();
+        return result;
+    }
+    if (status.isDirectory()) {
+        QLOG(ERROR) << "File delete with folder type. ignore it.";
+        return result;
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        result.setSystemError(systemError(errno));
     }
     return result;
 }
@@ -75,8 +86,8 @@ FILE* File::sOpenRegularFile(const std::string& path) {
     if (fd < 0) {
         return NULL;
     }
-    struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    FileStatus status;
+    if (FileStatus::sOfDescriptor(fd, status) != 0 || !status.isRegular()) {
         close(fd);
         errno = EINVAL;
         return NULL;

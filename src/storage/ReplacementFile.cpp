@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include "storage/FileStatus.h"
+
 namespace talvern {
 
 namespace {
@@ -65,16 +67,16 @@ bool ReplacementFile::commit(mode_t mode, bool sync) {
 }
 
 bool ReplacementFile::commitKeepingOwner(mode_t newMode, bool sync) {
-    struct stat old;
-    if (stream_ == NULL || lstat(path_.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
+    FileStatus old;
+    if (stream_ == NULL || FileStatus::sOfPath(path_, old, false) != 0 || !old.isRegular()) {
         return commit(newMode, sync);
     }
     // Unprivileged, the owner can't be given away: the mode stays, without
     // its set-id bits.
-    if (fchown(fileno(stream_), old.st_uid, old.st_gid) != 0) {
-        old.st_mode &= 0777;
+    if (fchown(fileno(stream_), old.owner, old.group) != 0) {
+        old.mode &= 0777;
     }
-    return commit(old.st_mode & 07777, sync);
+    return commit(old.mode & 07777, sync);
 }
 
 }  // namespace talvern

@@ -5,6 +5,8 @@
 #include <boost/algorithm/string.hpp>
 #include <cctype>
 
+#include "storage/FileStatus.h"
+
 bool CommonUtils::startWith(const std::string& text, const std::string& prefix) {
     return boost::algorithm::istarts_with(text, prefix);
 }
@@ -29,11 +31,8 @@ std::string CommonUtils::sToLower(const std::string& text) {
 }
 
 uint64_t CommonUtils::sGetFileSize(const std::string& path) {
-    struct stat64 info;
-    if (stat64(path.c_str(), &info) != 0) {
-        return 0;
-    }
-    return static_cast<uint64_t>(info.st_size);
+    talvern::FileStatus status;
+    return talvern::FileStatus::sOfPath(path, status) == 0 ? status.size : 0;
 }
 
 std::vector<std::string> CommonUtils::splitString(const std::string& text,

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/DeviceMountInfo.h"
 #include "system/Log.h"
@@ -203,8 +204,8 @@ int CommonUtils::sSetFileModifyTime(const std::string& path, long time) {
 }
 
 bool CommonUtils::sIsFile(const std::string& path) {
-    struct stat64 info;
-    return stat64(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+    talvern::FileStatus status;
+    return talvern::FileStatus::sOfPath(path, status) == 0 && !status.isDirectory();
 }
 
 // A path that can't be reached gives a record of zeros (device id 0 is no

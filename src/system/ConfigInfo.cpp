@@ -8,6 +8,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigUtils.h"
 #include "system/DeviceRoot.h"
@@ -33,8 +34,8 @@ std::string devicePath(const char* fixedPath) { return DeviceRoot::sPath(fixedPa
 std::string systemConfigRootPath() { return devicePath(systemConfigRoot); }
 
 bool isLink(const std::string& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    FileStatus status;
+    return FileStatus::sOfPath(path, status, false) == 0 && status.isLink();
 }
 
 void makeIfMissing(const std::string& path) {
@@ -160,8 +161,7 @@ void ConfigInfo::init() {
     if (!Directory::sExists(configRoot_)) {
         const ErrorCode error = Directory::sCreateDirectory(configRoot_);
         if (!error.ok()) {
-            QLOG(ERROR) << "create " << configRoot_
-                        << " failed: " << error.systemError().message();
+            QLOG(ERROR) << "create " << configRoot_ << " failed: " << error.systemError().message();
             return;
         }
     }

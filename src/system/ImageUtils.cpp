@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
@@ -55,8 +56,8 @@ void convertEnds(const std::string& source, const std::string& target, std::stri
 
 // A file that convert left empty is no thumbnail.
 bool holdsData(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0 && info.st_size > 0;
+    FileStatus status;
+    return FileStatus::sOfPath(path, status) == 0 && status.size > 0;
 }
 
 // The geometry identify printed behind name, as width and height; false (and

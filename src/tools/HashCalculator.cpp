@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "system/Log.h"
 #include "tools/Sha1.h"
 
@@ -50,12 +51,12 @@ int openRegularFile(const std::string& path, uint64_t& size) {
     if (fd < 0) {
         return -1;
     }
-    struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    FileStatus status;
+    if (FileStatus::sOfDescriptor(fd, status) != 0 || !status.isRegular()) {
         close(fd);
         return -1;
     }
-    size = static_cast<uint64_t>(info.st_size);
+    size = status.size;
     return fd;
 }
 

@@ -11,6 +11,7 @@
 
 #include "backup/MonitorTestSupport.h"
 #include "backup/inotify/FileChangeMonitor.h"
+#include "storage/Directory.h"
 #include "support/DeviceRootTest.h"
 
 namespace fs = boost::filesystem;
@@ -117,7 +118,9 @@ protected:
         return describe(monitor_->changes());
     }
 
-    void mkdirs(const std::string& below) { fs::create_directories(data() + "/" + below); }
+    void mkdirs(const std::string& below) {
+        ASSERT_TRUE(talvern::Directory::sCreateDirectory(data() + "/" + below).ok());
+    }
 
     // Watched paths relative to the data folder ("" is the folder itself).
     Lines watched() {
@@ -394,6 +397,10 @@ TEST_F(FileChangeMonitorTest, TableFollowsTheTreeThroughMovesChurnAndARemadeData
     }
     fs::create_symlink(data() + "/old", data() + "/old/sub/loop");
     fs::create_directories(root() + "/outside/tree/branch");
+    // Folders dated past 2038 (a restored backup) went unwatched where time_t
+    // has 32 bits (regression).
+    ASSERT_EQ(0, shell("touch -d 2040-01-01 " + quorvia_test::quoted(data()) + " " +
+                       quorvia_test::quoted(data() + "/old/sub/deeper")));
     start();
     ASSERT_EQ(Lines({"", "old/", "old/sub/", "old/sub/deeper/"}), watched());
 

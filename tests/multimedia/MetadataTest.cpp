@@ -102,6 +102,22 @@ TEST_F(MetadataTest, JpegDateComesFromExifReadAsLocalTime) {
     }
 }
 
+// Where time_t has 32 bits a file dated past January 2038 could not be
+// examined: its EXIF date and its duration were lost (regression). The date
+// its own time would give is none there, and so everywhere.
+TEST_F(MetadataTest, FilesDatedPast2038AreReadLikeAnyOtherRegression) {
+    const std::string dated = jpeg("dated.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'");
+    const std::string undated = jpeg("undated.jpg", "-Make=Quorvia");
+    const std::string clip = media("clip.mp4", kFfmpeg + kBlue + "-c:v mpeg4 -t 2 \"$F\"");
+    ASSERT_EQ(0, shell("touch -d 2040-01-01 '" + dated + "' '" + undated + "' '" + clip + "'"));
+    metadata_s photo, bare, video;
+    EXPECT_EQ(0, Metadata::getImageMetadata(dated, "p.jpg", 0, photo, "", false));
+    EXPECT_EQ(0, Metadata::getImageMetadata(undated, "u.jpg", 0, bare, "", false));
+    EXPECT_EQ(0, Metadata::getVideoMetadata(clip, "c.mp4", kDefault, video, "", false));
+    EXPECT_EQ(std::to_string(localTime(2015, 6, 7, 8, 9, 10)) + " 0 2",
+              std::to_string(photo.date) + " " + std::to_string(bare.date) + " " + video.duration);
+}
+
 // Every file goes down both the image and the video route.
 TEST_F(MetadataTest, DamagedOrStrangeFilesFailQuicklyWithATitleAndADate) {
     const std::string good = jpeg("good.jpg", "-DateTimeOriginal='2015:06:07 08:09:10'");

@@ -9,9 +9,12 @@
 #include "storage/File.h"
 #include "storage/ReplacementFile.h"
 #include "support/DeviceRootTest.h"
+#include "tools/HashCalculator.h"
 
+using quorvia_test::quoted;
 using talvern::Directory;
 using talvern::File;
+namespace fs = boost::filesystem;
 
 namespace {
 
@@ -64,6 +67,28 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
     EXPECT_FALSE(Directory::sExists(path("/a")));
     EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
     EXPECT_TRUE(Directory::sDelete(path("/missing"), false).ok());
+}
+
+// Where time_t has 32 bits, stat() fails with EOVERFLOW for whatever is dated
+// past January 2038 (a camera with a wrong clock, a restored backup): it
+// counted as missing, unreadable, unhashable and undeletable (regression).
+TEST_F(FileTest, FilesAndFoldersDatedPast2038AreLikeAnyOtherRegression) {
+    const std::string dir = path("/future"), file = dir + "/a.jpg", empty = dir + "/empty";
+    writeFile("/future/a.jpg", "abc");
+    writeFile("/today.jpg", "abc");
+    fs::create_directory(empty);
+    ASSERT_EQ(
+        0, shell("touch -d 2040-01-01 " + quoted(file) + " " + quoted(empty) + " " + quoted(dir)));
+    EXPECT_TRUE(File::sExists(file) && Directory::sExists(dir));
+    EXPECT_EQ(3u, File::sGetFileSize(file));
+    std::string content;
+    EXPECT_TRUE(File::sReadRegularFile(file, 16, content));
+    EXPECT_EQ(talvern::HashCalculator::calcFile(path("/today.jpg")),
+              talvern::HashCalculator::calcFile(file));
+    EXPECT_TRUE(Directory::sCreateDirectory(dir + "/sub").ok());
+    EXPECT_TRUE(File::sDelete(file).ok() && Directory::sDelete(empty, false).ok());
+    EXPECT_FALSE(fs::exists(file) || fs::exists(empty));
+    EXPECT_TRUE(log_.lines().empty());
 }
 
 TEST(DirectoryAncestor, ComparesWholeComponents) {

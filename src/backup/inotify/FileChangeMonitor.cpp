@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "storage/Directory.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
 
@@ -91,14 +92,15 @@ bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
     std::vector<std::string> subdirs;
     try {
         for (fs::directory_iterator it(dir), end; it != end; ++it) {
-            fs::file_status status;
-            try {
-                status = it->symlink_status();
-            } catch (const std::exception& e) {
-                QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
+            // Not boost's symlink_status(): see FileStatus.
+            talvern::FileStatus status;
+            const int error = talvern::FileStatus::sOfPath(it->path().string(), status, false);
+            if (error != 0 && error != ENOENT) {
+                QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: "
+                            << it->path().string() << ": " << std::strerror(error);
                 continue;
             }
-            if (status.type() != fs::directory_file) {
+            if (error != 0 || !status.isDirectory()) {
                 continue;
             }
             const std::string name = it->path().filename().string();
@@ -451,9 +453,9 @@ bool FileChangeMonitor::beginNotify() {
 }
 
 void FileChangeMonitor::noteRootIdentity(const std::string& root) {
-    struct stat info;
-    if (stat(root.c_str(), &info) == 0) {
-        rootIdentities_[root] = std::make_pair(info.st_dev, info.st_ino);
+    talvern::FileStatus status;
+    if (talvern::FileStatus::sOfPath(root, status) == 0) {
+        rootIdentities_[root] = std::make_pair(status.device, status.inode);
     }
 }
 
@@ -465,9 +467,9 @@ void FileChangeMonitor::checkRootsInPlace() {
     boost::unordered_map<std::string, std::pair<dev_t, ino_t> >::iterator it =
         rootIdentities_.begin();
     while (it != rootIdentities_.end()) {
-        struct stat info;
-        if (stat(it->first.c_str(), &info) == 0 &&
-            std::make_pair(info.st_dev, info.st_ino) == it->second) {
+        talvern::FileStatus status;
+        if (talvern::FileStatus::sOfPath(it->first, status) == 0 &&
+            std::make_pair(status.device, status.inode) == it->second) {
             ++it;
             continue;
         }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "multimedia/QuorviaDBMgr.h"
+#include "storage/FileStatus.h"
 #include "system/Log.h"
 
 namespace quorvia {
@@ -16,15 +17,16 @@ namespace {
 // Gone for sure: a path that can't be examined for another reason (a disk
 // error) keeps its row.
 bool isGone(const std::string& path) {
-    struct stat info;
-    return lstat(path.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
+    talvern::FileStatus status;
+    const int error = talvern::FileStatus::sOfPath(path, status, false);
+    return error == ENOENT || error == ENOTDIR;
 }
 
 }  // namespace
 
 void QuorviaReconcileTask::run() {
-    struct stat info;
-    if (stat(path_.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    talvern::FileStatus status;
+    if (talvern::FileStatus::sOfPath(path_, status) != 0 || !status.isDirectory()) {
         QLOG(WARNING) << "QuorviaReconcileTask, " << path_ << " is not there; its rows stay";
         return;
     }

@@ -1,0 +1,45 @@
+#include "storage/FileStatus.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+namespace talvern {
+
+namespace {
+
+int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
+    struct statx info;
+    const unsigned int wanted =
+        STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_INO | STATX_UID | STATX_GID | STATX_MTIME;
+    if (statx(dirFd, path, flags | AT_STATX_SYNC_AS_STAT, wanted, &info) != 0) {
+        return errno;
+    }
+    status.mode = info.stx_mode;
+    status.size = info.stx_size;
+    status.device = makedev(info.stx_dev_major, info.stx_dev_minor);
+    status.inode = info.stx_ino;
+    status.owner = info.stx_uid;
+    status.group = info.stx_gid;
+    status.modifyTime = info.stx_mtime.tv_sec;
+    return 0;
+}
+
+}  // namespace
+
+bool FileStatus::isRegular() const { return S_ISREG(mode); }
+
+bool FileStatus::isDirectory() const { return S_ISDIR(mode); }
+
+bool FileStatus::isLink() const { return S_ISLNK(mode); }
+
+int FileStatus::sOfPath(const std::string& path, FileStatus& status, bool followLinks) {
+    return readStatus(AT_FDCWD, path.c_str(), followLinks ? 0 : AT_SYMLINK_NOFOLLOW, status);
+}
+
+int FileStatus::sOfDescriptor(int fd, FileStatus& status) {
+    return readStatus(fd, "", AT_EMPTY_PATH, status);
+}
+
+}  // namespace talvern

@@ -1,0 +1,39 @@
+#ifndef QUORVIA_STORAGE_FILESTATUS_H
+#define QUORVIA_STORAGE_FILESTATUS_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <string>
+
+namespace talvern {
+
+// What the file system says of a file, read with statx. Where time_t has 32
+// bits (the armhf routers), stat() and everything built on it, boost's
+// status() included, fails with EOVERFLOW for a file dated past January
+// 2038, which a camera with a wrong clock or a restored backup easily gives:
+// such a file counted as missing, unreadable or undeletable. statx's times
+// are 64 bits wide everywhere. Any thread; async-signal-safe (one system call).
+struct FileStatus {
+    mode_t mode = 0;
+    uint64_t size = 0;
+    dev_t device = 0;
+    ino_t inode = 0;
+    uid_t owner = 0;
+    gid_t group = 0;
+    int64_t modifyTime = 0;  // seconds since the epoch
+
+    bool isRegular() const;
+    bool isDirectory() const;
+    bool isLink() const;
+
+    // 0 with status filled, or the errno of the failure (ENOENT: nothing
+    // there). A link at path itself is followed unless followLinks is false.
+    static int sOfPath(const std::string& path, FileStatus& status, bool followLinks = true);
+    // The same for what the descriptor fd is open on.
+    static int sOfDescriptor(int fd, FileStatus& status);
+};
+
+}  // namespace talvern
+
+#endif
