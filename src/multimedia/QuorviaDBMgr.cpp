@@ -58,6 +58,29 @@ void QuorviaDBMgr::checkFileInPlace() {
                    "reads them until the daemon starts again";
 }
 
+namespace {
+
+// path as the path of a "file:" URI: SQLite decodes %HH there, and "?" and
+// "#" would end it.
+std::string uriPath(const std::string& path) {
+    std::string escaped;
+    for (const char c : path) {
+        escaped += c == '%' ? "%25" : c == '?' ? "%3f" : c == '#' ? "%23" : std::string(1, c);
+    }
+    return escaped;
+}
+
+bool isReadable(sqlite3* db) {
+    sqlite3_stmt* stmt = NULL;
+    const bool readable = sqlite3_prepare_v2(db, "SELECT count(*) FROM sqlite_master;", -1, &stmt,
+                                             NULL) == SQLITE_OK &&
+                          sqlite3_step(stmt) == SQLITE_ROW;
+    sqlite3_finalize(stmt);
+    return readable;
+}
+
+}  // namespace
+
 bool QuorviaDBMgr::openDB() {
     // SQLite counts every allocation for its memory statistics under one
     // process-wide mutex, which each lookup took dozens of times; nothing here
@@ -73,7 +96,13 @@ bool QuorviaDBMgr::openDB() {
         // Other processes may read the file; without a wait each of their
         // reads makes a concurrent delete or move fail and its row stay.
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
-        useWriteAheadLog();
+        // The file is opened by the first read; only then is it known to be
+        // read-only.
+        if (!isReadable(db_) && sqlite3_db_readonly(db_, "main") == 1) {
+            readReadOnlyStore();
+        } else {
+            useWriteAheadLog();
+        }
         talvern::FileStatus status;
         if (talvern::FileStatus::sOfPath(dbPath_, status) == 0) {
             fileIdentity_ = std::make_pair(status.device, status.inode);
@@ -108,6 +137,28 @@ void QuorviaDBMgr::useWriteAheadLog() {
         return;
     }
     execSql("PRAGMA synchronous=NORMAL;");
+}
+
+// A disk remounted read-only (the router's answer to a file system error)
+// gives a connection that only reads. In write-ahead mode that needs the
+// log's shared index beside the file, which can't be made there once another
+// client's last close removed it, and every lookup failed. Opened as
+// immutable, the file is read as it stands, without an index: nothing can
+// change it while the mount stays read-only.
+void QuorviaDBMgr::readReadOnlyStore() {
+    sqlite3* immutable = NULL;
+    const std::string uri = "file:" + uriPath(dbPath_) + "?immutable=1";
+    // A cache of its own: a shared one would be the first connection's.
+    const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_PRIVATECACHE;
+    if (sqlite3_open_v2(uri.c_str(), &immutable, flags, NULL) != SQLITE_OK ||
+        !isReadable(immutable)) {
+        sqlite3_close(immutable);
+        return;
+    }
+    sqlite3_close(db_);
+    db_ = immutable;
+    QLOG(WARNING) << "database file " << dbPath_
+                  << " is on a read-only disk: its rows are read as they stand, none is stored";
 }
 
 void QuorviaDBMgr::closeDB() {

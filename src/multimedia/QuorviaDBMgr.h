@@ -130,6 +130,9 @@ private:
     // where nobody reads them until the daemon starts again. Under mutex_.
     void checkFileInPlace();
     void useWriteAheadLog();
+    // On a read-only disk: db_ opened anew as immutable when it can't be read
+    // as it is. Under init's lock.
+    void readReadOnlyStore();
     bool createPathIndex();
     // Both run under updateDirPaths's lock. updatePath sets each row's newPath
     // and counts the rows it stepped in rewritten; false when a step failed.

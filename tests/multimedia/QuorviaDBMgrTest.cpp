@@ -1,6 +1,8 @@
-#include "multimedia/QuorviaDBMgr.h"
-
+#include <sched.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/thread/thread.hpp>
 #include <map>
@@ -8,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "multimedia/QuorviaDBMgr.h"
 #include "support/DeviceRootTest.h"
 
 using quorvia::QuorviaContext;
@@ -123,6 +126,35 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
         EXPECT_EQ("", store->doGetFileHash("/p"));
         EXPECT_FALSE(store->isExistsFileByHash("h"));
     }
+}
+
+// A disk remounted read-only (the router's answer to a file system error)
+// is still read, also when the last client to close the store took the
+// write-ahead log's index file with it (regression: every lookup failed).
+TEST_F(QuorviaDBMgrTest, AStoreOnAReadOnlyDiskIsStillReadRegression) {
+    const std::string disk = root() + "/disk ?#%41", file = disk + "/quorvia.db";
+    ASSERT_EQ(0, mkdir(disk.c_str(), 0755));
+    {
+        QuorviaDBMgr store(file);
+        ASSERT_TRUE(store.insertToDB(row("h", "/p", "stored")));
+    }
+    ASSERT_NE(0, access((file + "-shm").c_str(), F_OK));
+    // Read-only for this thread alone, in a mount namespace of its own.
+    if (unshare(CLONE_NEWNS) != 0) {
+        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
+    }
+    ASSERT_EQ(0, mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL));
+    ASSERT_EQ(0, mount(disk.c_str(), disk.c_str(), NULL, MS_BIND, NULL));
+    ASSERT_EQ(0, mount(NULL, disk.c_str(), NULL, MS_REMOUNT | MS_BIND | MS_RDONLY, NULL));
+    {
+        QuorviaDBMgr store(file);
+        metadata_s metadata;
+        EXPECT_TRUE(store.getMetadataByHash("h", metadata));
+        EXPECT_EQ("stored", metadata.title);
+        EXPECT_FALSE(store.insertToDB(row("g", "/q")));
+    }
+    EXPECT_TRUE(log_.contains("is on a read-only disk", google::GLOG_WARNING));
+    EXPECT_EQ(0, umount(disk.c_str()));
 }
 
 TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeAndAMissLeavesTheCallersRecord) {
