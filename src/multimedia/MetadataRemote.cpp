@@ -36,11 +36,17 @@ private:
     json_object* object_;
 };
 
-void copyText(json_object* reply, const char* key, std::string& field) {
+// The value of key; NULL when the reply lacks it or holds null there, which
+// counts as lacking it.
+json_object* valueOf(json_object* reply, const char* key) {
     json_object* value = NULL;
-    if (json_object_object_get_ex(reply, key, &value)) {
-        const char* text = json_object_get_string(value);
-        field = text != NULL ? text : "";
+    json_object_object_get_ex(reply, key, &value);
+    return value;
+}
+
+void copyText(json_object* reply, const char* key, std::string& field) {
+    if (json_object* value = valueOf(reply, key)) {
+        field = json_object_get_string(value);
     }
 }
 
@@ -61,13 +67,11 @@ void copyField(json_object* reply, ReplyField field, metadata_s& metadata) {
         case kDuration:
             copyText(reply, "duration", metadata.duration);
             break;
-        case kDate: {
-            json_object* value = NULL;
-            if (json_object_object_get_ex(reply, "date", &value)) {
+        case kDate:
+            if (json_object* value = valueOf(reply, "date")) {
                 metadata.date = json_object_get_int(value);
             }
             break;
-        }
     }
 }
 

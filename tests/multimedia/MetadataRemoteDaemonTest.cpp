@@ -60,6 +60,9 @@ TEST_F(MetadataRemoteDaemonTest, RequestsCarryTheKeysInOrderAndRepliesFillWhatTh
         const char* expected;
     } const cases[] = {
         {"{ \"title\": \"T\" }", 0, 0, "T|old|||old|5"},
+        // null counts as missing (regression).
+        {"{ \"title\": null, \"mime\": \"image/png\", \"date\": null }", 0, 0,
+         "old|image/png|||old|5"},
         {full, 0, 0, "T|image/png|||old|1600000000"},
         {full, 1, 0, "T|image/png|Al|Ar|90|1600000000"},
         {full, 2, 0, "T|old|||90|1600000000"},
