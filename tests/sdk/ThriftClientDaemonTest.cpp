@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
 #include <memory>
 #include <sstream>
@@ -16,15 +17,21 @@
 
 namespace {
 
-// Answers "big" with a MiB, "throw" with an exception, anything else with
-// itself.
+// Above the 16 MB a frame that Thrift allows by default.
+const size_t kBigReply = 17 * 1000 * 1000;
+
+// Answers "big" with kBigReply bytes, "throw" with an exception, "slow" a
+// second late, anything else with itself.
 class EchoHandler : virtual public talvern::TalvernIf {
 public:
     virtual void request(std::string& result, const std::string& parameter) {
         if (parameter == "throw") {
             throw std::runtime_error("boom");
         }
-        result = parameter == "big" ? std::string(1 << 20, 'b') : parameter;
+        if (parameter == "slow") {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+        result = parameter == "big" ? std::string(kBigReply, 'b') : parameter;
     }
     virtual void notify(std::string&, const int32_t, const std::string&) {}
 };
@@ -64,10 +71,26 @@ TEST(ThriftClientDaemonTest, RepliesComeBackWholeToEveryThreadAndExceptionsAsEmp
     for (int i = 0; i < 64; ++i) {
         EXPECT_EQ(std::to_string(i), calls[i].get());
     }
-    EXPECT_EQ(std::string(1 << 20, 'b'), ThriftClient::sCallQuorvia("big"));
+    EXPECT_EQ(kBigReply, ThriftClient::sCallQuorvia("big").size());
     EXPECT_EQ("", ThriftClient::sCallQuorvia("throw"));
     EXPECT_EQ(1,
               log.count("sCallQuorvia thrift request exception error: boom", google::GLOG_ERROR));
+
+    // The command tells an empty reply from none: a daemon that doesn't answer
+    // in time, or refuses the call (a frame above its limit). Once it waited
+    // for ever, and took a refusal for an empty reply (regressions).
+    std::ostringstream out;
+    const auto cli = [&out](const std::string& request, int timeoutMillis) {
+        std::ostringstream err;
+        const int status = QuorviaCli::sRun({request}, out, err, timeoutMillis);
+        // What follows "quorvia-cli: " up to the next colon.
+        const std::string said = err.str();
+        return std::to_string(status) + " " + said.substr(13, said.find(':', 13) - 13);
+    };
+    EXPECT_EQ("1 empty reply", cli("", 100));
+    const std::string none = "2 no reply from the quorvia daemon on localhost";
+    EXPECT_EQ(none, cli("slow", 100));
+    EXPECT_EQ(none, cli(std::string(70000, 'x'), QuorviaCli::kReplyTimeoutMillis));
     server.stop();
     serving.join();
 }
