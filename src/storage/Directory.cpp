@@ -149,8 +149,12 @@ int removeTreeAt(const std::string& path) {
 
 // mkdir -p, each missing level made in turn, the last one with 0777 less the
 // umask as boost's create_directories made it (which can't be used: it reads
-// the status of every level, see FileStatus). EEXIST: a file stands there.
+// the status of every level, see FileStatus). EEXIST: a file stands there;
+// EINVAL for the empty path, as there.
 int makeDirectories(const std::string& path) {
+    if (path.empty()) {
+        return EINVAL;
+    }
     FileStatus status;
     const int error = FileStatus::sOfPath(path, status);
     if (error == 0) {

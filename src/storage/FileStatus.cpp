@@ -13,7 +13,9 @@ int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
     struct statx info;
     const unsigned int wanted =
         STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_INO | STATX_UID | STATX_GID | STATX_MTIME;
-    if (statx(dirFd, path, flags | AT_STATX_SYNC_AS_STAT, wanted, &info) != 0) {
+    // As stat() does, never ask for an automount point's mount: the caller
+    // would wait on the automounter, maybe for a share that never comes.
+    if (statx(dirFd, path, flags | AT_STATX_SYNC_AS_STAT | AT_NO_AUTOMOUNT, wanted, &info) != 0) {
         return errno;
     }
     status.mode = info.stx_mode;

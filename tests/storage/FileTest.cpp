@@ -1,4 +1,7 @@
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -7,6 +10,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "support/DeviceRootTest.h"
 #include "tools/HashCalculator.h"
@@ -52,6 +56,7 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
     EXPECT_EQ(0777u, modeOf(root()));
     writeFile("/plain", "x");
     EXPECT_TRUE(Directory::sCreateDirectory(path("/plain/sub")).systemError());
+    EXPECT_EQ(EINVAL, Directory::sCreateDirectory("").systemError().value());
 
     writeFile("/a/b/f", "1");
     // 200 levels: deeper than the delete holds descriptors for.
@@ -89,6 +94,41 @@ TEST_F(FileTest, FilesAndFoldersDatedPast2038AreLikeAnyOtherRegression) {
     EXPECT_TRUE(File::sDelete(file).ok() && Directory::sDelete(empty, false).ok());
     EXPECT_FALSE(fs::exists(file) || fs::exists(empty));
     EXPECT_TRUE(log_.lines().empty());
+}
+
+// An automount point on the disk (a share mounted on demand) is looked at
+// without asking for its mount, as stat() does: once, the thread that
+// follows the disk waited on the automounter (regression). The automounter
+// here never answers, so a request would hold the test until its alarm.
+TEST_F(FileTest, StatusNeverAsksForAnAutomountRegression) {
+    const std::string share = path("/share");
+    fs::create_directory(share);
+    int requests[2];
+    ASSERT_EQ(0, pipe2(requests, O_NONBLOCK));
+    // The automounter's process group never triggers a mount: it must not be ours.
+    const pid_t automounter = fork();
+    if (automounter == 0) {
+        setpgid(0, 0);
+        pause();
+        _exit(0);
+    }
+    setpgid(automounter, automounter);
+    const std::string options = "fd=" + std::to_string(requests[1]) +
+                                ",pgrp=" + std::to_string(automounter) +
+                                ",minproto=5,maxproto=5,direct";
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("autofs", share.c_str(), "autofs", 0, options.c_str()) != 0) {
+        kill(automounter, SIGKILL);
+        GTEST_SKIP() << "no autofs mount here: " << strerror(errno);
+    }
+    alarm(10);
+    talvern::FileStatus status;
+    EXPECT_EQ(0, talvern::FileStatus::sOfPath(share, status));
+    EXPECT_TRUE(Directory::sExists(share));
+    char request;
+    EXPECT_EQ(-1, read(requests[0], &request, 1));
+    umount2(share.c_str(), MNT_DETACH);
+    kill(automounter, SIGKILL);
 }
 
 TEST(DirectoryAncestor, ComparesWholeComponents) {
