@@ -6,6 +6,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "multimedia/QuorviaDBMgrSql.h"
+#include "multimedia/SqliteFileStatus.h"
 #include "storage/FileStatus.h"
 #include "system/Log.h"
 
@@ -87,6 +88,7 @@ bool QuorviaDBMgr::openDB() {
     // reads the statistics. Settable only before the library's first use,
     // which in the daemon is this open; later calls are refused, harmlessly.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    SqliteFileStatus::sInstall();
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).

@@ -11,8 +11,8 @@ namespace {
 
 int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
     struct statx info;
-    const unsigned int wanted =
-        STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_INO | STATX_UID | STATX_GID | STATX_MTIME;
+    const unsigned int wanted = STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_INO | STATX_NLINK |
+                                STATX_UID | STATX_GID | STATX_MTIME;
     // As stat() does, never ask for an automount point's mount: the caller
     // would wait on the automounter, maybe for a share that never comes.
     if (statx(dirFd, path, flags | AT_STATX_SYNC_AS_STAT | AT_NO_AUTOMOUNT, wanted, &info) != 0) {
@@ -22,6 +22,7 @@ int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
     status.size = info.stx_size;
     status.device = makedev(info.stx_dev_major, info.stx_dev_minor);
     status.inode = info.stx_ino;
+    status.links = info.stx_nlink;
     status.owner = info.stx_uid;
     status.group = info.stx_gid;
     status.modifyTime = info.stx_mtime.tv_sec;

@@ -20,6 +20,7 @@ struct FileStatus {
     uint64_t size = 0;
     dev_t device = 0;
     ino_t inode = 0;
+    nlink_t links = 0;
     uid_t owner = 0;
     gid_t group = 0;
     int64_t modifyTime = 0;  // seconds since the epoch

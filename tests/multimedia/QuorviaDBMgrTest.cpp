@@ -157,6 +157,19 @@ TEST_F(QuorviaDBMgrTest, AStoreOnAReadOnlyDiskIsStillReadRegression) {
     EXPECT_EQ(0, umount(disk.c_str()));
 }
 
+// Where time_t has 32 bits, SQLite's own stat() failed for a store, or a
+// folder above it, dated past 2038: the store never opened (regression).
+TEST_F(QuorviaDBMgrTest, AStoreDatedPast2038OpensLikeAnyOtherRegression) {
+    { QuorviaDBMgr made(dbPath()); }
+    ASSERT_EQ(0, shell("touch -d 2040-01-01 " + quorvia_test::quoted(root()) + " " +
+                       quorvia_test::quoted(dbPath())));
+    QuorviaDBMgr store(dbPath());
+    ASSERT_TRUE(store.insertToDB(row("h", "/p", "stored")));
+    metadata_s metadata;
+    store.getMetadataByHash("h", metadata);
+    EXPECT_EQ("stored", metadata.title);
+}
+
 TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeAndAMissLeavesTheCallersRecord) {
     QuorviaDBMgr store(dbPath());
     QuorviaContext context = row("", "/it's \"here\"/a.jpg", std::string(200, 'x') + "'\";--");
