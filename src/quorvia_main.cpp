@@ -3,6 +3,8 @@
 // in the foreground; whatever supervises it starts and restarts it, and a
 // signal ends it.
 
+#include <errno.h>
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <stdio.h>
 #include <string.h>
@@ -31,9 +33,25 @@ void leave(int status) {
     _exit(status);
 }
 
+// Started with standard input, output or error closed (by an init script),
+// the first files opened would take their numbers, and every line meant for
+// standard error would go into them: a media-read marker, say. /dev/null
+// holds the numbers instead.
+void keepStandardDescriptorsOpen() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+            const int null = open("/dev/null", O_RDWR);
+            if (null > 2) {
+                close(null);
+            }
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepStandardDescriptorsOpen();
     printf("argc is %d, argv is NULL? %d\n", argc, argv == NULL ? 1 : 0);
     fflush(stdout);
 
@@ -53,8 +71,10 @@ int main(int argc, char** argv) {
     // The demuxers of this FFmpeg generation register themselves: there is no
     // registration call to make before the first video request.
 
-    // A media file that crashed the last run is not read again.
-    talvern::MediaReadGuard::sRecover(talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath());
+    // A media file that crashed the last run is not read again. The store's
+    // folder is looked at by the first read, once a request made it.
+    talvern::MediaReadGuard::sRecover(
+        [] { return talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath(); });
 
     // A thread that can't start or a port that is taken ends the process
     // with one line that names the cause and a non-zero status, rather than

@@ -50,11 +50,17 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort
     EXPECT_NE(std::string::npos, table.find("0100007F:2380 00000000:0000 0A")) << table;
     EXPECT_EQ(std::string::npos, table.find("00000000:2380 00000000:0000 0A")) << table;
 
+    // Nothing is made in the store's folder before a request: the disk may
+    // not be mounted yet (regression).
+    EXPECT_NE(0, access(database_.c_str(), F_OK));
+
     // A second daemon finds the port taken and ends with a line while its
     // monitor places watches over a large tree (the threads' descriptors and
     // the store once went under them: SIGSEGV). Its "-d" is no first
     // argument, so it logs to glog's files, and to standard error only what
-    // glog copies there itself (errors).
+    // glog copies there itself (errors). It leaves the first one's marker of
+    // a media read alone (once, it took it for a death: regression).
+    writeFile("/userdisk/data/.systemconfig/DataBase/reading-0", "/a/video/being/read.mp4");
     ASSERT_EQ(0, shell("mkdir -p " + quoted(path("/second")) + " && cd " +
                        quoted(data_) + " && bash -c 'mkdir -p d{1..20}/s{1..100}'"));
     for (int i = 0; i < 3; ++i) {
@@ -63,6 +69,7 @@ TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort
         EXPECT_EQ(1, second.waitForExit(20));
     }
     EXPECT_EQ(std::string::npos, slurp(path("/second/daemon.err")).find("daemon started."));
+    EXPECT_EQ("/a/video/being/read.mp4", slurp(database_ + "/reading-0"));
     const std::string logs = slurp(path("/quorvia.ERROR"));
     EXPECT_NE(std::string::npos, logs.find("quorvia daemon can't serve on 127.0.0.1:9088")) << logs;
 }
@@ -157,7 +164,14 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     const std::string request = R"({"api":2,"path":")" + clip +
                                 R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})";
-    startDaemon();
+    // Started with its standard descriptors closed, it holds them with
+    // /dev/null: once, a marker took standard error and every line went
+    // into it, to be listed as a file that crashed (regression).
+    startDaemon({"-d"}, true);
+    for (int fd = 0; fd <= 2; ++fd) {
+        EXPECT_EQ("/dev/null", capture("readlink /proc/" + std::to_string(daemon_.pid()) + "/fd/" +
+                                       std::to_string(fd) + " | tr -d '\\n'"));
+    }
     EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(128 + SIGSEGV, daemon_.waitForExit(20));
 

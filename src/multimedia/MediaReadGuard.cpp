@@ -47,10 +47,15 @@ const mode_t kListFileMode = 0644;
 const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM};
 const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[0]);
 
-// Set up once by sRecover before any reader starts, read-only afterwards
-// except for the busy flags (under gSlotMutex).
+// Set by sRecover before any reader starts. The slots and the list are set
+// up once by the first guard that finds the folder (under gPrepareMutex, then
+// gPrepared), read-only afterwards except for the busy flags (under
+// gSlotMutex); a slot counts once its marker is open.
+std::function<std::string()> gFolder;
+boost::mutex gPrepareMutex;
+std::atomic<bool> gPrepared(false);
 Slot gSlots[MediaReadGuard::kMaxReaders];
-int gSlotCount = 0;
+std::atomic<int> gSlotCount(0);
 std::vector<std::string> gListed;
 struct sigaction gPrevious[kHookedCount];
 boost::mutex gSlotMutex;
@@ -239,16 +244,17 @@ bool isListed(const std::string& path) {
     return std::find(gListed.begin(), gListed.end(), path) != gListed.end();
 }
 
-}  // namespace
-
-void MediaReadGuard::sRecover(const std::string& folder) {
-    const std::string listPath = folder + "/" + kListFileName;
+// The last run's markers in folder become strikes; this run's are opened.
+void recoverFrom(const std::string& folder) {
+    const std::string listPath = folder + "/" + MediaReadGuard::kListFileName;
     std::vector<Entry> entries = loadList(listPath);
     const std::size_t before = entries.size();
     bool changed = false;
-    for (int i = 0; i < kMaxReaders; ++i) {
-        const std::string reading = folder + "/" + kReadingMarkerPrefix + std::to_string(i);
-        const std::string crashed = folder + "/" + kCrashedMarkerPrefix + std::to_string(i);
+    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
+        const std::string reading =
+            folder + "/" + MediaReadGuard::kReadingMarkerPrefix + std::to_string(i);
+        const std::string crashed =
+            folder + "/" + MediaReadGuard::kCrashedMarkerPrefix + std::to_string(i);
         const std::string crashedPath = takeSmallFile(crashed);
         const std::string readingPath = takeSmallFile(reading);
         unlink(crashed.c_str());
@@ -260,21 +266,51 @@ void MediaReadGuard::sRecover(const std::string& folder) {
             ++gSlotCount;
         }
     }
-    if (entries.size() > kMaxListed) {
-        entries.erase(entries.begin(), entries.end() - kMaxListed);
+    if (entries.size() > MediaReadGuard::kMaxListed) {
+        entries.erase(entries.begin(), entries.end() - MediaReadGuard::kMaxListed);
     }
     if (changed || entries.size() != before) {
         storeList(listPath, entries);
     }
     for (const Entry& entry : entries) {
-        if (entry.first >= kStrikesToList) {
+        if (entry.first >= MediaReadGuard::kStrikesToList) {
             gListed.push_back(entry.second);
         }
     }
+}
+
+// Once, at the first guard that finds the folder; nothing without sRecover.
+void prepare() {
+    if (gPrepared || !gFolder) {
+        return;
+    }
+    boost::lock_guard<boost::mutex> lock(gPrepareMutex);
+    if (gPrepared) {
+        return;
+    }
+    const std::string folder = gFolder();
+    FileStatus status;
+    if (folder.empty() || FileStatus::sOfPath(folder, status) != 0 || !status.isDirectory()) {
+        return;
+    }
+    recoverFrom(folder);
+    gPrepared = true;
+}
+
+bool preparedAndAdmits(const std::string& path) {
+    prepare();
+    return !isListed(path);
+}
+
+}  // namespace
+
+void MediaReadGuard::sRecover(const std::function<std::string()>& folder) {
+    gFolder = folder;
     hookSignals();
 }
 
-MediaReadGuard::MediaReadGuard(const std::string& path) : slot_(-1), admitted_(!isListed(path)) {
+MediaReadGuard::MediaReadGuard(const std::string& path)
+    : slot_(-1), admitted_(preparedAndAdmits(path)) {
     if (!admitted_) {
         QLOG(INFO) << "media file " << path << " is listed as unreadable, not read";
         return;

@@ -28,7 +28,7 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     writeFile("/db/reading-0", "/d/suspect.mp4");
     writeFile("/db/reading-1", "/d/first.mp4");
     writeFile("/db/crashed-2", "/d/crash.jpg");
-    MediaReadGuard::sRecover(path("/db"));
+    MediaReadGuard::sRecover([this] { return path("/db"); });
 
     EXPECT_FALSE(MediaReadGuard("/d/suspect.mp4").admitted());
     EXPECT_FALSE(MediaReadGuard("/d/crash.jpg").admitted());
@@ -62,7 +62,7 @@ TEST_F(MediaReadGuardTest, AnOrderlyStopIsNoStrikeRegression) {
     EXPECT_EXIT(
         {
             signal(SIGTERM, SIG_IGN);
-            MediaReadGuard::sRecover(path("/db"));
+            MediaReadGuard::sRecover([this] { return path("/db"); });
             MediaReadGuard guard("/d/read-at-the-stop.mp4");
             raise(SIGTERM);
             MediaReadGuard late("/d/read-during-the-stop.mp4");

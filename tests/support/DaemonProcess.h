@@ -25,8 +25,10 @@ public:
     virtual ~DaemonProcess() { stop(); }
 
     // Forks and execs; false when the fork fails. Waiting for the port is
-    // the caller's business.
-    bool start(const std::string& outDir, const std::vector<std::string>& args) {
+    // the caller's business. closed: with standard input, output and error
+    // closed instead, as an init script may start it.
+    bool start(const std::string& outDir, const std::vector<std::string>& args,
+               bool closed = false) {
         std::vector<std::string> argv(1, binary("quorvia"));
         argv.insert(argv.end(), args.begin(), args.end());
         pid_ = fork();
@@ -36,6 +38,9 @@ public:
             const int err = open((outDir + "/daemon.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             dup2(out, 1);
             dup2(err, 2);
+            for (int fd = 0; closed && fd <= 2; ++fd) {
+                close(fd);
+            }
             std::vector<char*> pointers;
             for (std::string& arg : argv) {
                 pointers.push_back(&arg[0]);
@@ -51,13 +56,13 @@ public:
     // when something answered on port before the start (another daemon: the
     // test would speak to it), when nothing answers in time, or when this
     // daemon has ended meanwhile (what answers is not ours).
-    bool startListening(const std::string& outDir, const std::vector<std::string>& args,
-                        int port, std::string& why) {
+    bool startListening(const std::string& outDir, const std::vector<std::string>& args, int port,
+                        std::string& why, bool closed = false) {
         if (RawConnection(port).connected()) {
             why = "port " + std::to_string(port) + " was taken before the daemon started";
             return false;
         }
-        if (!start(outDir, args) || !waitForListener(port)) {
+        if (!start(outDir, args, closed) || !waitForListener(port)) {
             why = "the daemon did not listen on port " + std::to_string(port);
             return false;
         }

@@ -39,10 +39,10 @@ protected:
         DeviceRootTest::TearDown();
     }
 
-    void startDaemon(const std::vector<std::string>& args = {"-d"}) {
+    void startDaemon(const std::vector<std::string>& args = {"-d"}, bool closed = false) {
         setenv("GLOG_log_dir", root().c_str(), 1);
         std::string why;
-        ASSERT_TRUE(daemon_.startListening(path(""), args, ThriftClient::PORT_, why))
+        ASSERT_TRUE(daemon_.startListening(path(""), args, ThriftClient::PORT_, why, closed))
             << why << "\n"
             << slurp(path("/daemon.err"));
     }
