@@ -17,7 +17,7 @@ namespace quorvia {
 // the same kind (file or directory), whatever came between them and in
 // whichever order they arrive. The set is bounded so that files moved out of
 // the tree (whose partners never come) can't grow it without end. Time is
-// passed in by the caller. Not thread-safe.
+// passed in by the caller, in seconds of a steady clock. Not thread-safe.
 class PendingMoves {
 public:
     // At most this many halves wait; beyond it the oldest is dropped.

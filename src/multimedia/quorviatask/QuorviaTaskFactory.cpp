@@ -1,6 +1,6 @@
 #include "multimedia/quorviatask/QuorviaTaskFactory.h"
 
-#include <time.h>
+#include <chrono>
 
 #include "multimedia/quorviatask/QuorviaCreateFileTask.h"
 #include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
@@ -46,11 +46,24 @@ void QuorviaTaskFactory::CreateTask(boost::shared_ptr<Dispatchable>& task, const
                << " , path : " << path;
 }
 
+namespace {
+
+// The age of a waiting half is counted on a clock that no one sets: the
+// wall clock stepped forward by the network's time at a router's start would
+// drop the halves that wait on a batch slice.
+time_t steadySeconds() {
+    return static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+
+}  // namespace
+
 void QuorviaTaskFactory::createMoveTask(boost::shared_ptr<Dispatchable>& task,
                                         const std::string& path, WatchMask mask, bool isDir,
                                         MonitorType type, uint32_t cookie) {
     std::string partner;
-    if (!pendingMoves_.match(cookie, mask, isDir, path, time(NULL), partner)) {
+    if (!pendingMoves_.match(cookie, mask, isDir, path, steadySeconds(), partner)) {
         if (mask == TALVERN_TO && !isDir) {
             task.reset(new QuorviaModifyFileTask(path, type));
         }
