@@ -1,6 +1,8 @@
 #include "multimedia/QuorviaDBMgr.h"
 
+#include <errno.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
@@ -61,14 +63,27 @@ void QuorviaDBMgr::checkFileInPlace() {
 
 namespace {
 
-// path as the path of a "file:" URI: SQLite decodes %HH there, and "?" and
-// "#" would end it.
-std::string uriPath(const std::string& path) {
-    std::string escaped;
+// path as a "file:" URI: SQLite decodes %HH there, and "?" and "#" would end
+// it. An absolute path gets an empty authority, so that one that begins
+// with "//" is not read as a host.
+std::string fileUri(const std::string& path) {
+    std::string uri = path.compare(0, 1, "/") == 0 ? "file://" : "file:";
     for (const char c : path) {
-        escaped += c == '%' ? "%25" : c == '?' ? "%3f" : c == '#' ? "%23" : std::string(1, c);
+        uri += c == '%' ? "%25" : c == '?' ? "%3f" : c == '#' ? "%23" : std::string(1, c);
     }
-    return escaped;
+    return uri;
+}
+
+// Nothing can change the store while its disk stays read-only, and no
+// interrupted write left a rollback journal or a write-ahead log whose pages
+// a read without them would pass over, reading torn or stale rows.
+bool isFrozen(const std::string& dbPath) {
+    struct statvfs disk;
+    talvern::FileStatus status;
+    const int log = talvern::FileStatus::sOfPath(dbPath + "-wal", status);
+    return statvfs(dbPath.c_str(), &disk) == 0 && (disk.f_flag & ST_RDONLY) != 0 &&
+           talvern::FileStatus::sOfPath(dbPath + "-journal", status) == ENOENT &&
+           (log == ENOENT || (log == 0 && status.size == 0));
 }
 
 bool isReadable(sqlite3* db) {
@@ -100,7 +115,7 @@ bool QuorviaDBMgr::openDB() {
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
         // The file is opened by the first read; only then is it known to be
         // read-only.
-        if (!isReadable(db_) && sqlite3_db_readonly(db_, "main") == 1) {
+        if (!isReadable(db_) && sqlite3_db_readonly(db_, "main") == 1 && isFrozen(dbPath_)) {
             readReadOnlyStore();
         } else {
             useWriteAheadLog();
@@ -145,11 +160,12 @@ void QuorviaDBMgr::useWriteAheadLog() {
 // gives a connection that only reads. In write-ahead mode that needs the
 // log's shared index beside the file, which can't be made there once another
 // client's last close removed it, and every lookup failed. Opened as
-// immutable, the file is read as it stands, without an index: nothing can
-// change it while the mount stays read-only.
+// immutable, the file is read as it stands, without an index (see isFrozen).
+// A disk made writable again leaves the store read-only until the daemon
+// starts again: db_ can't be swapped under the lookups, which take no lock.
 void QuorviaDBMgr::readReadOnlyStore() {
     sqlite3* immutable = NULL;
-    const std::string uri = "file:" + uriPath(dbPath_) + "?immutable=1";
+    const std::string uri = fileUri(dbPath_) + "?immutable=1";
     // A cache of its own: a shared one would be the first connection's.
     const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_PRIVATECACHE;
     if (sqlite3_open_v2(uri.c_str(), &immutable, flags, NULL) != SQLITE_OK ||

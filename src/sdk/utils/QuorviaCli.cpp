@@ -25,7 +25,7 @@ const char* const USAGE =
     "Example: quorvia-cli "
     "'{\"api\":1,\"path\":\"/userdisk/data/a.mp3\",\"name\":\"a.mp3\",\"hash\":\"h1\"}'\n"
     "Exit status: 0 reply printed, 1 empty reply (request not routable),\n"
-    "2 no reply (the daemon can't be reached, doesn't answer within 30 s, or the call\n"
+    "2 no reply (the daemon can't be reached, stays silent for 30 s, or the call\n"
     "broke off), 64 usage.\n";
 
 int usage(std::ostream& err) {

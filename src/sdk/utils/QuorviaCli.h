@@ -17,8 +17,8 @@ public:
     static const int EXIT_REPLY_ = 0;
     // The daemon answered with the empty text: it could not route the request.
     static const int EXIT_EMPTY_REPLY_ = 1;
-    // No reply: the daemon can't be reached, doesn't answer in time, or the
-    // call broke off.
+    // No reply: the daemon can't be reached, stays silent for
+    // kReplyTimeoutMillis, or the call broke off.
     static const int EXIT_UNREACHABLE_ = 2;
     static const int EXIT_USAGE_ = 64;
     // Bounds the connect and each send and receive: a stopped or wedged
