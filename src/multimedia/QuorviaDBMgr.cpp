@@ -154,6 +154,7 @@ void QuorviaDBMgr::useWriteAheadLog() {
         return;
     }
     execSql("PRAGMA synchronous=NORMAL;");
+    execSql("PRAGMA journal_size_limit=" + std::to_string(kMaxKeptLogBytes) + ";");
 }
 
 // A disk remounted read-only (the router's answer to a file system error)

@@ -32,6 +32,11 @@ public:
     // How long a statement waits for another process's lock on the store file
     // (an operator's reader, a backup) before it fails as "database is locked".
     static constexpr int kBusyTimeoutMillis = 2000;
+    // What the write-ahead log keeps on the disk once a checkpoint has
+    // emptied it: about what SQLite's automatic checkpoint (1,000 pages)
+    // lets it grow to. A folder of 200,000 files renamed in one transaction
+    // grows it by some 50 MB, which was never given back.
+    static constexpr int kMaxKeptLogBytes = 4 * 1024 * 1024;
     // A directory move whose transaction can't start within the busy timeout
     // (another process holds the file) is tried again this many times in
     // all, this long apart, before it is dropped.

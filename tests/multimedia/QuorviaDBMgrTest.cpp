@@ -296,6 +296,21 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsRewritesRowsBelowTheDirectoryOnly) {
     EXPECT_EQ((Paths{"/z.jpg", "/d/a/2.jpg", "/d/a/3.jpg"}), raw.paths());
 }
 
+// A folder of many files renamed in one transaction grew the write-ahead log
+// by megabytes that stayed on the disk for good (regression).
+TEST_F(QuorviaDBMgrTest, TheLogShrinksBackAfterABigFolderMoveRegression) {
+    QuorviaDBMgr store(dbPath());
+    RawDb(dbPath()).exec(
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000) "
+        "INSERT INTO quorvia(HASH, PATH) SELECT 'h' || i, '/big/' || i || '" +
+        std::string(100, 'x') + "' FROM n");
+    store.updateDirPaths("/big/", "/moved/");
+    ASSERT_TRUE(store.insertToDB(row("small", "/s")));
+    struct stat log;
+    ASSERT_EQ(0, stat((dbPath() + "-wal").c_str(), &log));
+    EXPECT_LE(log.st_size, QuorviaDBMgr::kMaxKeptLogBytes);
+}
+
 TEST_F(QuorviaDBMgrTest, FileHashIsCachedByPath) {
     QuorviaDBMgr store(dbPath());
     const std::string abc = "a9993e364706816aba3e25717850c26c9cd0d89d";
