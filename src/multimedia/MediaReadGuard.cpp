@@ -244,26 +244,25 @@ bool isListed(const std::string& path) {
     return std::find(gListed.begin(), gListed.end(), path) != gListed.end();
 }
 
-// The last run's markers in folder become strikes; this run's are opened.
+std::string markerName(const std::string& folder, const char* prefix, int slot) {
+    return folder + "/" + prefix + std::to_string(slot);
+}
+
+// The last run's markers in folder become strikes, stored before this run's
+// markers are opened, emptied: a death in between loses no record.
 void recoverFrom(const std::string& folder) {
     const std::string listPath = folder + "/" + MediaReadGuard::kListFileName;
     std::vector<Entry> entries = loadList(listPath);
     const std::size_t before = entries.size();
     bool changed = false;
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
-        const std::string reading =
-            folder + "/" + MediaReadGuard::kReadingMarkerPrefix + std::to_string(i);
-        const std::string crashed =
-            folder + "/" + MediaReadGuard::kCrashedMarkerPrefix + std::to_string(i);
-        const std::string crashedPath = takeSmallFile(crashed);
-        const std::string readingPath = takeSmallFile(reading);
-        unlink(crashed.c_str());
+        const std::string crashedPath =
+            takeSmallFile(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i));
+        const std::string readingPath =
+            takeSmallFile(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i));
         if (!crashedPath.empty() || !readingPath.empty()) {
             strike(entries, crashedPath.empty() ? readingPath : crashedPath, !crashedPath.empty());
             changed = true;
-        }
-        if (openMarker(gSlots[gSlotCount], reading, crashed)) {
-            ++gSlotCount;
         }
     }
     if (entries.size() > MediaReadGuard::kMaxListed) {
@@ -275,6 +274,14 @@ void recoverFrom(const std::string& folder) {
     for (const Entry& entry : entries) {
         if (entry.first >= MediaReadGuard::kStrikesToList) {
             gListed.push_back(entry.second);
+        }
+    }
+    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
+        const std::string crashed = markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i);
+        unlink(crashed.c_str());
+        if (openMarker(gSlots[gSlotCount],
+                       markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i), crashed)) {
+            ++gSlotCount;
         }
     }
 }

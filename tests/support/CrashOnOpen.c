@@ -1,8 +1,9 @@
 /* Preloaded into the daemon by tests: opening the file named by
  * QUORVIA_CRASH_ON_OPEN ends the process with SIGSEGV on the opening thread,
- * as a media library that crashes on that file would. It defines both open
- * and open64, so the C library's names must not be redirected to the 64-bit
- * ones here. */
+ * as a media library that crashes on that file would; so does making the
+ * file named by QUORVIA_CRASH_ON_CREATE (an open with O_CREAT), as a death
+ * at that moment would. It defines both open and open64, so the C library's
+ * names must not be redirected to the 64-bit ones here. */
 #undef _FILE_OFFSET_BITS
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -13,9 +14,14 @@
 #include <stdlib.h>
 #include <string.h>
 
-static void crashIfChosen(const char* path) {
-    const char* chosen = getenv("QUORVIA_CRASH_ON_OPEN");
-    if (chosen != NULL && path != NULL && strcmp(chosen, path) == 0) {
+static int isNamed(const char* variable, const char* path) {
+    const char* chosen = getenv(variable);
+    return chosen != NULL && path != NULL && strcmp(chosen, path) == 0;
+}
+
+static void crashIfChosen(const char* path, int flags) {
+    if (isNamed("QUORVIA_CRASH_ON_OPEN", path) ||
+        ((flags & O_CREAT) != 0 && isNamed("QUORVIA_CRASH_ON_CREATE", path))) {
         raise(SIGSEGV);
     }
 }
@@ -31,7 +37,7 @@ static mode_t modeOf(int flags, va_list args) {
         va_start(args, flags);                                                        \
         const mode_t mode = modeOf(flags, args);                                      \
         va_end(args);                                                                 \
-        crashIfChosen(path);                                                          \
+        crashIfChosen(path, flags);                                                   \
         if (real == NULL) {                                                           \
             real = (int (*)(const char*, int, ...))dlsym(RTLD_NEXT, #name);           \
         }                                                                             \
@@ -45,7 +51,7 @@ static mode_t modeOf(int flags, va_list args) {
         va_start(args, flags);                                                        \
         const mode_t mode = modeOf(flags, args);                                      \
         va_end(args);                                                                 \
-        crashIfChosen(path);                                                          \
+        crashIfChosen(path, flags);                                                   \
         if (real == NULL) {                                                           \
             real = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, #name);      \
         }                                                                             \
@@ -55,7 +61,7 @@ static mode_t modeOf(int flags, va_list args) {
 #define WRAP_FOPEN(name)                                                              \
     FILE* name(const char* path, const char* how) {                                   \
         static FILE* (*real)(const char*, const char*);                               \
-        crashIfChosen(path);                                                          \
+        crashIfChosen(path, how[0] == 'r' ? 0 : O_CREAT);                             \
         if (real == NULL) {                                                           \
             real = (FILE * (*)(const char*, const char*)) dlsym(RTLD_NEXT, #name);    \
         }                                                                             \
