@@ -132,32 +132,42 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
 // is still read, also when the last client to close the store took the
 // write-ahead log's index file with it (regression: every lookup failed);
 // but not past a journal that an interrupted write left, whose torn rows
-// it would read (regression), and whatever its path (regression: "//").
+// it would read, nor through a read-only view of a disk that others still
+// write (regressions); and whatever its path (regression: "//").
 TEST_F(QuorviaDBMgrTest, AStoreOnAReadOnlyDiskIsStillReadRegression) {
-    const std::string disk = root() + "/disk ?#%41", file = disk + "/quorvia.db";
-    const std::string torn = disk + "/torn.db";
-    ASSERT_EQ(0, mkdir(disk.c_str(), 0755));
+    // Mounts for this thread alone, in a namespace of its own.
+    if (unshare(CLONE_NEWNS) != 0) {
+        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
+    }
+    const std::string disk = root() + "/disk ?#%41", view = root() + "/view";
+    const std::string file = disk + "/quorvia.db", torn = disk + "/torn.db";
+    ASSERT_EQ(0, mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL));
+    for (const std::string& folder : {disk, view}) {
+        ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    }
+    ASSERT_EQ(0, mount("tmpfs", disk.c_str(), "tmpfs", 0, NULL));
     for (const std::string& store : {file, torn}) {
         ASSERT_TRUE(QuorviaDBMgr(store).insertToDB(row("h", "/p", "stored")));
     }
     quorvia_test::writeAll(torn + "-journal", std::string(4096, 'j'));
     ASSERT_NE(0, access((file + "-shm").c_str(), F_OK));
-    // Read-only for this thread alone, in a mount namespace of its own.
-    if (unshare(CLONE_NEWNS) != 0) {
-        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
-    }
-    ASSERT_EQ(0, mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL));
-    ASSERT_EQ(0, mount(disk.c_str(), disk.c_str(), NULL, MS_BIND, NULL));
-    ASSERT_EQ(0, mount(NULL, disk.c_str(), NULL, MS_REMOUNT | MS_BIND | MS_RDONLY, NULL));
-    for (const std::string& store : {file, "/" + file, torn}) {
-        QuorviaDBMgr opened(store);
+    ASSERT_EQ(0, mount(disk.c_str(), view.c_str(), NULL, MS_BIND, NULL));
+    ASSERT_EQ(0, mount(NULL, view.c_str(), NULL, MS_REMOUNT | MS_BIND | MS_RDONLY, NULL));
+    const auto lookup = [this](const std::string& store) {
+        writeFile("/proc/self/mountinfo", quorvia_test::slurp("/proc/self/mountinfo"));
         metadata_s metadata;
+        QuorviaDBMgr opened(store);
         EXPECT_TRUE(opened.getMetadataByHash("h", metadata));
-        EXPECT_EQ(store == torn ? "" : "stored", metadata.title) << store;
-        EXPECT_FALSE(opened.insertToDB(row("g", "/q")));
-    }
+        EXPECT_FALSE(opened.insertToDB(row("g", "/q"))) << store;
+        return metadata.title;
+    };
+    EXPECT_EQ("", lookup(view + "/quorvia.db"));
+    ASSERT_EQ(0, mount(NULL, disk.c_str(), NULL, MS_REMOUNT | MS_RDONLY, NULL));
+    EXPECT_EQ("stored", lookup(file));
+    EXPECT_EQ("stored", lookup("/" + file));
+    EXPECT_EQ("", lookup(torn));
     EXPECT_TRUE(log_.contains("is on a read-only disk", google::GLOG_WARNING));
-    EXPECT_EQ(0, umount(disk.c_str()));
+    EXPECT_EQ(0, umount2(view.c_str(), MNT_DETACH) + umount2(disk.c_str(), MNT_DETACH));
 }
 
 // Where time_t has 32 bits, SQLite's own stat() failed for a store, or a
