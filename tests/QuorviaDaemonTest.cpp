@@ -177,7 +177,9 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
 
     // A death while the restarted daemon made its own markers, after it had
     // taken the crash record, lost the record: the file crashed it once
-    // more (regression).
+    // more; and a file only being read at the first death was counted twice
+    // and never read again (regressions).
+    writeFile("/userdisk/data/.systemconfig/DataBase/reading-5", "/suspect.mp4");
     setenv("QUORVIA_CRASH_ON_CREATE", (database_ + "/reading-3").c_str(), 1);
     startDaemon();
     EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
@@ -192,6 +194,7 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(-1, daemon_.waitForExit(0));
+    EXPECT_NE(std::string::npos, slurp(database_ + "/unreadable-media").find("1\t/suspect.mp4"));
 }
 
 }  // namespace

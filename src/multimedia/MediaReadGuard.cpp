@@ -248,8 +248,9 @@ std::string markerName(const std::string& folder, const char* prefix, int slot) 
     return folder + "/" + prefix + std::to_string(slot);
 }
 
-// The last run's markers in folder become strikes, stored before this run's
-// markers are opened, emptied: a death in between loses no record.
+// The last run's markers in folder become strikes, stored before the
+// markers go, all of them before this run's are made: a death in between
+// neither loses a record nor counts one twice.
 void recoverFrom(const std::string& folder) {
     const std::string listPath = folder + "/" + MediaReadGuard::kListFileName;
     std::vector<Entry> entries = loadList(listPath);
@@ -277,10 +278,13 @@ void recoverFrom(const std::string& folder) {
         }
     }
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
-        const std::string crashed = markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i);
-        unlink(crashed.c_str());
+        unlink(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i).c_str());
+        unlink(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i).c_str());
+    }
+    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         if (openMarker(gSlots[gSlotCount],
-                       markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i), crashed)) {
+                       markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i),
+                       markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i))) {
             ++gSlotCount;
         }
     }

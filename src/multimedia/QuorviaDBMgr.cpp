@@ -146,9 +146,10 @@ bool QuorviaDBMgr::openDB() {
         // Other processes may read the file; without a wait each of their
         // reads makes a concurrent delete or move fail and its row stay.
         sqlite3_busy_timeout(db_, kBusyTimeoutMillis);
-        // The file is opened by the first read; only then is it known to be
-        // read-only.
-        if (!isReadable(db_) && sqlite3_db_readonly(db_, "main") == 1 && isFrozen(dbPath_)) {
+        // Only on a frozen disk is the store tried by a read (which waits out
+        // another process's lock): the file is opened by the first read, and
+        // only then is the connection known to be read-only.
+        if (isFrozen(dbPath_) && !isReadable(db_) && sqlite3_db_readonly(db_, "main") == 1) {
             readReadOnlyStore();
         } else {
             useWriteAheadLog();
