@@ -45,8 +45,9 @@ TEST_F(FileTest, ExistsSizeAndDeleteTellFilesFromDirectories) {
     EXPECT_TRUE(File::sDelete(root()).ok());
     EXPECT_TRUE(Directory::sExists(root()));
     EXPECT_EQ(1, log_.count("File delete with folder type. ignore it.", google::GLOG_ERROR));
-    // A path that can't be examined counts as missing.
+    // A path that can't be examined counts as missing, and can't be deleted.
     EXPECT_FALSE(File::sExists(path("/" + std::string(300, 'n'))));
+    EXPECT_EQ(ENAMETOOLONG, File::sDelete(path("/" + std::string(300, 'n'))).systemError().value());
 }
 
 TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAsked) {
