@@ -36,12 +36,13 @@ void QuorviaScanner::start_scanner(const std::vector<std::string>& roots) {
 void QuorviaScanner::scanDiskDirRecursive(const std::string& dir) {
     QLOG(INFO) << "Scanner: begin scan " << dir;
     for (fs::directory_iterator it(dir), end; it != end; ++it) {
-        // Not boost's symlink_status(): see FileStatus.
+        // Not boost's symlink_status(): see FileStatus. An entry gone
+        // meanwhile (its folder too) is passed over without a word.
         const std::string path = it->path().string();
         talvern::FileStatus status;
         const int error = talvern::FileStatus::sOfPath(path, status, false);
         if (error != 0) {
-            if (error != ENOENT) {
+            if (error != ENOENT && error != ENOTDIR) {
                 QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << path << ": "
                             << std::strerror(error);
             }

@@ -92,10 +92,11 @@ bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
     std::vector<std::string> subdirs;
     try {
         for (fs::directory_iterator it(dir), end; it != end; ++it) {
-            // Not boost's symlink_status(): see FileStatus.
+            // Not boost's symlink_status(): see FileStatus. An entry gone
+            // meanwhile (its folder too) is passed over without a word.
             talvern::FileStatus status;
             const int error = talvern::FileStatus::sOfPath(it->path().string(), status, false);
-            if (error != 0 && error != ENOENT) {
+            if (error != 0 && error != ENOENT && error != ENOTDIR) {
                 QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: "
                             << it->path().string() << ": " << std::strerror(error);
                 continue;
