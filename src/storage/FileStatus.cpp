@@ -12,7 +12,7 @@ namespace {
 int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
     struct statx info;
     const unsigned int wanted = STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_INO | STATX_NLINK |
-                                STATX_UID | STATX_GID | STATX_MTIME;
+                                STATX_UID | STATX_GID | STATX_ATIME | STATX_MTIME | STATX_CTIME;
     // As stat() does, never ask for an automount point's mount: the caller
     // would wait on the automounter, maybe for a share that never comes.
     if (statx(dirFd, path, flags | AT_STATX_SYNC_AS_STAT | AT_NO_AUTOMOUNT, wanted, &info) != 0) {
@@ -25,7 +25,9 @@ int readStatus(int dirFd, const char* path, int flags, FileStatus& status) {
     status.links = info.stx_nlink;
     status.owner = info.stx_uid;
     status.group = info.stx_gid;
+    status.accessTime = info.stx_atime.tv_sec;
     status.modifyTime = info.stx_mtime.tv_sec;
+    status.changeTime = info.stx_ctime.tv_sec;
     return 0;
 }
 

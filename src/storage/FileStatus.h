@@ -23,7 +23,10 @@ struct FileStatus {
     nlink_t links = 0;
     uid_t owner = 0;
     gid_t group = 0;
-    int64_t modifyTime = 0;  // seconds since the epoch
+    // Seconds since the epoch.
+    int64_t accessTime = 0;
+    int64_t modifyTime = 0;
+    int64_t changeTime = 0;
 
     bool isRegular() const;
     bool isDirectory() const;

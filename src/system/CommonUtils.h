@@ -108,7 +108,8 @@ public:
     static int sSetFileModifyTime(const std::string& path, long time);
     // stat64 succeeds and path isn't a directory (devices and sockets count).
     static bool sIsFile(const std::string& path);
-    // stat64 record of path; all zeros when path can't be reached.
+    // stat64 record of path (a time that time_t can't hold is 0); all zeros
+    // when path can't be reached.
     static struct stat64 sGetFileStat(const std::string& path);
     // Local time as YYYY-MM-DDTHH:MM:SS; empty when time can't be converted.
     static std::string sConvertTimeFormat(long time);

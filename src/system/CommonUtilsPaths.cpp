@@ -187,12 +187,21 @@ void CommonUtils::sConvertToValidLibconfigKey(std::string& key) {
     }
 }
 
+namespace {
+
+time_t fittingTime(int64_t seconds) {
+    return seconds == static_cast<time_t>(seconds) ? static_cast<time_t>(seconds) : 0;
+}
+
+}  // namespace
+
+// Read through FileStatus: where time_t has 32 bits, stat64() fails for a
+// file any of whose times is past 2038. A time that a long can't hold is 0.
 long CommonUtils::sGetFileModifyTime(const std::string& path) {
-    struct stat64 info;
-    if (stat64(path.c_str(), &info) != 0) {
-        return 0;
-    }
-    return static_cast<long>(info.st_mtime);
+    talvern::FileStatus status;
+    return talvern::FileStatus::sOfPath(path, status) == 0
+               ? static_cast<long>(fittingTime(status.modifyTime))
+               : 0;
 }
 
 int CommonUtils::sSetFileModifyTime(const std::string& path, long time) {
@@ -210,11 +219,23 @@ bool CommonUtils::sIsFile(const std::string& path) {
 
 // A path that can't be reached gives a record of zeros (device id 0 is no
 // device), so a caller comparing device ids never matches by accident of
-// uninitialised memory.
+// uninitialised memory. Filled from FileStatus (see sGetFileModifyTime): a
+// time that time_t can't hold is 0.
 struct stat64 CommonUtils::sGetFileStat(const std::string& path) {
     struct stat64 info;
-    if (stat64(path.c_str(), &info) != 0) {
-        memset(&info, 0, sizeof(info));
+    memset(&info, 0, sizeof(info));
+    talvern::FileStatus status;
+    if (talvern::FileStatus::sOfPath(path, status) == 0) {
+        info.st_dev = status.device;
+        info.st_ino = status.inode;
+        info.st_mode = status.mode;
+        info.st_nlink = status.links;
+        info.st_uid = status.owner;
+        info.st_gid = status.group;
+        info.st_size = static_cast<off64_t>(status.size);
+        info.st_atime = fittingTime(status.accessTime);
+        info.st_mtime = fittingTime(status.modifyTime);
+        info.st_ctime = fittingTime(status.changeTime);
     }
     QLOG(INFO) << "the device id of " << path << " is :" << info.st_dev;
     return info;

@@ -97,6 +97,19 @@ TEST_F(CommonUtilsPathsTest, UmountRefusesRootAndPrimaryDiskMounts) {
     EXPECT_TRUE(CommonUtils::sIsCanUmountDevice("/userdisk/data"));
 }
 
+// Where time_t has 32 bits, stat64() failed for a file any of whose times
+// was past 2038: its modification time read 0, its record zeros (regression).
+TEST_F(CommonUtilsPathsTest, AFileAccessedPast2038HasItsTimesAndRecordRegression) {
+    const std::string file = path("/f");
+    writeFile("/f", "x");
+    ASSERT_EQ(0, CommonUtils::sSetFileModifyTime(file, 1500000000));
+    ASSERT_EQ(0, shell("touch -a -d 2040-01-01 " + quorvia_test::quoted(file)));
+    EXPECT_EQ(1500000000, CommonUtils::sGetFileModifyTime(file));
+    const struct stat64 info = CommonUtils::sGetFileStat(file);
+    EXPECT_NE(0u, info.st_dev);
+    EXPECT_EQ(1500000000, info.st_mtime);
+}
+
 // A df of the test's own on PATH, so the table is known.
 TEST_F(CommonUtilsPathsTest, PartitionSpaceTakesTheFirstSixFieldLineAndNeverLetsTheShellIn) {
     writeFile("/bin/df", "#!/bin/sh\n"
