@@ -168,10 +168,12 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     // /dev/null: once, a marker took standard error and every line went
     // into it, to be listed as a file that crashed (regression).
     startDaemon({"-d"}, true);
+#ifndef QUORVIA_EMULATED  // qemu-user holds the program's own file at the lowest free one
     for (int fd = 0; fd <= 2; ++fd) {
         EXPECT_EQ("/dev/null", capture("readlink /proc/" + std::to_string(daemon_.pid()) + "/fd/" +
                                        std::to_string(fd) + " | tr -d '\\n'"));
     }
+#endif
     EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(128 + SIGSEGV, daemon_.waitForExit(20));
 
