@@ -2,17 +2,14 @@
 
 #include <errno.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
-#include <sstream>
 
 #include "multimedia/QuorviaDBMgrSql.h"
 #include "multimedia/SqliteFileStatus.h"
-#include "storage/File.h"
 #include "storage/FileStatus.h"
-#include "system/DeviceRoot.h"
+#include "system/DeviceMountInfo.h"
 #include "system/Log.h"
 
 namespace quorvia {
@@ -77,44 +74,13 @@ std::string fileUri(const std::string& path) {
     return uri;
 }
 
-const char* const kMountInfoFile = "/proc/self/mountinfo";
-// More than any router's table of mounts.
-const std::size_t kMaxMountInfoBytes = 1024 * 1024;
-
-// Whether the file system holding path is read-only itself, not only the
-// mount it is reached by: a read-only bind of a writable disk (a sandbox's
-// view of it) is written through its other mounts all the same. The super
-// block's options, the last field of the disk's line in mountinfo, tell.
-bool isFileSystemReadOnly(const std::string& path) {
-    talvern::FileStatus status;
-    std::string table;
-    if (talvern::FileStatus::sOfPath(path, status) != 0 ||
-        !talvern::File::sReadRegularFile(talvern::DeviceRoot::sPath(kMountInfoFile),
-                                         kMaxMountInfoBytes, table)) {
-        return false;
-    }
-    const std::string device =
-        std::to_string(major(status.device)) + ":" + std::to_string(minor(status.device));
-    std::istringstream lines(table);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::istringstream fields(line);
-        std::string id, parent, numbers;
-        if (fields >> id >> parent >> numbers && numbers == device) {
-            const std::string options = "," + line.substr(line.rfind(' ') + 1) + ",";
-            return options.find(",ro,") != std::string::npos;
-        }
-    }
-    return false;
-}
-
 // Nothing can change the store while its disk stays read-only, and no
 // interrupted write left a rollback journal or a write-ahead log whose pages
 // a read without them would pass over, reading torn or stale rows.
 bool isFrozen(const std::string& dbPath) {
     talvern::FileStatus status;
     const int log = talvern::FileStatus::sOfPath(dbPath + "-wal", status);
-    return isFileSystemReadOnly(dbPath) &&
+    return talvern::DeviceMountInfo::sIsFileSystemReadOnly(dbPath) &&
            talvern::FileStatus::sOfPath(dbPath + "-journal", status) == ENOENT &&
            (log == ENOENT || (log == 0 && status.size == 0));
 }

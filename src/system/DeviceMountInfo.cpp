@@ -2,12 +2,15 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <fstream>
+#include <sstream>
 
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/DeviceRoot.h"
@@ -18,6 +21,9 @@ namespace talvern {
 namespace {
 
 const char* const kMountsFile = "/proc/mounts";
+const char* const kMountInfoFile = "/proc/self/mountinfo";
+// More than any router's table of mounts.
+const std::size_t kMaxMountInfoBytes = 1024 * 1024;
 const char* const kGetdiskCommand = "getdisk mnt";
 const char* const kUsbDevicePrefix = "/dev/sd";
 const size_t kSystemMountMinFields = 4;
@@ -174,6 +180,28 @@ int DeviceMountInfo::sFindUsbDeployRootPath(FILE* mounts, char* rootPath, Device
     }
     free(line);
     return found;
+}
+
+bool DeviceMountInfo::sIsFileSystemReadOnly(const std::string& path) {
+    FileStatus status;
+    std::string table;
+    if (FileStatus::sOfPath(path, status) != 0 ||
+        !File::sReadRegularFile(DeviceRoot::sPath(kMountInfoFile), kMaxMountInfoBytes, table)) {
+        return false;
+    }
+    const std::string device =
+        std::to_string(major(status.device)) + ":" + std::to_string(minor(status.device));
+    std::istringstream lines(table);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream fields(line);
+        std::string id, parent, numbers;
+        if (fields >> id >> parent >> numbers && numbers == device) {
+            const std::string options = "," + line.substr(line.rfind(' ') + 1) + ",";
+            return options.find(",ro,") != std::string::npos;
+        }
+    }
+    return false;
 }
 
 }  // namespace talvern

@@ -46,6 +46,12 @@ public:
     // Whether that disk is there: the PTP camera's marker file for the camera's
     // mount point, else the device path itself.
     static bool sIsExtDiskPlugIn(const std::string& mountPoint, const std::string& deviceName);
+    // Whether the file system holding path is read-only itself, not only the
+    // mount it is reached by: a read-only bind of a writable disk (a sandbox's
+    // view of it) is written through its other mounts all the same. The super
+    // block's options, the last field of the disk's line in
+    // "/proc/self/mountinfo", tell. false when that can't be read.
+    static bool sIsFileSystemReadOnly(const std::string& path);
 
     // ---- Parsing steps, apart from their sources ----
 
