@@ -117,7 +117,8 @@ TEST_F(FileTest, StatusNeverAsksForAnAutomountRegression) {
     const std::string options = "fd=" + std::to_string(requests[1]) +
                                 ",pgrp=" + std::to_string(automounter) +
                                 ",minproto=5,maxproto=5,direct";
-    if (unshare(CLONE_NEWNS) != 0 ||
+    // Its own mount namespace, private, so that nothing reaches the machine's.
+    if (unshare(CLONE_NEWNS) != 0 || mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0 ||
         mount("autofs", share.c_str(), "autofs", 0, options.c_str()) != 0) {
         kill(automounter, SIGKILL);
         GTEST_SKIP() << "no autofs mount here: " << strerror(errno);
