@@ -68,8 +68,6 @@ public:
 
     // getThumbnail: sources up to this size are copied, not resized.
     static constexpr unsigned long kCopyWithoutResizeSize = 200000;
-    // Mode of a written thumbnail: other components of the device serve it.
-    static constexpr mode_t kThumbnailMode = 0644;
     static constexpr int kJpegMiddleWidth = 1280;
     static constexpr int kJpegMiddleHeight = 720;
     static constexpr int kCommandLineWidth = 400;

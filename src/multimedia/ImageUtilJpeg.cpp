@@ -303,7 +303,7 @@ int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
         written = std::fwrite(buffer + offset, 1, size - offset, file) == size - offset;
     }
     // A short write (a full disk) would leave a thumbnail that looks usable.
-    if (!written || !replacement.commit(kThumbnailMode, false)) {
+    if (!written || !replacement.commitKeepingOwner(false)) {
         QLOG(ERROR) << "write jpeg file " << path << " fail, delete it";
         return -1;
     }

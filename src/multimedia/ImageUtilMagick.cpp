@@ -72,7 +72,7 @@ bool magickWrite(MagickWand* wand, const std::string& path) {
         return false;
     }
     const bool done = MagickWriteImagesFile(wand, replacement.stream()) == MagickTrue &&
-                      replacement.commit(ImageUtil::kThumbnailMode, false);
+                      replacement.commitKeepingOwner(false);
     if (!done) {
         logMagickError(wand);
     }

@@ -42,7 +42,6 @@ struct Slot {
     char crashed[PATH_MAX];
 };
 
-const mode_t kListFileMode = 0644;
 // The crash signals, and SIGTERM, the orderly stop.
 const int kHookedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM};
 const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[0]);
@@ -175,7 +174,7 @@ void storeList(const std::string& path, const std::vector<Entry>& entries) {
     const bool written =
         replacement.stream() != NULL &&
         fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size() &&
-        replacement.commit(kListFileMode, false);
+        replacement.commit(false);
     if (!written) {
         QLOG(ERROR) << "can't store the list of unreadable media in " << path;
     }

@@ -1,12 +1,16 @@
 #include "storage/ReplacementFile.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
-#include <stdlib.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 
 #include "storage/FileStatus.h"
 
@@ -15,6 +19,9 @@ namespace talvern {
 namespace {
 
 const char* const kUniqueSuffix = ".XXXXXX";
+const char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+// Names tried before giving up: another writer would have to hold them all.
+const int kCreateAttempts = 100;
 
 // A hidden name beside path, unique to this write. Of a name near the file
 // system's limit only the start is kept, so that the new name fits too, cut
@@ -30,11 +37,41 @@ std::string temporaryPattern(const std::string& path) {
     return folder + "." + name.substr(0, kept) + kUniqueSuffix;
 }
 
+// Fills the X's at the end of pattern. Distinct among this process's
+// writers (the counter) and likely so among others' (the clock and the
+// process): a name that is taken only costs another attempt.
+void fillUniqueTail(std::string& pattern) {
+    static std::atomic<uint64_t> counter(0);
+    uint64_t bits =
+        counter.fetch_add(1) ^ (static_cast<uint64_t>(getpid()) << 40) ^
+        static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    bits = (bits ^ (bits >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    bits = (bits ^ (bits >> 27)) * 0x94d049bb133111ebULL;
+    const std::size_t alphabet = sizeof(kNameCharacters) - 1;
+    for (std::size_t i = pattern.size() - (strlen(kUniqueSuffix) - 1); i < pattern.size(); ++i) {
+        pattern[i] = kNameCharacters[bits % alphabet];
+        bits /= alphabet;
+    }
+}
+
+// Made exclusively, so never through a link, with the mode of a new file
+// that "wb" makes (mkstemp would give 0600 whatever the umask).
+int createUnique(std::string& pattern) {
+    for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
+        fillUniqueTail(pattern);
+        const int fd = open(pattern.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
 }  // namespace
 
 ReplacementFile::ReplacementFile(const std::string& path)
     : path_(path), temporary_(temporaryPattern(path)), stream_(NULL), committed_(false) {
-    const int fd = mkstemp(&temporary_[0]);
+    const int fd = createUnique(temporary_);
     if (fd < 0) {
         temporary_.clear();
         return;
@@ -54,22 +91,25 @@ ReplacementFile::~ReplacementFile() {
     }
 }
 
-bool ReplacementFile::commit(mode_t mode, bool sync) {
+bool ReplacementFile::commit(bool sync) {
     if (stream_ == NULL) {
         return false;
     }
-    const int fd = fileno(stream_);
-    bool done = fflush(stream_) == 0 && fchmod(fd, mode) == 0 && (!sync || fsync(fd) == 0);
+    bool done = fflush(stream_) == 0 && (!sync || fsync(fileno(stream_)) == 0);
     done = fclose(stream_) == 0 && done;
     stream_ = NULL;
     committed_ = done && rename(temporary_.c_str(), path_.c_str()) == 0;
     return committed_;
 }
 
-bool ReplacementFile::commitKeepingOwner(mode_t newMode, bool sync) {
+bool ReplacementFile::commit(mode_t mode, bool sync) {
+    return stream_ != NULL && fchmod(fileno(stream_), mode) == 0 && commit(sync);
+}
+
+bool ReplacementFile::commitKeepingOwner(bool sync) {
     FileStatus old;
     if (stream_ == NULL || FileStatus::sOfPath(path_, old, false) != 0 || !old.isRegular()) {
-        return commit(newMode, sync);
+        return commit(sync);
     }
     // Unprivileged, the owner can't be given away: the mode stays, without
     // its set-id bits.

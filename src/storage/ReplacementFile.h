@@ -12,7 +12,8 @@ namespace talvern {
 // lead it: a new file is made beside path (exclusively, so never through a
 // link), and commit renames it over path. A link, a FIFO or a half-written
 // file at path is replaced whole; nothing is ever written through it or
-// waited on. Without commit the new file is removed. One thread at a time.
+// waited on. The new file is made with the mode that "wb" gives a new file:
+// 0666 less the umask. Without commit it is removed. One thread at a time.
 class ReplacementFile {
 public:
     explicit ReplacementFile(const std::string& path);
@@ -23,14 +24,15 @@ public:
     FILE* stream() const { return stream_; }
     // The new file's name, for a tool that writes by name.
     const std::string& temporaryPath() const { return temporary_; }
-    // Gives the written file mode, flushes it (to the disk too when sync),
-    // and renames it over path. false, with the new file removed, when any
-    // step failed.
+    // Flushes the new file (to the disk too when sync) and renames it over
+    // path. false, with the new file removed, when any step failed.
+    bool commit(bool sync);
+    // commit, with the new file given mode first.
     bool commit(mode_t mode, bool sync);
     // commit, but the new file takes the owner and mode of the regular file
-    // at path, as an edit in place would keep them (other components may own
-    // the file or keep it private); newMode when there is none.
-    bool commitKeepingOwner(mode_t newMode, bool sync);
+    // at path, as "wb" on it would keep them (other components may own the
+    // file or keep it private).
+    bool commitKeepingOwner(bool sync);
 
 private:
     ReplacementFile(const ReplacementFile&);

@@ -18,8 +18,6 @@ namespace {
 const char* const kWhitelistFile = "/data/etc/talvern/whitelist";
 // A whitelist holds a line per device allowed in; beyond this it is not read.
 const size_t kMaxWhitelistBytes = 1 << 20;
-// Mode of a whitelist that stood as no regular file (it is kept otherwise).
-const mode_t kNewWhitelistMode = 0644;
 const char* const kPrivacyAttribute = "pridisk";
 // Characters of a stored MAC that are hashed; the rest is ignored.
 const size_t kMacHashInputLength = 49;
@@ -97,7 +95,7 @@ void writeWhitelist(const std::string& path, const std::vector<std::string>& lin
     talvern::ReplacementFile replacement(path);
     if (replacement.stream() != NULL &&
         fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size()) {
-        replacement.commitKeepingOwner(kNewWhitelistMode, false);
+        replacement.commitKeepingOwner(false);
     }
 }
 

@@ -26,9 +26,6 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
     }
 }
 
-// Mode of a new configuration file: other components of the device read it.
-const mode_t kConfigFileMode = 0644;
-
 // Written beside path, synced, then renamed over it: a power cut leaves the
 // old file or the new one, never half of one, and a link or FIFO planted at
 // path is replaced, never written through.
@@ -38,7 +35,7 @@ void replaceFile(const libconfig::Config& config, const std::string& path) {
         throw std::runtime_error("can't create a file beside " + path);
     }
     config.write(replacement.stream());
-    if (!replacement.commitKeepingOwner(kConfigFileMode, true)) {
+    if (!replacement.commitKeepingOwner(true)) {
         throw std::runtime_error("can't replace " + path);
     }
 }

@@ -160,7 +160,7 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
             << sQuoteForShell(replacement.temporaryPath());
     QLOG(INFO) << "resize image command is: " << command.str();
     return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.temporaryPath()) &&
-                   replacement.commit(kResizedFileMode, false)
+                   replacement.commitKeepingOwner(false)
                ? kResizeDone
                : kResizeFailed;
 }

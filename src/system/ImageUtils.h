@@ -17,8 +17,6 @@ public:
     static constexpr int kResizeRefused = 2;
     // Longest side resizeImage accepts; 2001 is refused.
     static constexpr unsigned int kMaxSide = 2000;
-    // Mode of a resized file: other components of the device serve it.
-    static constexpr mode_t kResizedFileMode = 0644;
 
     virtual ~ImageUtils() {}
 

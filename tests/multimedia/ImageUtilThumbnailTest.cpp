@@ -207,8 +207,11 @@ TEST_F(ImageUtilThumbnailTest, MiddleTierCopiesUpToTheSizeLimitResizesAboveAndIs
 
     const std::string above = photo("above.jpg", 1600, 1200, true, 6);
     ASSERT_GT(slurp(above).size(), ImageUtil::kCopyWithoutResizeSize);
+    const mode_t umaskBefore = umask(027);
     EXPECT_EQ(0, util_.getThumbnail(above, thumb, THUMBNAIL_MIDDLE, "1234", 0));
+    umask(umaskBefore);
     EXPECT_EQ("600x800 RRBB", look(thumb));
+    EXPECT_EQ("640\n", capture("stat -c %a '" + thumb + "'"));
     EXPECT_EQ(-1, util_.getThumbnail(above, thumb, static_cast<ThumbnailSize>(2), "x", 0));
 }
 

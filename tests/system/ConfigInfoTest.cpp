@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -147,7 +148,11 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     // Any other file: edited in place, never made where its folder is missing.
     const std::string file = path("/cfg/other.cfg");
     fs::create_directories(path("/cfg"));
+    // A new one has the mode the umask leaves, as one opened to be written.
+    const mode_t umaskBefore = umask(027);
     info()->setConfigToFile(file, "first", "1");
+    umask(umaskBefore);
+    EXPECT_EQ("640\n", capture("stat -c %a " + quoted(file)));
     // Owned by another component, private: it stays so.
     ASSERT_EQ(0, shell("chown 65534:65534 " + quoted(file) + " && chmod 600 " + quoted(file)));
     info()->setConfigToFile(file, "second", "2");
