@@ -14,6 +14,7 @@
 #include <atomic>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -164,8 +165,11 @@ std::vector<Entry> loadList(const std::string& path) {
 }
 
 // Written beside its name and renamed over it, so a link planted at the
-// name is replaced, never written through.
-void storeList(const std::string& path, const std::vector<Entry>& entries) {
+// name is replaced, never written through. Synced, and its folder too: the
+// markers it takes the place of go next, and a power cut must not find
+// them gone and the list not yet written.
+void storeList(const std::string& folder, const std::vector<Entry>& entries) {
+    const std::string path = folder + "/" + MediaReadGuard::kListFileName;
     std::string content;
     for (const Entry& entry : entries) {
         content += std::to_string(entry.first) + '\t' + entry.second + '\0';
@@ -174,23 +178,42 @@ void storeList(const std::string& path, const std::vector<Entry>& entries) {
     const bool written =
         replacement.stream() != NULL &&
         fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size() &&
-        replacement.commit(false);
-    if (!written) {
+        replacement.commit(true);
+    const int folderFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (!written || folderFd < 0 || fsync(folderFd) != 0) {
         QLOG(ERROR) << "can't store the list of unreadable media in " << path;
+    }
+    if (folderFd >= 0) {
+        close(folderFd);
     }
 }
 
-// One more strike for path (or as many as listing takes); the entry moves
-// to the end, the newest place.
-void strike(std::vector<Entry>& entries, const std::string& path, bool crashed) {
+// Suspects of earlier ends, taken out of entries: only a file being read at
+// each of the last kStrikesToList ends is listed, so a suspect that is not
+// struck again at this one is cleared.
+std::vector<Entry> takeSuspects(std::vector<Entry>& entries) {
+    const auto suspect = [](const Entry& entry) {
+        return entry.first < MediaReadGuard::kStrikesToList;
+    };
+    std::vector<Entry> suspects;
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(suspects), suspect);
+    entries.erase(std::remove_if(entries.begin(), entries.end(), suspect), entries.end());
+    return suspects;
+}
+
+// One more strike for path than it had as a suspect (or as many as listing
+// takes); the entry goes to the end, the newest place.
+void strike(std::vector<Entry>& entries, const std::vector<Entry>& suspects,
+            const std::string& path, bool crashed) {
     int strikes = 0;
-    for (std::vector<Entry>::iterator it = entries.begin(); it != entries.end(); ++it) {
-        if (it->second == path) {
-            strikes = it->first;
-            entries.erase(it);
-            break;
+    for (const Entry& suspect : suspects) {
+        if (suspect.second == path) {
+            strikes = suspect.first;
         }
     }
+    entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                 [&path](const Entry& entry) { return entry.second == path; }),
+                  entries.end());
     strikes = crashed ? MediaReadGuard::kStrikesToList
                       : std::min(strikes + 1, MediaReadGuard::kStrikesToList);
     if (crashed) {
@@ -251,25 +274,24 @@ std::string markerName(const std::string& folder, const char* prefix, int slot) 
 // markers go, all of them before this run's are made: a death in between
 // neither loses a record nor counts one twice.
 void recoverFrom(const std::string& folder) {
-    const std::string listPath = folder + "/" + MediaReadGuard::kListFileName;
-    std::vector<Entry> entries = loadList(listPath);
-    const std::size_t before = entries.size();
-    bool changed = false;
+    const std::vector<Entry> loaded = loadList(folder + "/" + MediaReadGuard::kListFileName);
+    std::vector<Entry> entries = loaded;
+    const std::vector<Entry> suspects = takeSuspects(entries);
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         const std::string crashedPath =
             takeSmallFile(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i));
         const std::string readingPath =
             takeSmallFile(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i));
         if (!crashedPath.empty() || !readingPath.empty()) {
-            strike(entries, crashedPath.empty() ? readingPath : crashedPath, !crashedPath.empty());
-            changed = true;
+            strike(entries, suspects, crashedPath.empty() ? readingPath : crashedPath,
+                   !crashedPath.empty());
         }
     }
     if (entries.size() > MediaReadGuard::kMaxListed) {
         entries.erase(entries.begin(), entries.end() - MediaReadGuard::kMaxListed);
     }
-    if (changed || entries.size() != before) {
-        storeList(listPath, entries);
+    if (entries != loaded) {
+        storeList(folder, entries);
     }
     for (const Entry& entry : entries) {
         if (entry.first >= MediaReadGuard::kStrikesToList) {

@@ -25,7 +25,8 @@ public:
     static constexpr int kMaxReaders = 8;
     // A file still being read when the process died without a crash signal
     // (SIGKILL from the out-of-memory killer, a power cut) is only a suspect:
-    // listed for good at its second time. A crash signal lists it at once.
+    // listed for good when it was being read at this many ends in a row (an
+    // end without it clears it). A crash signal lists it at once.
     static constexpr int kStrikesToList = 2;
     // Files remembered; the oldest entry goes first.
     static constexpr std::size_t kMaxListed = 32;

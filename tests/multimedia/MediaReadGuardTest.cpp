@@ -24,6 +24,10 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
         list += record(2, "/old/" + std::to_string(i));
     }
     list += record(1, "/d/suspect.mp4");
+    // A suspect of an earlier end that was not being read at this one is
+    // cleared: it was kept, and a second end while it was read, however much
+    // later, listed it (regression).
+    list += record(1, "/d/read-since.mp4");
     writeFile("/db/unreadable-media", list);
     writeFile("/db/reading-0", "/d/suspect.mp4");
     writeFile("/db/reading-1", "/d/first.mp4");
@@ -41,6 +45,7 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     const std::string stored = readFile("/db/unreadable-media");
     EXPECT_EQ(32 * 1u, std::count(stored.begin(), stored.end(), '\0'));
     EXPECT_NE(std::string::npos, stored.find(record(1, "/d/first.mp4")));
+    EXPECT_EQ(std::string::npos, stored.find("/d/read-since.mp4"));
     EXPECT_EQ("", readFile("/db/reading-0"));
     EXPECT_FALSE(std::ifstream(path("/db/crashed-2").c_str()).good());
 
