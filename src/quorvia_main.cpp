@@ -64,8 +64,14 @@ int main(int argc, char** argv) {
     }
     google::InstallFailureSignalHandler();
     // Lines are written by a thread of their own from here on, so that no
-    // request waits on syslog or a log file.
-    talvern::Log::sStartThread();
+    // request waits on syslog or a log file. Without it, this line is
+    // written at once.
+    try {
+        talvern::Log::sStartThread();
+    } catch (const std::exception& e) {
+        QLOG(ERROR) << "quorvia daemon can't start its logging thread: " << e.what();
+        leave(1);
+    }
     QLOG(WARNING) << "quorvia daemon started.";
 
     // The demuxers of this FFmpeg generation register themselves: there is no

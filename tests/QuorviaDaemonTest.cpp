@@ -154,6 +154,36 @@ TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
     EXPECT_EQ(DONE, ThriftClient::sCallQuorvia(UNMOUNT));
 }
 
+// Whichever thread can't start (a process limit, no memory for its stack),
+// the daemon ends with a line and status 1. Once, a worker that could not
+// start left it neither serving nor ending, and a logging thread that could
+// not start aborted it without a word (regressions).
+TEST_F(QuorviaDaemonTest, AThreadThatCantStartEndsTheDaemonWithALine) {
+    setenv("LD_PRELOAD", (std::string(QUORVIA_BINARY_DIR) + "/tests/libcrash_on_open.so").c_str(),
+           1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    int failing = 1;
+    for (;; ++failing) {
+        setenv("QUORVIA_FAIL_THREAD", std::to_string(failing).c_str(), 1);
+        DaemonProcess daemon;
+        ASSERT_TRUE(daemon.start(path(""), {"-d"}));
+        int status = -1;
+        ASSERT_TRUE(waitUntil([&] {
+            return (status = daemon.waitForExit(0)) != -1 ||
+                   RawConnection(ThriftClient::PORT_).connected();
+        })) << "thread "
+            << failing << " failed: the daemon neither serves nor ends";
+        if (status == -1) {
+            break;  // every thread it needs has started
+        }
+        EXPECT_EQ(1, status) << failing;
+        EXPECT_TRUE(daemonSaid("quorvia daemon can't")) << failing;
+    }
+    // The logging thread, the dispatcher's worker, the monitor thread and
+    // the three request workers.
+    EXPECT_EQ(7, failing);
+}
+
 // A file that crashes its reader ends the process once; the restarted
 // daemon answers for it as for a file it can't read and stays up.
 TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart) {

@@ -92,6 +92,11 @@ private:
     std::shared_ptr<TProcessor> processor_;
 };
 
+// A thread manager whose start failed: it counts the workers that never
+// started, and its destructor would wait for them for ever, so it is never
+// destroyed (the process is about to end).
+std::shared_ptr<ThreadManager>* gUnstartedManager = NULL;
+
 // Detached worker threads. The thread factory of this Thrift generation has
 // no scheduling policy, priority or stack size to set: the workers run with
 // the system's defaults.
@@ -99,7 +104,12 @@ std::shared_ptr<ThreadManager> makeStartedThreadManager() {
     std::shared_ptr<ThreadManager> threadManager = ThreadManager::newSimpleThreadManager(
         QuorviaServer::WORKER_COUNT_, QuorviaServer::PENDING_TASK_LIMIT_);
     threadManager->threadFactory(std::make_shared<ThreadFactory>(true));
-    threadManager->start();
+    try {
+        threadManager->start();
+    } catch (...) {
+        gUnstartedManager = new std::shared_ptr<ThreadManager>(threadManager);
+        throw;
+    }
     return threadManager;
 }
 

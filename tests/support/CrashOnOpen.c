@@ -2,12 +2,16 @@
  * QUORVIA_CRASH_ON_OPEN ends the process with SIGSEGV on the opening thread,
  * as a media library that crashes on that file would; so does making the
  * file named by QUORVIA_CRASH_ON_CREATE (an open with O_CREAT), as a death
- * at that moment would. It defines both open and open64, so the C library's
- * names must not be redirected to the 64-bit ones here. */
+ * at that moment would. The thread creation numbered QUORVIA_FAIL_THREAD
+ * (from 1) fails with EAGAIN, as under a process limit. It defines both open
+ * and open64, so the C library's names must not be redirected to the 64-bit
+ * ones here. */
 #undef _FILE_OFFSET_BITS
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -74,3 +78,18 @@ WRAP_OPENAT(openat)
 WRAP_OPENAT(openat64)
 WRAP_FOPEN(fopen)
 WRAP_FOPEN(fopen64)
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                   void* argument) {
+    static int (*real)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static int created;
+    const char* failing = getenv("QUORVIA_FAIL_THREAD");
+    if (failing != NULL && __atomic_add_fetch(&created, 1, __ATOMIC_SEQ_CST) == atoi(failing)) {
+        return EAGAIN;
+    }
+    if (real == NULL) {
+        real = (int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))dlsym(
+            RTLD_NEXT, "pthread_create");
+    }
+    return real(thread, attributes, run, argument);
+}

@@ -88,15 +88,17 @@ public:
     // Exit status of a daemon that ends by itself within timeoutSeconds; -1
     // when it is still running.
     int waitForExit(int timeoutSeconds) {
-        for (int i = 0; i < timeoutSeconds * 100; ++i) {
+        for (int i = 0;; ++i) {
             int status = 0;
             if (waitpid(pid_, &status, WNOHANG) == pid_) {
                 pid_ = -1;
                 return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             }
+            if (i >= timeoutSeconds * 100) {
+                return -1;
+            }
             usleep(10 * 1000);
         }
-        return -1;
     }
 
     pid_t pid() const { return pid_; }
