@@ -12,9 +12,11 @@
 
 #include <exception>
 #include <memory>
+#include <string>
 
 #include "multimedia/MediaReadGuard.h"
 #include "multimedia/QuorviaManager.h"
+#include "storage/Directory.h"
 #include "system/ConfigInfo.h"
 #include "system/Log.h"
 #include "thriftwrapper/QuorviaHandler.h"
@@ -48,6 +50,14 @@ void keepStandardDescriptorsOpen() {
     }
 }
 
+// The store's folder, where the media-read markers are kept; "" (no
+// markers yet) while a link planted on the disk leads it elsewhere.
+std::string markerFolder() {
+    talvern::ConfigInfo* const config = talvern::ConfigInfo::sGetInstance();
+    const std::string folder = config->getDatabaseRootPath();
+    return talvern::Directory::sHasLinkBelow(config->getUserdiskDataPath(), folder) ? "" : folder;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -79,8 +89,7 @@ int main(int argc, char** argv) {
 
     // A media file that crashed the last run is not read again. The store's
     // folder is looked at by the first read, once a request made it.
-    talvern::MediaReadGuard::sRecover(
-        [] { return talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath(); });
+    talvern::MediaReadGuard::sRecover(&markerFolder);
 
     // A thread that can't start or a port that is taken ends the process
     // with one line that names the cause and a non-zero status, rather than

@@ -8,14 +8,15 @@
 
 #include "multimedia/QuorviaDBMgrSql.h"
 #include "multimedia/SqliteFileStatus.h"
+#include "storage/Directory.h"
 #include "storage/FileStatus.h"
 #include "system/DeviceMountInfo.h"
 #include "system/Log.h"
 
 namespace quorvia {
 
-QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath)
-    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false) {
+QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath, const std::string& diskFolder)
+    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false), diskFolder_(diskFolder) {
     setNames(dbPath);
     init();
 }
@@ -106,8 +107,15 @@ bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
-    const int rc =
-        sqlite3_open_v2(dbPath_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
+    // A link planted on the disk would make SQLite create or write a
+    // database wherever it leads.
+    const bool planted = talvern::Directory::sHasLinkBelow(diskFolder_, dbPath_);
+    if (planted) {
+        QLOG(ERROR) << "a link on the path of " << dbPath_ << " is not followed";
+    }
+    const int rc = planted ? SQLITE_CANTOPEN
+                           : sqlite3_open_v2(dbPath_.c_str(), &db_,
+                                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
     if (rc == SQLITE_OK) {
         // Other processes may read the file; without a wait each of their
         // reads makes a concurrent delete or move fail and its row stay.

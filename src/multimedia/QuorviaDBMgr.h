@@ -47,8 +47,10 @@ public:
     static QuorviaDBMgr& sGetInstance();
 
     // A store on a database file of the caller's choosing (tools and tests);
-    // opened at construction like the daemon's.
-    explicit QuorviaDBMgr(const std::string& dbPath);
+    // opened at construction like the daemon's. Below diskFolder (a folder on
+    // dbPath, or "") lies a user's disk: a link there is not followed, the
+    // store is not opened.
+    explicit QuorviaDBMgr(const std::string& dbPath, const std::string& diskFolder = "");
     virtual ~QuorviaDBMgr();
 
     // ---- Lifecycle and schema ----
@@ -156,6 +158,7 @@ private:
     bool fileLossLogged_;
     std::string dbName_;
     std::string dbPath_;
+    std::string diskFolder_;
     std::string mainTableName_;
     std::string keyvaluePairsTableName_;
     std::string dbVersionKey_;

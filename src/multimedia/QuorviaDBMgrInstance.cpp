@@ -11,7 +11,11 @@ QuorviaDBMgr& QuorviaDBMgr::sGetInstance() {
     return instance;
 }
 
-QuorviaDBMgr::QuorviaDBMgr() : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false) {
+QuorviaDBMgr::QuorviaDBMgr()
+    : db_(NULL),
+      fileIdentity_(0, 0),
+      fileLossLogged_(false),
+      diskFolder_(talvern::ConfigInfo::sGetInstance()->getUserdiskDataPath()) {
     setNames(talvern::ConfigInfo::sGetInstance()->getDatabaseRootPath() + "/quorvia.db");
     init();
 }

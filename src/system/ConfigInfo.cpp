@@ -292,8 +292,11 @@ std::string ConfigInfo::getFormattedStorageRoot() {
     return formattedStorageRoot_;
 }
 
+// Not made through a link planted on the disk, which would lead it elsewhere.
 std::string ConfigInfo::getDatabaseRootPath() {
-    makeIfMissing(databaseRootPath_);
+    if (!Directory::sHasLinkBelow(userdiskDataPath_, databaseRootPath_)) {
+        makeIfMissing(databaseRootPath_);
+    }
     return databaseRootPath_;
 }
 

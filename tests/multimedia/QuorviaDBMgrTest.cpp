@@ -106,6 +106,8 @@ TEST_F(QuorviaDBMgrTest, OtherVersionDropsAllRowsOnceNonNumericVersionKeepsThem)
     }
 }
 
+// So does one whose path leads through a link planted on the disk: once, it
+// made or overwrote a database wherever the link led (regression).
 TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietly) {
     QuorviaDBMgr missing(root() + "/missing/dir/quorvia.db");
     EXPECT_TRUE(log_.contains("Can't open database: " + root(), google::GLOG_ERROR));
@@ -113,7 +115,14 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
     closed.closeDB();
     closed.closeDB();
     EXPECT_EQ(1, log_.count("sqlite3_close return 0", google::GLOG_INFO));
-    for (QuorviaDBMgr* store : {&missing, &closed}) {
+    for (const char* folder : {"/disk", "/disk/linked", "/elsewhere"}) {
+        ASSERT_EQ(0, mkdir(path(folder).c_str(), 0755));
+    }
+    ASSERT_EQ(0, symlink("../elsewhere", path("/disk/folder").c_str()));
+    ASSERT_EQ(0, symlink(path("/elsewhere/db").c_str(), path("/disk/linked/quorvia.db").c_str()));
+    QuorviaDBMgr linkedFolder(path("/disk/folder/quorvia.db"), path("/disk"));
+    QuorviaDBMgr linkedFile(path("/disk/linked/quorvia.db"), path("/disk"));
+    for (QuorviaDBMgr* store : {&missing, &closed, &linkedFolder, &linkedFile}) {
         EXPECT_FALSE(store->insertToDB(row("h", "/p")));
         metadata_s metadata;
         metadata.title = "kept";
@@ -126,6 +135,7 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
         EXPECT_EQ("", store->doGetFileHash("/p"));
         EXPECT_FALSE(store->isExistsFileByHash("h"));
     }
+    EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/elsewhere")));
 }
 
 // A disk remounted read-only (the router's answer to a file system error)
