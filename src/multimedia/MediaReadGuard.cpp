@@ -15,6 +15,7 @@
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <iterator>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +34,9 @@ namespace {
 
 // A listed file and how often it was being read when the process died.
 typedef std::pair<int, std::string> Entry;
+// A stored list is no longer than its entries can be: a count, a tab, a path
+// and a NUL each.
+const std::size_t kMaxListBytes = MediaReadGuard::kMaxListed * (PATH_MAX + 16);
 
 // One reader's marker. The names are kept as plain characters because the
 // crash hook may use nothing else.
@@ -116,15 +120,20 @@ void hookSignals() {
     }
 }
 
-// Content of a small regular file that is no link, or "" (then removed).
-std::string takeSmallFile(const std::string& path) {
+// Content of a regular file that is no link, at most limit bytes of it; ""
+// otherwise. The folder lies on the user's disk: a FIFO, a device or a link
+// planted there must neither hold nor flood the first read.
+std::string readRegularFile(const std::string& path, std::size_t limit) {
     std::string content;
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     FileStatus status;
     if (fd >= 0 && FileStatus::sOfDescriptor(fd, status) == 0 && status.isRegular()) {
-        char buffer[PATH_MAX];
-        const ssize_t got = read(fd, buffer, sizeof(buffer));
-        content.assign(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+        char buffer[4096];
+        ssize_t got;
+        while (content.size() < limit &&
+               (got = read(fd, buffer, std::min(sizeof(buffer), limit - content.size()))) > 0) {
+            content.append(buffer, static_cast<std::size_t>(got));
+        }
     }
     if (fd >= 0) {
         close(fd);
@@ -132,25 +141,10 @@ std::string takeSmallFile(const std::string& path) {
     return content;
 }
 
-std::string readAll(const std::string& path) {
-    std::string content;
-    FILE* in = fopen(path.c_str(), "rbe");
-    if (in == NULL) {
-        return content;
-    }
-    char buffer[4096];
-    std::size_t got;
-    while ((got = fread(buffer, 1, sizeof(buffer), in)) > 0) {
-        content.append(buffer, got);
-    }
-    fclose(in);
-    return content;
-}
-
 // Records "strikes<TAB>path<NUL>": a path may hold any byte but NUL.
 std::vector<Entry> loadList(const std::string& path) {
     std::vector<Entry> entries;
-    const std::string content = readAll(path);
+    const std::string content = readRegularFile(path, kMaxListBytes);
     std::size_t start = 0;
     std::size_t end;
     while ((end = content.find('\0', start)) != std::string::npos) {
@@ -168,7 +162,7 @@ std::vector<Entry> loadList(const std::string& path) {
 // name is replaced, never written through. Synced, and its folder too: the
 // markers it takes the place of go next, and a power cut must not find
 // them gone and the list not yet written.
-void storeList(const std::string& folder, const std::vector<Entry>& entries) {
+bool storeList(const std::string& folder, const std::vector<Entry>& entries) {
     const std::string path = folder + "/" + MediaReadGuard::kListFileName;
     std::string content;
     for (const Entry& entry : entries) {
@@ -180,12 +174,14 @@ void storeList(const std::string& folder, const std::vector<Entry>& entries) {
         fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size() &&
         replacement.commit(true);
     const int folderFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (!written || folderFd < 0 || fsync(folderFd) != 0) {
+    const bool stored = written && folderFd >= 0 && fsync(folderFd) == 0;
+    if (!stored) {
         QLOG(ERROR) << "can't store the list of unreadable media in " << path;
     }
     if (folderFd >= 0) {
         close(folderFd);
     }
+    return stored;
 }
 
 // Suspects of earlier ends, taken out of entries: only a file being read at
@@ -201,19 +197,18 @@ std::vector<Entry> takeSuspects(std::vector<Entry>& entries) {
     return suspects;
 }
 
-// One more strike for path than it had as a suspect (or as many as listing
-// takes); the entry goes to the end, the newest place.
+// One more strike for path than it had (or as many as listing takes); the
+// entry goes to the end, the newest place.
 void strike(std::vector<Entry>& entries, const std::vector<Entry>& suspects,
             const std::string& path, bool crashed) {
-    int strikes = 0;
-    for (const Entry& suspect : suspects) {
-        if (suspect.second == path) {
-            strikes = suspect.first;
-        }
+    const auto named = [&path](const Entry& entry) { return entry.second == path; };
+    const auto suspect = std::find_if(suspects.begin(), suspects.end(), named);
+    int strikes = suspect == suspects.end() ? 0 : suspect->first;
+    const auto listed = std::find_if(entries.begin(), entries.end(), named);
+    if (listed != entries.end()) {
+        strikes = std::max(strikes, listed->first);
+        entries.erase(listed);
     }
-    entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                 [&path](const Entry& entry) { return entry.second == path; }),
-                  entries.end());
     strikes = crashed ? MediaReadGuard::kStrikesToList
                       : std::min(strikes + 1, MediaReadGuard::kStrikesToList);
     if (crashed) {
@@ -270,33 +265,48 @@ std::string markerName(const std::string& folder, const char* prefix, int slot) 
     return folder + "/" + prefix + std::to_string(slot);
 }
 
+// The files the last run's markers in folder name: each being read at its
+// end, and whether it crashed the daemon. A file that two threads were
+// reading counts once.
+std::map<std::string, bool> endedReads(const std::string& folder) {
+    std::map<std::string, bool> ended;
+    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
+        const std::string crashed =
+            readRegularFile(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i), PATH_MAX);
+        const std::string reading =
+            readRegularFile(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i), PATH_MAX);
+        if (!crashed.empty()) {
+            ended[crashed] = true;
+        }
+        if (!reading.empty()) {
+            ended.insert(std::make_pair(reading, false));
+        }
+    }
+    return ended;
+}
+
 // The last run's markers in folder become strikes, stored before the
 // markers go, all of them before this run's are made: a death in between
-// neither loses a record nor counts one twice.
+// loses no record (it may count the markers again, which lists a suspect
+// one end early). Without the list stored the markers are the only record:
+// they stay, and this run reads unmarked.
 void recoverFrom(const std::string& folder) {
     const std::vector<Entry> loaded = loadList(folder + "/" + MediaReadGuard::kListFileName);
     std::vector<Entry> entries = loaded;
     const std::vector<Entry> suspects = takeSuspects(entries);
-    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
-        const std::string crashedPath =
-            takeSmallFile(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i));
-        const std::string readingPath =
-            takeSmallFile(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i));
-        if (!crashedPath.empty() || !readingPath.empty()) {
-            strike(entries, suspects, crashedPath.empty() ? readingPath : crashedPath,
-                   !crashedPath.empty());
-        }
+    for (const auto& ended : endedReads(folder)) {
+        strike(entries, suspects, ended.first, ended.second);
     }
     if (entries.size() > MediaReadGuard::kMaxListed) {
         entries.erase(entries.begin(), entries.end() - MediaReadGuard::kMaxListed);
-    }
-    if (entries != loaded) {
-        storeList(folder, entries);
     }
     for (const Entry& entry : entries) {
         if (entry.first >= MediaReadGuard::kStrikesToList) {
             gListed.push_back(entry.second);
         }
+    }
+    if (entries != loaded && !storeList(folder, entries)) {
+        return;
     }
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         unlink(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i).c_str());

@@ -1,4 +1,5 @@
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,9 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     writeFile("/db/reading-0", "/d/suspect.mp4");
     writeFile("/db/reading-1", "/d/first.mp4");
     writeFile("/db/crashed-2", "/d/crash.jpg");
+    // Read by another thread too: the crash counts (regression: it was a
+    // suspect only, and read again).
+    writeFile("/db/reading-3", "/d/crash.jpg");
     MediaReadGuard::sRecover([this] { return path("/db"); });
 
     EXPECT_FALSE(MediaReadGuard("/d/suspect.mp4").admitted());
@@ -75,6 +79,27 @@ TEST_F(MediaReadGuardTest, AnOrderlyStopIsNoStrikeRegression) {
         },
         ::testing::ExitedWithCode(3), "");
     EXPECT_EQ("", readFile("/db/reading-0") + readFile("/db/reading-1"));
+}
+
+// The list lies on the user's disk. A FIFO planted at its name held the
+// first read for ever; a folder there made the list unstorable, and the
+// markers went all the same, and with them the crash record (regressions).
+TEST_F(MediaReadGuardTest, AListThatIsNoFileNeitherHoldsTheReadNorLosesARecordRegression) {
+    ASSERT_EQ(0, mkdir(path("/fifo").c_str(), 0755));
+    ASSERT_EQ(0, mkfifo(path("/fifo/unreadable-media").c_str(), 0644));
+    EXPECT_EXIT(
+        {
+            alarm(10);
+            MediaReadGuard::sRecover([this] { return path("/fifo"); });
+            _exit(MediaReadGuard("/d/any.mp4").admitted() ? 3 : 4);
+        },
+        ::testing::ExitedWithCode(3), "");
+
+    writeFile("/db/unreadable-media/in-the-way", "");
+    writeFile("/db/crashed-0", "/d/crash.mp4");
+    MediaReadGuard::sRecover([this] { return path("/db"); });
+    EXPECT_FALSE(MediaReadGuard("/d/crash.mp4").admitted());
+    EXPECT_EQ("/d/crash.mp4", readFile("/db/crashed-0"));
 }
 
 }  // namespace
