@@ -34,24 +34,56 @@ std::string extensionOf(const std::string& path) {
     return CommonUtils::sToLower(path.substr(dot + 1));
 }
 
-// convert's input and output: a target of the source's own extension keeps
-// its format and every frame; another extension names the format, which gets
-// the first frame only (a JPEG holds one).
+// An extension that ImageMagick may take as a format's name: letters and
+// digits only, nothing it would read as syntax.
+bool isFormatName(const std::string& extension) {
+    for (char c : extension) {
+        if (!isalnum(static_cast<unsigned char>(c))) {
+            return false;
+        }
+    }
+    return !extension.empty();
+}
+
+// convert's output, and the input as identify read it: a target of the
+// source's own extension keeps its format and every frame; another
+// extension names the format, which gets the first frame only (a JPEG holds
+// one).
 void convertEnds(const std::string& source, const std::string& target, std::string& input,
                  std::string& output) {
     const std::string extension = extensionOf(target);
-    input = kSourceName;
     output = "/dev/stdout";
-    if (extension.empty() || extension == extensionOf(source)) {
+    if (extension == extensionOf(source) || !isFormatName(extension)) {
         return;
-    }
-    for (char c : extension) {
-        if (!isalnum(static_cast<unsigned char>(c))) {
-            return;
-        }
     }
     input += "[0]";
     output = extension + ":" + output;
+}
+
+// identify's output for the source, read as standard input under the name
+// input; false when identify could not be run. ImageMagick tells most
+// formats by their first bytes, but some (TGA, ICO) only by a name's
+// extension, which standard input has not: a source it can't tell (no
+// output) is tried once more as its extension's format, and input says so.
+bool identify(const std::string& source, const std::string& quotedSource, std::string& input,
+              std::string& output) {
+    input = kSourceName;
+    if (!CommonUtils::sCallSystem("identify " + input + " < " + quotedSource, output)) {
+        return false;
+    }
+    if (!output.empty() || !isFormatName(extensionOf(source))) {
+        return true;
+    }
+    input = extensionOf(source) + ":" + kSourceName;
+    if (!CommonUtils::sCallSystem("identify " + input + " < " + quotedSource, output)) {
+        return false;
+    }
+    // "tga:/dev/stdin=>/dev/stdin TGA 800x600 ...": what it was read as first.
+    const std::string readAs = input + "=>";
+    if (output.compare(0, readAs.size(), readAs) == 0) {
+        output.erase(0, readAs.size());
+    }
+    return true;
 }
 
 // A file that convert left empty is no thumbnail.
@@ -127,9 +159,9 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     // Both names go to the shell only, inside double quotes with ", \, $ and `
     // escaped, so no name can end the quotes or run a command.
     const std::string quotedSource = sQuoteForShell(source);
+    std::string input;
     std::string output;
-    if (!CommonUtils::sCallSystem(std::string("identify ") + kSourceName + " < " + quotedSource,
-                                  output)) {
+    if (!identify(source, quotedSource, input, output)) {
         QLOG(INFO) << "identify fail. ";
         return kResizeFailed;
     }
@@ -151,7 +183,6 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
         QLOG(INFO) << "resize image, can't write beside " << target;
         return kResizeFailed;
     }
-    std::string input;
     std::string written;
     convertEnds(source, target, input, written);
     std::ostringstream command;

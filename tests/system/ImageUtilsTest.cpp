@@ -38,6 +38,10 @@ TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
     ASSERT_EQ(0, rename("small.jpg", "photo.jfif"));
     EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("photo.jfif", "t.jfif", 40, 30));
     EXPECT_EQ(0u, readFile("/t.jfif").find("\xFF\xD8\xFF"));
+    // A format known by its name alone was refused (regression).
+    ASSERT_TRUE(makeImage("-size 800x600 xc:red", root() + "/photo.tga"));
+    EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("photo.tga", "t.jpg", 400, 300));
+    EXPECT_EQ("400x300", geometryOf(root() + "/t.jpg"));
 }
 
 // Stand-ins for identify and convert first on PATH: identify prints the file
