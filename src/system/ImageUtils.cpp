@@ -60,18 +60,31 @@ void convertEnds(const std::string& source, const std::string& target, std::stri
     output = extension + ":" + output;
 }
 
+// Picture formats that ImageMagick tells only by a name's extension, not by
+// their first bytes. Only these are named for a source: a name picks any of
+// its coders, and some of those read other files (a playlist, an SVG, an
+// MVG script) or run other programs.
+bool isNamedOnlyFormat(const std::string& extension) {
+    static const char* const kFormats[] = {"tga", "icb", "vda", "vst", "ico", "cur", "wbmp"};
+    for (const char* format : kFormats) {
+        if (extension == format) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // identify's output for the source, read as standard input under the name
-// input; false when identify could not be run. ImageMagick tells most
-// formats by their first bytes, but some (TGA, ICO) only by a name's
-// extension, which standard input has not: a source it can't tell (no
-// output) is tried once more as its extension's format, and input says so.
+// input; false when identify could not be run. A source in a format known
+// by name only gives no output, and is tried once more as that format;
+// input says so.
 bool identify(const std::string& source, const std::string& quotedSource, std::string& input,
               std::string& output) {
     input = kSourceName;
     if (!CommonUtils::sCallSystem("identify " + input + " < " + quotedSource, output)) {
         return false;
     }
-    if (!output.empty() || !isFormatName(extensionOf(source))) {
+    if (!output.empty() || !isNamedOnlyFormat(extensionOf(source))) {
         return true;
     }
     input = extensionOf(source) + ":" + kSourceName;

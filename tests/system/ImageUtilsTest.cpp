@@ -38,10 +38,13 @@ TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
     ASSERT_EQ(0, rename("small.jpg", "photo.jfif"));
     EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("photo.jfif", "t.jfif", 40, 30));
     EXPECT_EQ(0u, readFile("/t.jfif").find("\xFF\xD8\xFF"));
-    // A format known by its name alone was refused (regression).
+    // A format known by its name alone was refused (regression); a name
+    // picks no other coder, such as one that reads the files a script names.
     ASSERT_TRUE(makeImage("-size 800x600 xc:red", root() + "/photo.tga"));
     EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("photo.tga", "t.jpg", 400, 300));
     EXPECT_EQ("400x300", geometryOf(root() + "/t.jpg"));
+    writeAll(root() + "/script.mvg", "\nviewbox 0 0 400 300 image over 0,0 0,0 'photo.tga'\n");
+    EXPECT_EQ(ImageUtils::kResizeFailed, ImageUtils().resizeImage("script.mvg", "s.jpg", 40, 30));
 }
 
 // Stand-ins for identify and convert first on PATH: identify prints the file
