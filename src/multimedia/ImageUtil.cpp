@@ -1,12 +1,12 @@
 #include "multimedia/ImageUtil.h"
 
 #include <libexif/exif-data.h>
-#include <libexif/exif-loader.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 
+#include "multimedia/Metadata.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/FileStatus.h"
@@ -221,20 +221,7 @@ int ImageUtil::getExifData(const std::string& path, _ExifData*& exifData) {
         QLOG(ERROR) << "get thumbnail from exif, path " << path << " not exist";
         return -2;
     }
-    // The loader is fed from our own descriptor (no FIFO blocks it) and stops
-    // asking once it holds the EXIF block; anything else gives no data.
-    ExifLoader* loader = exif_loader_new();
-    FILE* file = File::sOpenRegularFile(path);
-    if (file != NULL) {
-        unsigned char block[1024];
-        size_t got = 0;
-        while ((got = std::fread(block, 1, sizeof block, file)) > 0 &&
-               exif_loader_write(loader, block, static_cast<unsigned int>(got)) != 0) {
-        }
-        std::fclose(file);
-    }
-    ExifData* data = exif_loader_get_data(loader);
-    exif_loader_unref(loader);
+    ExifData* data = Metadata::sLoadExif(path);
     if (data != NULL && data->size != 0 && data->data != NULL) {
         exifData = data;
         return 0;

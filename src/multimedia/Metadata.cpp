@@ -28,11 +28,6 @@ const int kExifValueSize = 1024;
 const int kFirstBelievableTmYear = 80;
 // Chunk fed to the EXIF loader; it stops asking once it has the block.
 const size_t kExifReadChunk = 4096;
-// How far into a file the EXIF block is looked for: it follows the start of
-// the image and the other application blocks (JFIF, XMP, an ICC profile),
-// a few hundred KiB at most. The loader takes runs of 0xFF as padding for
-// as long as they last: 300 MB of them held a worker for 8 s.
-const size_t kMaxExifScanBytes = 512 << 10;
 
 // The MIME type a name's suffix tells; no dot needed. true for JPEG.
 bool imageMimeOf(const std::string& name, std::string& mime) {
@@ -54,10 +49,19 @@ bool imageMimeOf(const std::string& name, std::string& mime) {
     return false;
 }
 
-// The EXIF block of a regular file, or NULL. The file is opened without
-// blocking and checked before any read, so a FIFO, a device or a directory
-// given as a JPEG can't stall a worker.
-ExifData* loadExif(const std::string& path) {
+// DateTimeOriginal, else DateTimeDigitized, of the EXIF sub-directory.
+ExifEntry* exifDateEntry(ExifData* data) {
+    ExifContent* content = data->ifd[EXIF_IFD_EXIF];
+    ExifEntry* entry = exif_content_get_entry(content, EXIF_TAG_DATE_TIME_ORIGINAL);
+    if (entry == NULL) {
+        entry = exif_content_get_entry(content, EXIF_TAG_DATE_TIME_DIGITIZED);
+    }
+    return entry;
+}
+
+}  // namespace
+
+ExifData* Metadata::sLoadExif(const std::string& path) {
     MediaReadGuard guard(path);
     if (!guard.admitted()) {
         return NULL;
@@ -84,18 +88,6 @@ ExifData* loadExif(const std::string& path) {
     return data;
 }
 
-// DateTimeOriginal, else DateTimeDigitized, of the EXIF sub-directory.
-ExifEntry* exifDateEntry(ExifData* data) {
-    ExifContent* content = data->ifd[EXIF_IFD_EXIF];
-    ExifEntry* entry = exif_content_get_entry(content, EXIF_TAG_DATE_TIME_ORIGINAL);
-    if (entry == NULL) {
-        entry = exif_content_get_entry(content, EXIF_TAG_DATE_TIME_DIGITIZED);
-    }
-    return entry;
-}
-
-}  // namespace
-
 int Metadata::getImageMetadata(const std::string& path, const std::string& name,
                                long defaultModifyTime, metadata_s& metadata,
                                const std::string& hash, bool viaThrift) {
@@ -109,7 +101,7 @@ int Metadata::getImageMetadata(const std::string& path, const std::string& name,
         return 0;
     }
     QLOG(INFO) << "get image metadata , path is " << path;
-    ExifData* data = loadExif(path);
+    ExifData* data = sLoadExif(path);
     if (data == NULL) {
         QLOG(ERROR) << path << " exif_data is NULL";
         return -1;

@@ -1,7 +1,10 @@
 #ifndef QUORVIA_MULTIMEDIA_METADATA_H
 #define QUORVIA_MULTIMEDIA_METADATA_H
 
+#include <cstddef>
 #include <string>
+
+struct _ExifData;
 
 namespace talvern {
 
@@ -29,6 +32,12 @@ class Metadata {
 public:
     // Longest time one media file may take to open and probe.
     static constexpr int kOpenDeadlineSeconds = 10;
+    // How far into a file the EXIF block is looked for: it follows the start
+    // of the image and the other application blocks (JFIF, XMP, an ICC
+    // profile), a few hundred KiB at most. The loader takes runs of 0xFF as
+    // padding for as long as they last (300 MB of them held a worker for
+    // 8 s), and a camera raw header may place the block 4 GiB in.
+    static constexpr size_t kMaxExifScanBytes = 512 << 10;
 
     virtual ~Metadata() {}
 
@@ -62,6 +71,12 @@ public:
     static int getVideoMetadataViaThrift(const std::string& path, const std::string& hash,
                                          const std::string& name, long defaultModifyTime,
                                          metadata_s& metadata);
+
+    // The EXIF block of a regular file, or NULL; the caller releases it with
+    // exif_data_unref. The file is opened without blocking and checked before
+    // any read (a FIFO, a device or a directory can't stall the caller), and
+    // read no further than kMaxExifScanBytes, whatever the file declares.
+    static _ExifData* sLoadExif(const std::string& path);
 
     // Replaces metadata.date when it is 0 or before 1980: by defaultModifyTime
     // when that is not 0, else by the file's modification time.

@@ -58,6 +58,12 @@ bool magickFindsItsCoders() {
 
 class ImageUtilThumbnailTest : public DeviceRootTest {
 protected:
+    // Bytes this process has read so far.
+    static long long bytesRead() {
+        const std::string io = slurp("/proc/self/io");
+        return atoll(io.c_str() + io.find("rchar:") + 6);
+    }
+
     virtual void SetUp() {
         DeviceRootTest::SetUp();
         dir_ = root() + "/photos";
@@ -246,6 +252,15 @@ TEST_F(ImageUtilThumbnailTest, RequestsThatCannotSucceedFailAndWriteNothing) {
     EXPECT_EQ(-1, util_.getThumbnail(plain, thumb, THUMBNAIL_SMALL, "", 0));
     EXPECT_FALSE(exists(smallRoot_ + plain));
     EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/gone.jpg", thumb, THUMBNAIL_SMALL, "", 0));
+    // A camera raw header may place its EXIF block 4 GiB in: once, every
+    // byte up to there was read (regression).
+    std::string raw = "FUJIFILM" + std::string(92, '\0');
+    raw.replace(84, 4, "\xFF\xFF\xFF\xF0");
+    writeAll(dir_ + "/raw.jpg", raw);
+    ASSERT_EQ(0, truncate((dir_ + "/raw.jpg").c_str(), 0xFFFFFFF0LL + 4096));
+    const long long before = bytesRead();
+    EXPECT_EQ(-1, util_.getThumbnail(dir_ + "/raw.jpg", thumb, THUMBNAIL_SMALL, "", 0));
+    EXPECT_LT(bytesRead() - before, 8 << 20);
 
     const std::string source = photo("a.jpg", 64, 48, false, 1);
     const std::string climbing = dir_ + "/../../../../../../../../../../../.." + source;
