@@ -86,6 +86,27 @@ bool isFrozen(const std::string& dbPath) {
            (log == ENOENT || (log == 0 && status.size == 0));
 }
 
+// The store's file and the files SQLite keeps beside it: the log, the
+// log's index, a journal.
+const char* const kStoreFileSuffixes[] = {"", "-wal", "-shm", "-journal"};
+
+// Planted on the disk, a link on the store's path below diskFolder, or at one
+// of its files a device or a second name of a file elsewhere, would make
+// SQLite create or write a database where it leads.
+bool isPlanted(const std::string& dbPath, const std::string& diskFolder) {
+    if (talvern::Directory::sHasLinkBelow(diskFolder, dbPath)) {
+        return true;
+    }
+    for (const char* suffix : kStoreFileSuffixes) {
+        talvern::FileStatus status;
+        if (talvern::FileStatus::sOfPath(dbPath + suffix, status, false) == 0 &&
+            (!status.isRegular() || status.links != 1)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool isReadable(sqlite3* db) {
     sqlite3_stmt* stmt = NULL;
     const bool readable = sqlite3_prepare_v2(db, "SELECT count(*) FROM sqlite_master;", -1, &stmt,
@@ -107,11 +128,10 @@ bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
-    // A link planted on the disk would make SQLite create or write a
-    // database wherever it leads.
-    const bool planted = talvern::Directory::sHasLinkBelow(diskFolder_, dbPath_);
+    const bool planted = isPlanted(dbPath_, diskFolder_);
     if (planted) {
-        QLOG(ERROR) << "a link on the path of " << dbPath_ << " is not followed";
+        QLOG(ERROR) << "the store " << dbPath_
+                    << " leads through a link or to no file of its own; not opened";
     }
     const int rc = planted ? SQLITE_CANTOPEN
                            : sqlite3_open_v2(dbPath_.c_str(), &db_,

@@ -106,8 +106,9 @@ TEST_F(QuorviaDBMgrTest, OtherVersionDropsAllRowsOnceNonNumericVersionKeepsThem)
     }
 }
 
-// So does one whose path leads through a link planted on the disk: once, it
-// made or overwrote a database wherever the link led (regression).
+// So does one whose path leads through a link planted on the disk, or one
+// whose files include a second name of a file elsewhere: once, it made or
+// overwrote a database wherever they led (regressions).
 TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietly) {
     QuorviaDBMgr missing(root() + "/missing/dir/quorvia.db");
     EXPECT_TRUE(log_.contains("Can't open database: " + root(), google::GLOG_ERROR));
@@ -115,14 +116,18 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
     closed.closeDB();
     closed.closeDB();
     EXPECT_EQ(1, log_.count("sqlite3_close return 0", google::GLOG_INFO));
-    for (const char* folder : {"/disk", "/disk/linked", "/elsewhere"}) {
+    for (const char* folder : {"/disk", "/disk/linked", "/disk/named", "/elsewhere"}) {
         ASSERT_EQ(0, mkdir(path(folder).c_str(), 0755));
     }
     ASSERT_EQ(0, symlink("../elsewhere", path("/disk/folder").c_str()));
     ASSERT_EQ(0, symlink(path("/elsewhere/db").c_str(), path("/disk/linked/quorvia.db").c_str()));
+    writeFile("/elsewhere/precious", "kept");
+    ASSERT_EQ(
+        0, link(path("/elsewhere/precious").c_str(), path("/disk/named/quorvia.db-shm").c_str()));
     QuorviaDBMgr linkedFolder(path("/disk/folder/quorvia.db"), path("/disk"));
     QuorviaDBMgr linkedFile(path("/disk/linked/quorvia.db"), path("/disk"));
-    for (QuorviaDBMgr* store : {&missing, &closed, &linkedFolder, &linkedFile}) {
+    QuorviaDBMgr secondName(path("/disk/named/quorvia.db"), path("/disk"));
+    for (QuorviaDBMgr* store : {&missing, &closed, &linkedFolder, &linkedFile, &secondName}) {
         EXPECT_FALSE(store->insertToDB(row("h", "/p")));
         metadata_s metadata;
         metadata.title = "kept";
@@ -135,7 +140,8 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
         EXPECT_EQ("", store->doGetFileHash("/p"));
         EXPECT_FALSE(store->isExistsFileByHash("h"));
     }
-    EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/elsewhere")));
+    EXPECT_EQ("precious\n", quorvia_test::capture("ls -A " + path("/elsewhere")));
+    EXPECT_EQ("kept", readFile("/elsewhere/precious"));
 }
 
 // A disk remounted read-only (the router's answer to a file system error)
