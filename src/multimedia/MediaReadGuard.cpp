@@ -267,8 +267,8 @@ std::string markerName(const std::string& folder, const char* prefix, int slot) 
 
 // The files the last run's markers in folder name: each being read at its
 // end, and whether it crashed the daemon. A file that two threads were
-// reading counts once.
-std::map<std::string, bool> endedReads(const std::string& folder) {
+// reading counts once. named tells the slots whose markers name a file.
+std::map<std::string, bool> endedReads(const std::string& folder, std::vector<bool>& named) {
     std::map<std::string, bool> ended;
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         const std::string crashed =
@@ -281,6 +281,7 @@ std::map<std::string, bool> endedReads(const std::string& folder) {
         if (!reading.empty()) {
             ended.insert(std::make_pair(reading, false));
         }
+        named.push_back(!crashed.empty() || !reading.empty());
     }
     return ended;
 }
@@ -288,13 +289,15 @@ std::map<std::string, bool> endedReads(const std::string& folder) {
 // The last run's markers in folder become strikes, stored before the
 // markers go, all of them before this run's are made: a death in between
 // loses no record (it may count the markers again, which lists a suspect
-// one end early). Without the list stored the markers are the only record:
-// they stay, and this run reads unmarked.
+// one end early). Without the list stored the markers are the only record
+// of the last end: they stay, and this run marks its reads in the slots
+// they leave free.
 void recoverFrom(const std::string& folder) {
     const std::vector<Entry> loaded = loadList(folder + "/" + MediaReadGuard::kListFileName);
     std::vector<Entry> entries = loaded;
     const std::vector<Entry> suspects = takeSuspects(entries);
-    for (const auto& ended : endedReads(folder)) {
+    std::vector<bool> named;
+    for (const auto& ended : endedReads(folder, named)) {
         strike(entries, suspects, ended.first, ended.second);
     }
     if (entries.size() > MediaReadGuard::kMaxListed) {
@@ -305,15 +308,14 @@ void recoverFrom(const std::string& folder) {
             gListed.push_back(entry.second);
         }
     }
-    if (entries != loaded && !storeList(folder, entries)) {
-        return;
-    }
-    for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
+    const bool stored = entries == loaded || storeList(folder, entries);
+    for (int i = 0; stored && i < MediaReadGuard::kMaxReaders; ++i) {
         unlink(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i).c_str());
         unlink(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i).c_str());
     }
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
-        if (openMarker(gSlots[gSlotCount],
+        if ((stored || !named[i]) &&
+            openMarker(gSlots[gSlotCount],
                        markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i),
                        markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i))) {
             ++gSlotCount;

@@ -83,7 +83,8 @@ TEST_F(MediaReadGuardTest, AnOrderlyStopIsNoStrikeRegression) {
 
 // The list lies on the user's disk. A FIFO planted at its name held the
 // first read for ever; a folder there made the list unstorable, and the
-// markers went all the same, and with them the crash record (regressions).
+// markers went all the same, and with them the crash record; then reads
+// went unmarked (regressions).
 TEST_F(MediaReadGuardTest, AListThatIsNoFileNeitherHoldsTheReadNorLosesARecordRegression) {
     ASSERT_EQ(0, mkdir(path("/fifo").c_str(), 0755));
     ASSERT_EQ(0, mkfifo(path("/fifo/unreadable-media").c_str(), 0644));
@@ -100,6 +101,10 @@ TEST_F(MediaReadGuardTest, AListThatIsNoFileNeitherHoldsTheReadNorLosesARecordRe
     MediaReadGuard::sRecover([this] { return path("/db"); });
     EXPECT_FALSE(MediaReadGuard("/d/crash.mp4").admitted());
     EXPECT_EQ("/d/crash.mp4", readFile("/db/crashed-0"));
+    // This run's reads are marked in the slots left free (regression: read
+    // unmarked, a second crashing file crashed every start).
+    MediaReadGuard next("/d/next.mp4");
+    EXPECT_EQ("/d/next.mp4", readFile("/db/reading-1"));
 }
 
 }  // namespace
