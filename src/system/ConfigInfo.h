@@ -158,6 +158,9 @@ private:
     // Caller holds configMutex_.
     bool reloadFailedGlobalConfig();
     bool setAsideBrokenGlobalConfig();
+    // Whether the folder of path lies behind a link planted on the user's
+    // disk (logged): a file written there would land wherever it leads.
+    bool isBehindLink(const std::string& path) const;
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;

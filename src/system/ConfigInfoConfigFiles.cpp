@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
@@ -107,9 +108,21 @@ std::string ConfigInfo::getConfig(const std::string& key) {
     return std::string();
 }
 
+bool ConfigInfo::isBehindLink(const std::string& path) const {
+    const bool behind =
+        Directory::sHasLinkBelow(userdiskRootPath_, path.substr(0, path.rfind('/')));
+    if (behind) {
+        QLOG(ERROR) << path << " lies behind a link, not written";
+    }
+    return behind;
+}
+
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     QLOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::lock_guard<boost::mutex> lock(configMutex_);
+    if (isBehindLink(globalConfigPath_)) {
+        return;
+    }
     if (globalConfigLoadFailed_ && !reloadFailedGlobalConfig()) {
         QLOG(ERROR) << "setConfig skipped: " << globalConfigPath_
                     << " failed to load, keep it unchanged";
@@ -124,6 +137,9 @@ void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
 void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key,
                                  const std::string& value) {
     boost::lock_guard<boost::mutex> lock(configMutex_);
+    if (isBehindLink(path)) {
+        return;
+    }
     libconfig::Config config;
     if (File::sExists(path)) {
         ConfigUtils::sReadFile(config, path);

@@ -103,6 +103,10 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info();
     EXPECT_EQ("photo", readFile("/outside/DataBase/photo.jpg"));
     EXPECT_TRUE(log_.contains(path("/userdisk/talvernConfig") + " is a link", google::GLOG_ERROR));
+    // Nor are settings written where it leads (regression).
+    info()->setConfig("k", "v");
+    info()->setConfigToFile(info()->getExtdiskUmntPath(), "k", "v");
+    EXPECT_EQ("DataBase\n", capture("ls -A " + quoted(path("/outside"))));
 }
 
 // /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
