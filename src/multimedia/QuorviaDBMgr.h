@@ -49,7 +49,8 @@ public:
     // A store on a database file of the caller's choosing (tools and tests);
     // opened at construction like the daemon's. Below diskFolder (a folder on
     // dbPath, or "") lies a user's disk: a link there is not followed, the
-    // store is not opened.
+    // store is not opened; nor is it when its file, log, log index or
+    // journal is no regular file of one name.
     explicit QuorviaDBMgr(const std::string& dbPath, const std::string& diskFolder = "");
     virtual ~QuorviaDBMgr();
 

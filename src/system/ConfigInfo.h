@@ -158,8 +158,10 @@ private:
     // Caller holds configMutex_.
     bool reloadFailedGlobalConfig();
     bool setAsideBrokenGlobalConfig();
-    // Whether the folder of path lies behind a link planted on the user's
-    // disk (logged): a file written there would land wherever it leads.
+    // Whether the folder of path lies behind a link planted on a disk
+    // (logged): a file written there would land wherever it leads. What
+    // lies below the data folder, the user disk or an external disk's mount
+    // point is the disk's; those folders themselves are the device's.
     bool isBehindLink(const std::string& path) const;
     void getPrimaryDiskDeviceFromFile();
 

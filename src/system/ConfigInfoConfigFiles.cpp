@@ -109,8 +109,13 @@ std::string ConfigInfo::getConfig(const std::string& key) {
 }
 
 bool ConfigInfo::isBehindLink(const std::string& path) const {
-    const bool behind =
-        Directory::sHasLinkBelow(userdiskRootPath_, path.substr(0, path.rfind('/')));
+    const std::string folder = path.substr(0, path.rfind('/'));
+    std::string top = Directory::sIsAncestorPath(userdiskDataPath_, folder) ? userdiskDataPath_
+                                                                            : userdiskRootPath_;
+    if (Directory::sIsAncestorPath(extdiskRootPath_, folder) && folder != extdiskRootPath_) {
+        top = folder.substr(0, folder.find('/', extdiskRootPath_.size() + 1));
+    }
+    const bool behind = Directory::sHasLinkBelow(top, folder);
     if (behind) {
         QLOG(ERROR) << path << " lies behind a link, not written";
     }

@@ -65,7 +65,9 @@ void convertEnds(const std::string& source, const std::string& target, std::stri
 // its coders, and some of those read other files (a playlist, an SVG, an
 // MVG script) or run other programs.
 bool isNamedOnlyFormat(const std::string& extension) {
-    static const char* const kFormats[] = {"tga", "icb", "vda", "vst", "ico", "cur", "wbmp"};
+    static const char* const kFormats[] = {"tga",  "icb", "vda",  "vst", "ico", "cur",
+                                           "wbmp", "xwd", "jbig", "jbg", "bie", "palm",
+                                           "otb",  "avs", "mtv",  "hrz", "ipl"};
     for (const char* format : kFormats) {
         if (extension == format) {
             return true;

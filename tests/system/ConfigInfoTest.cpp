@@ -103,10 +103,18 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info();
     EXPECT_EQ("photo", readFile("/outside/DataBase/photo.jpg"));
     EXPECT_TRUE(log_.contains(path("/userdisk/talvernConfig") + " is a link", google::GLOG_ERROR));
-    // Nor are settings written where it leads (regression).
+    // Nor are settings written where it leads, nor where one on an external
+    // disk leads (regressions); a data folder that is a link is the device's.
+    fs::create_directories(path("/extdisks/sdb1"));
+    fs::create_symlink(path("/outside"), path("/extdisks/sdb1/zentrel_config"));
+    fs::create_symlink(path("/real-data"), path("/userdisk/data"));
+    fs::create_directories(path("/real-data"));
     info()->setConfig("k", "v");
     info()->setConfigToFile(info()->getExtdiskUmntPath(), "k", "v");
+    info()->setConfigToFile(path("/extdisks/sdb1/zentrel_config/share.cfg"), "k", "v");
+    info()->setConfigToFile(path("/userdisk/data/x.cfg"), "k", "v");
     EXPECT_EQ("DataBase\n", capture("ls -A " + quoted(path("/outside"))));
+    EXPECT_EQ("k = \"v\";\n", readFile("/real-data/x.cfg"));
 }
 
 // /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
