@@ -198,7 +198,9 @@ std::vector<Entry> takeSuspects(std::vector<Entry>& entries) {
 }
 
 // One more strike for path than it had (or as many as listing takes); the
-// entry goes to the end, the newest place.
+// entry goes to the end, the newest place. A listed file is never read, but
+// its markers are met again after a death between storing the list and
+// removing them: it stays listed once.
 void strike(std::vector<Entry>& entries, const std::vector<Entry>& suspects,
             const std::string& path, bool crashed) {
     const auto named = [&path](const Entry& entry) { return entry.second == path; };

@@ -119,12 +119,12 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
     for (const char* folder : {"/disk", "/disk/linked", "/disk/named", "/elsewhere"}) {
         ASSERT_EQ(0, mkdir(path(folder).c_str(), 0755));
     }
-    ASSERT_EQ(0, symlink("../elsewhere", path("/disk/folder").c_str()));
+    ASSERT_EQ(0, symlink("../../elsewhere", path("/disk/linked/folder").c_str()));
     ASSERT_EQ(0, symlink(path("/elsewhere/db").c_str(), path("/disk/linked/quorvia.db").c_str()));
     writeFile("/elsewhere/precious", "kept");
     ASSERT_EQ(
         0, link(path("/elsewhere/precious").c_str(), path("/disk/named/quorvia.db-shm").c_str()));
-    QuorviaDBMgr linkedFolder(path("/disk/folder/quorvia.db"), path("/disk"));
+    QuorviaDBMgr linkedFolder(path("/disk/linked/folder/quorvia.db"), path("/disk"));
     QuorviaDBMgr linkedFile(path("/disk/linked/quorvia.db"), path("/disk"));
     QuorviaDBMgr secondName(path("/disk/named/quorvia.db"), path("/disk"));
     for (QuorviaDBMgr* store : {&missing, &closed, &linkedFolder, &linkedFile, &secondName}) {

@@ -163,6 +163,10 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     EXPECT_EQ(content, readFile(longest));
     EXPECT_EQ(path("/." + longest.substr(1, 82 * 3) + ".XXXXXX").size(),
               talvern::ReplacementFile(path(longest)).temporaryPath().size());
+    // Two new contents of one file at once each get a name of their own.
+    const talvern::ReplacementFile first(path("/dst.bin")), second(path("/dst.bin"));
+    EXPECT_NE(first.temporaryPath(), second.temporaryPath());
+    EXPECT_TRUE(first.stream() != NULL && second.stream() != NULL);
 
     EXPECT_EQ(FILE_COPY_FAILED, File::sCopy(path("/missing"), path("/dst")).apiError());
     EXPECT_EQ(1, log_.count("open file " + path("/missing") + " failed", google::GLOG_ERROR));
