@@ -6,6 +6,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
 #include "system/ConfigUtils.h"
@@ -145,8 +146,11 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     if (isBehindLink(path)) {
         return;
     }
+    // A link planted at the file's name is replaced, not read: what it
+    // leads to would be copied onto the disk.
     libconfig::Config config;
-    if (File::sExists(path)) {
+    FileStatus status;
+    if (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()) {
         ConfigUtils::sReadFile(config, path);
     }
     putString(config, key, value);

@@ -115,6 +115,12 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info()->setConfigToFile(path("/userdisk/data/x.cfg"), "k", "v");
     EXPECT_EQ("DataBase\n", capture("ls -A " + quoted(path("/outside"))));
     EXPECT_EQ("k = \"v\";\n", readFile("/real-data/x.cfg"));
+    // A link at the file itself is replaced; what it led to was read and
+    // copied onto the disk (regression).
+    writeFile("/secret.cfg", "password = \"s3cret\";\n");
+    fs::create_symlink(path("/secret.cfg"), path("/extdisks/sdb1/leak.cfg"));
+    info()->setConfigToFile(path("/extdisks/sdb1/leak.cfg"), "k", "v");
+    EXPECT_EQ("k = \"v\";\n", readFile("/extdisks/sdb1/leak.cfg"));
 }
 
 // /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
