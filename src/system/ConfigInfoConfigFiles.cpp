@@ -109,14 +109,19 @@ std::string ConfigInfo::getConfig(const std::string& key) {
     return std::string();
 }
 
+std::string ConfigInfo::diskTopOf(const std::string& folder) const {
+    if (Directory::sIsAncestorPath(extdiskRootPath_, folder) && folder != extdiskRootPath_) {
+        return folder.substr(0, folder.find('/', extdiskRootPath_.size() + 1));
+    }
+    if (Directory::sIsAncestorPath(userdiskDataPath_, folder)) {
+        return userdiskDataPath_;
+    }
+    return Directory::sIsAncestorPath(userdiskRootPath_, folder) ? userdiskRootPath_ : "";
+}
+
 bool ConfigInfo::isBehindLink(const std::string& path) const {
     const std::string folder = path.substr(0, path.rfind('/'));
-    std::string top = Directory::sIsAncestorPath(userdiskDataPath_, folder) ? userdiskDataPath_
-                                                                            : userdiskRootPath_;
-    if (Directory::sIsAncestorPath(extdiskRootPath_, folder) && folder != extdiskRootPath_) {
-        top = folder.substr(0, folder.find('/', extdiskRootPath_.size() + 1));
-    }
-    const bool behind = Directory::sHasLinkBelow(top, folder);
+    const bool behind = Directory::sHasLinkBelow(diskTopOf(folder), folder);
     if (behind) {
         QLOG(ERROR) << path << " lies behind a link, not written";
     }
@@ -146,11 +151,13 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     if (isBehindLink(path)) {
         return;
     }
-    // A link planted at the file's name is replaced, not read: what it
-    // leads to would be copied onto the disk.
+    // A link planted at the file's name on a disk is replaced, not read:
+    // what it leads to would be copied onto the disk.
     libconfig::Config config;
     FileStatus status;
-    if (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()) {
+    if (File::sExists(path) &&
+        (diskTopOf(path).empty() ||
+         (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()))) {
         ConfigUtils::sReadFile(config, path);
     }
     putString(config, key, value);
