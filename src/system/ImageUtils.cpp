@@ -76,6 +76,24 @@ bool isNamedOnlyFormat(const std::string& extension) {
     return false;
 }
 
+// identify's output for the first frame of standard input read under the
+// name input, "/dev/stdin FORMAT WxH ..."; false when identify could not be
+// run. Every frame would cost it memory: a file of 100,000 tiny frames made
+// it hold 2.3 GB.
+bool identifyFirstFrame(const std::string& input, const std::string& quotedSource,
+                        std::string& output) {
+    const std::string frame = input + "[0]";
+    if (!CommonUtils::sCallSystem("identify " + frame + " < " + quotedSource, output)) {
+        return false;
+    }
+    // "/dev/stdin[0]=>/dev/stdin PNG 30x20 ...": what was asked for, first.
+    const std::string asked = frame + "=>";
+    if (output.compare(0, asked.size(), asked) == 0) {
+        output.erase(0, asked.size());
+    }
+    return true;
+}
+
 // identify's output for the source, read as standard input under the name
 // input; false when identify could not be run. A source in a format known
 // by name only gives no output, and is tried once more as that format;
@@ -83,22 +101,14 @@ bool isNamedOnlyFormat(const std::string& extension) {
 bool identify(const std::string& source, const std::string& quotedSource, std::string& input,
               std::string& output) {
     input = kSourceName;
-    if (!CommonUtils::sCallSystem("identify " + input + " < " + quotedSource, output)) {
+    if (!identifyFirstFrame(input, quotedSource, output)) {
         return false;
     }
     if (!output.empty() || !isNamedOnlyFormat(extensionOf(source))) {
         return true;
     }
     input = extensionOf(source) + ":" + kSourceName;
-    if (!CommonUtils::sCallSystem("identify " + input + " < " + quotedSource, output)) {
-        return false;
-    }
-    // "tga:/dev/stdin=>/dev/stdin TGA 800x600 ...": what it was read as first.
-    const std::string readAs = input + "=>";
-    if (output.compare(0, readAs.size(), readAs) == 0) {
-        output.erase(0, readAs.size());
-    }
-    return true;
+    return identifyFirstFrame(input, quotedSource, output);
 }
 
 // A file that convert left empty is no thumbnail.

@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,6 +46,21 @@ TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
     EXPECT_EQ("400x300", geometryOf(root() + "/t.jpg"));
     writeAll(root() + "/script.mvg", "\nviewbox 0 0 400 300 image over 0,0 0,0 'photo.tga'\n");
     EXPECT_EQ(ImageUtils::kResizeFailed, ImageUtils().resizeImage("script.mvg", "s.jpg", 40, 30));
+}
+
+// identify held every frame of a source: 100,000 tiny ones in 800 KB took
+// 2.3 GB (regression). Only the first frame is looked at.
+TEST_F(ImageUtilsTest, ManyTinyFramesCostTheToolsLittleRegression) {
+    std::string frames;
+    for (int i = 0; i < 100000; ++i) {
+        frames += std::string("P4\n1 1\n") + '\0';
+    }
+    writeAll(root() + "/tiny.pbm", frames);
+    EXPECT_EQ(ImageUtils::kResizeDone,
+              ImageUtils().resizeImage(root() + "/tiny.pbm", root() + "/t.png", 40, 30));
+    struct rusage tools;
+    ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &tools));
+    EXPECT_LT(tools.ru_maxrss, 200 * 1024) << "KiB";
 }
 
 // Stand-ins for identify and convert first on PATH: identify prints the file
