@@ -152,6 +152,8 @@ TEST_F(DeviceFaultsDaemonTest, GarbageDeletedAndFullDatabasesAnswerAndRecover) {
         return sql("SELECT count(*) FROM quorvia WHERE HASH IN ('before','after')") == "2\n";
     })) << sql("SELECT HASH FROM quorvia");
     EXPECT_EQ("ok\n", sql("PRAGMA integrity_check"));
+    // The folder it was mounted on can be removed with the rest of the root.
+    EXPECT_EQ(0, umount2(database_.c_str(), MNT_DETACH));
 }
 
 // A disk replaced by another while followed: moves in the new data folder
