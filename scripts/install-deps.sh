@@ -13,7 +13,7 @@ LIBRARIES="
 libthrift-dev libevent-dev
 libboost-thread-dev libboost-filesystem-dev libboost-system-dev libboost-chrono-dev
 libgoogle-glog-dev libjson-c-dev libsqlite3-dev libconfig++-dev
-libexif-dev libavformat-dev libavutil-dev
+libexif-dev libavformat-dev libavcodec-dev libavutil-dev
 libjpeg62-turbo-dev libpng-dev libmagickwand-6.q16-dev
 libssl-dev libgtest-dev libgmock-dev
 "

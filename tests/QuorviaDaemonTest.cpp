@@ -23,7 +23,20 @@ using namespace quorvia_test::wire;
 const std::string UNMOUNT = "{\"api\":3,\"root\":\"/mnt/none\"}";
 const std::string DONE = "{ \"code\": 0, \"msg\": \"\" }";
 
-class QuorviaDaemonTest : public DaemonTest {};
+class QuorviaDaemonTest : public DaemonTest {
+protected:
+    // The daemons started next carry the test preload that makes faults.
+    void preloadFaults() {
+        setenv("LD_PRELOAD",
+               (std::string(QUORVIA_BINARY_DIR) + "/tests/libcrash_on_open.so").c_str(), 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    }
+
+    void crashOnOpen(const std::string& file) {
+        preloadFaults();
+        setenv("QUORVIA_CRASH_ON_OPEN", file.c_str(), 1);
+    }
+};
 
 TEST_F(QuorviaDaemonTest, StartsWithItsLinesListensOnLoopbackOnlyAndHoldsThePort) {
     ASSERT_EQ(0, shell("mkdir -p " + quoted(path("/dev"))));
@@ -159,9 +172,7 @@ TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
 // start left it neither serving nor ending, and a logging thread that could
 // not start aborted it without a word (regressions).
 TEST_F(QuorviaDaemonTest, AThreadThatCantStartEndsTheDaemonWithALine) {
-    setenv("LD_PRELOAD", (std::string(QUORVIA_BINARY_DIR) + "/tests/libcrash_on_open.so").c_str(),
-           1);
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    preloadFaults();
     int failing = 1;
     for (;; ++failing) {
         setenv("QUORVIA_FAIL_THREAD", std::to_string(failing).c_str(), 1);
@@ -187,13 +198,11 @@ TEST_F(QuorviaDaemonTest, AThreadThatCantStartEndsTheDaemonWithALine) {
 // A file that crashes its reader ends the process once; the restarted
 // daemon answers for it as for a file it can't read and stays up.
 TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart) {
-    const std::string clip = path("/userdisk/data/crash.mp4");
-    writeFile("/userdisk/data/crash.mp4", "a container that crashes its reader");
-    setenv("LD_PRELOAD", (std::string(QUORVIA_BINARY_DIR) + "/tests/libcrash_on_open.so").c_str(), 1);
-    setenv("QUORVIA_CRASH_ON_OPEN", clip.c_str(), 1);
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    const std::string request = R"({"api":2,"path":")" + clip +
-                                R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})";
+    const std::string image = path("/userdisk/data/crash.jpg");
+    writeFile("/userdisk/data/crash.jpg", "an image that crashes its reader");
+    crashOnOpen(image);
+    const std::string request = R"({"api":0,"path":")" + image +
+                                R"(","name":"crash.jpg","hash":"c1","defaultModifyTime":7})";
     // Started with its standard descriptors closed, it holds them with
     // /dev/null: once, a marker took standard error and every line went
     // into it, to be listed as a file that crashed (regression).
@@ -216,18 +225,34 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
     startDaemon();
     EXPECT_EQ("", ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(128 + SIGSEGV, daemon_.waitForExit(20));
-    EXPECT_TRUE(daemonSaid("media file " + clip +
+    EXPECT_TRUE(daemonSaid("media file " + image +
                            " crashed the daemon while it was read; it is not read again"));
     unsetenv("QUORVIA_CRASH_ON_CREATE");
 
     startDaemon();
-    const std::string answer = R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", )"
-                               R"("date": 7 })";
+    const std::string answer =
+        R"({ "code": 0, "msg": "", "title": "crash.jpg", "mime": "image\/jpeg", "date": 7 })";
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(answer, ThriftClient::sCallQuorvia(request));
     EXPECT_EQ(-1, daemon_.waitForExit(0));
     // Struck once, then cleared by the end at which it was not read.
     EXPECT_EQ(std::string::npos, slurp(database_ + "/unreadable-media").find("/suspect.mp4"));
+}
+
+// A video is read in a process of its own: a container that crashes its
+// reader ends that process, and the daemon answers as for a file it can't
+// read.
+TEST_F(QuorviaDaemonTest, AVideoThatCrashesItsReaderLeavesTheDaemonServing) {
+    const std::string clip = path("/userdisk/data/crash.mp4");
+    writeFile("/userdisk/data/crash.mp4", "a container that crashes its reader");
+    crashOnOpen(clip);
+    startDaemon();
+    EXPECT_EQ(
+        R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", "date": 7 })",
+        ThriftClient::sCallQuorvia(R"({"api":2,"path":")" + clip +
+                                   R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})"));
+    EXPECT_EQ(-1, daemon_.waitForExit(0));
+    EXPECT_TRUE(daemonSaid("the process reading " + clip + " ended without an answer (signal 11)"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "multimedia/ContainerReader.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/dict.h>
 #include <libavutil/mem.h>
 }
@@ -14,7 +15,6 @@ extern "C" {
 #include <mutex>
 
 #include "storage/FileStatus.h"
-#include "system/Log.h"
 
 namespace talvern {
 
@@ -30,11 +30,23 @@ ContainerReader::ContainerReader(const std::string& path,
       deadline_(deadline),
       io_(NULL),
       context_(NULL) {
-    static std::once_flag limitSet;
-    std::call_once(limitSet, [] { av_max_alloc(kMaxAllocation); });
+    sPrepare();
     if (openFile(path) && !openContainer(path)) {
         context_ = NULL;
     }
+}
+
+void ContainerReader::sPrepare() {
+    static std::once_flag prepared;
+    std::call_once(prepared, [] {
+        av_max_alloc(kMaxAllocation);
+        void* next = NULL;
+        while (av_demuxer_iterate(&next) != NULL) {
+        }
+        next = NULL;
+        while (av_codec_iterate(&next) != NULL) {
+        }
+    });
 }
 
 ContainerReader::~ContainerReader() {
@@ -77,6 +89,7 @@ bool ContainerReader::openContainer(const std::string& path) {
     context_->interrupt_callback.callback = sInterrupt;
     context_->interrupt_callback.opaque = this;
     context_->io_open = sRefuseOpen;
+    context_->opaque = this;
     AVDictionary* options = NULL;
     av_dict_set(&options, "format_whitelist", kDemuxers, 0);
     av_dict_set(&options, "protocol_whitelist", "file", 0);
@@ -140,8 +153,10 @@ int ContainerReader::sInterrupt(void* opaque) {
 
 int ContainerReader::sRefuseOpen(AVFormatContext* context, AVIOContext**, const char* url, int,
                                  AVDictionary**) {
-    QLOG(WARNING) << "media file " << (context->url != NULL ? context->url : "") << " asks to open "
-                  << (url != NULL ? url : "") << "; refused";
+    ContainerReader* reader = static_cast<ContainerReader*>(context->opaque);
+    if (reader->refusedOpen_.empty() && url != NULL) {
+        reader->refusedOpen_ = url;
+    }
     return AVERROR(EPERM);
 }
 

@@ -20,7 +20,8 @@ namespace talvern {
 //   an image sequence or any format that names other inputs is refused as a
 //   file of no known container;
 // - libavformat may open nothing else (every nested open is refused), so no
-//   file a playlist names is ever read and no connection is made;
+//   file a playlist names is ever read and no connection is made (the first
+//   such input is kept for the caller to report: the class logs nothing);
 // - one file costs at most kMaxBytesRead of reading and no single allocation
 //   over kMaxAllocation, whatever its tables declare, and nothing past the
 //   deadline.
@@ -46,12 +47,21 @@ public:
     static constexpr std::size_t kMaxAllocation = 64 << 20;
     static constexpr int kIoBufferSize = 32 << 10;
 
+    // Sets the process-wide allocation limit and has libavformat and
+    // libavcodec build their tables of formats and codecs, once per process.
+    // A process that forks readers calls it before the first fork: children
+    // then find the work done, rather than half done by a thread that the
+    // fork left behind, and don't repeat it. Any thread.
+    static void sPrepare();
+
     ContainerReader(const std::string& path, std::chrono::steady_clock::time_point deadline);
     virtual ~ContainerReader();
 
     // The opened container, or NULL when path is not a regular file holding
     // a container of kDemuxers that opened within the limits.
     AVFormatContext* context() const { return context_; }
+    // The first other input the file asked to open, or empty.
+    const std::string& refusedOpen() const { return refusedOpen_; }
 
 private:
     ContainerReader(const ContainerReader&);
@@ -74,6 +84,7 @@ private:
     std::chrono::steady_clock::time_point deadline_;
     AVIOContext* io_;
     AVFormatContext* context_;
+    std::string refusedOpen_;
 };
 
 }  // namespace talvern

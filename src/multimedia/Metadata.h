@@ -50,7 +50,9 @@ public:
                                 const std::string& hash, bool viaThrift);
 
     // Title, duration and (MP4 family) creation time of a video. The local route
-    // always returns 0; mime, artist and album are not touched.
+    // always returns 0; mime, artist and album are not touched. The container
+    // is parsed in a child process (BoundedChild), so that a crafted one
+    // costs that child, not the caller.
     static int getVideoMetadata(const std::string& path, const std::string& name,
                                 long defaultModifyTime, metadata_s& metadata,
                                 const std::string& hash, bool viaThrift);

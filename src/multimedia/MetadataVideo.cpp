@@ -1,7 +1,9 @@
 extern "C" {
 #include <libavformat/avformat.h>
-#include <libavutil/dict.h>
+#include <libavutil/log.h>
 }
+#include <string.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <chrono>
@@ -12,69 +14,93 @@ extern "C" {
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
 #include "multimedia/MetadataVideoProbe.h"
+#include "system/BoundedChild.h"
 #include "system/Log.h"
 
 namespace talvern {
 
 namespace {
 
-const char* const kMp4FamilyName = "mov,mp4,m4a,3gp,3g2,mj2";
 // Where the date and the time of a creation time meet: "T" (ISO 8601, as
 // current muxers write it) or a blank (older muxers).
 const size_t kDateTimeSeparatorIndex = 10;
+// How long past the open's deadline the reading child may take to close and
+// report; parts of an open (building an index) don't look at the deadline.
+const int kReportGraceSeconds = 2;
+const int kMaxLibraryLine = 1024;
 
 typedef std::chrono::steady_clock Clock;
 
-// Stream probing decodes frames and costs far more than the open. It can only
-// change what the record takes (the duration and the streams' types) where
-// the header left them open, so it runs only there.
-bool needsStreamInfo(const AVFormatContext* context) {
-    if (context->duration <= 0 || (context->ctx_flags & AVFMTCTX_NOHEADER) != 0 ||
-        context->nb_streams == 0) {
-        return true;
-    }
-    for (unsigned int i = 0; i < context->nb_streams; ++i) {
-        if (context->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_UNKNOWN) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool hasVideoStream(const AVFormatContext* context) {
-    for (unsigned int i = 0; i < context->nb_streams; ++i) {
-        if (context->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void readDuration(const std::string& path, const AVFormatContext* context,
-                  metadata_s& metadata) {
-    QLOG(INFO) << "find AVMEDIA_TYPE_VIDEO";
-    if (context->duration < 1) {
+// libavformat's own complaints, written without the standard error stream's
+// lock, which another thread of the parent may have held at the fork.
+void writeLibraryLine(void* object, int level, const char* format, va_list arguments) {
+    if (level > av_log_get_level()) {
         return;
     }
-    metadata.duration = boost::lexical_cast<std::string>(context->duration / AV_TIME_BASE);
+    char line[kMaxLibraryLine];
+    int printPrefix = 1;
+    av_log_format_line2(object, level, format, arguments, line, sizeof(line), &printPrefix);
+    const ssize_t ignored = write(STDERR_FILENO, line, strlen(line));
+    static_cast<void>(ignored);
+}
+
+std::string readInChild(const std::string& path, videoprobe::StreamInfoPolicy policy,
+                        Clock::time_point deadline) {
+    av_log_set_callback(writeLibraryLine);
+    return videoprobe::encodeFacts(videoprobe::readFacts(path, policy, deadline));
+}
+
+// Where no child can be made (no memory for its tables, a process limit), the
+// file is read here, under the read guard, rather than stored without its
+// duration for good.
+bool readHere(const std::string& path, videoprobe::StreamInfoPolicy policy,
+              Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
+    MediaReadGuard guard(path);
+    if (!guard.admitted()) {
+        return false;
+    }
+    facts = videoprobe::readFacts(path, policy, deadline);
+    return true;
+}
+
+// A crafted container can make libavformat allocate gigabytes or crash; read
+// in a bounded child, it costs that child alone.
+bool gatherFacts(const std::string& path, videoprobe::StreamInfoPolicy policy,
+                 Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
+    ContainerReader::sPrepare();
+    std::string report;
+    int endSignal = 0;
+    switch (BoundedChild::sRun([&] { return readInChild(path, policy, deadline); },
+                               deadline + std::chrono::seconds(kReportGraceSeconds), report,
+                               endSignal)) {
+        case BoundedChild::kReported:
+            return videoprobe::decodeFacts(report, facts);
+        case BoundedChild::kNotStarted:
+            QLOG(WARNING) << "can't start a process to read " << path << "; read by the daemon";
+            return readHere(path, policy, deadline, facts);
+        case BoundedChild::kDied:
+            QLOG(WARNING) << "the process reading " << path << " ended without an answer (signal "
+                          << endSignal << ")";
+            return false;
+        case BoundedChild::kTimedOut:
+            QLOG(WARNING) << "the process reading " << path << " ran out of time; killed";
+            return false;
+    }
+    return false;
+}
+
+void readDuration(const std::string& path, int64_t duration, metadata_s& metadata) {
+    QLOG(INFO) << "find AVMEDIA_TYPE_VIDEO";
+    if (duration < 1) {
+        return;
+    }
+    metadata.duration = boost::lexical_cast<std::string>(duration / AV_TIME_BASE);
     QLOG(INFO) << "video " << path << " raw duration is " << metadata.duration;
 }
 
-void readCreationTime(const AVFormatContext* context, metadata_s& metadata) {
-    if (std::string(context->iformat->name) != kMp4FamilyName || context->metadata == NULL) {
-        return;
-    }
-    const AVDictionaryEntry* entry = NULL;
-    while ((entry = av_dict_get(context->metadata, "", entry, AV_DICT_IGNORE_SUFFIX)) != NULL) {
-        if (std::string(entry->key) == "creation_time") {
-            break;
-        }
-    }
-    if (entry == NULL) {
-        return;
-    }
-    QLOG(INFO) << "creation_time is " << entry->value;
-    std::string text(entry->value);
+void readCreationTime(const std::string& value, metadata_s& metadata) {
+    QLOG(INFO) << "creation_time is " << value;
+    std::string text(value);
     if (text.size() > kDateTimeSeparatorIndex && text[kDateTimeSeparatorIndex] == 'T') {
         text[kDateTimeSeparatorIndex] = ' ';
     }
@@ -87,23 +113,24 @@ namespace videoprobe {
 
 bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPolicy policy,
                    Clock::duration openLimit) {
-    MediaReadGuard guard(path);
-    if (!guard.admitted()) {
+    ContainerFacts facts;
+    if (!gatherFacts(path, policy, Clock::now() + openLimit, facts)) {
         return false;
     }
-    const ContainerReader reader(path, Clock::now() + openLimit);
-    AVFormatContext* context = reader.context();
-    if (context == NULL) {
-        return false;
+    if (!facts.refusedOpen.empty()) {
+        QLOG(WARNING) << "media file " << path << " asks to open " << facts.refusedOpen
+                      << "; refused";
     }
-    if (policy == kStreamInfoAlways || needsStreamInfo(context)) {
-        avformat_find_stream_info(context, NULL);
+    if (!facts.opened) {
+        return false;
     }
     QLOG(INFO) << "av_open_input_file success";
-    if (hasVideoStream(context)) {
-        readDuration(path, context, metadata);
+    if (facts.hasVideo) {
+        readDuration(path, facts.duration, metadata);
     }
-    readCreationTime(context, metadata);
+    if (facts.hasCreationTime) {
+        readCreationTime(facts.creationTime, metadata);
+    }
     return true;
 }
 
