@@ -1,5 +1,8 @@
+#include <limits.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
 #include <stdexcept>
@@ -15,6 +18,28 @@
 namespace talvern {
 
 namespace {
+
+// path as the link checks compare it with the disks' folders: absolute, and
+// without the empty or "." parts ("//", "/./") that a caller's joining of
+// paths leaves, which name the same entries. ".." stays: the check looks at
+// the entry before it, which may be a link.
+std::string plainSpelling(const std::string& path) {
+    std::string whole = path;
+    char here[PATH_MAX];
+    if ((path.empty() || path[0] != '/') && getcwd(here, sizeof(here)) != NULL) {
+        whole = std::string(here) + "/" + path;
+    }
+    std::string plain;
+    for (std::size_t start = 0; start < whole.size();) {
+        const std::size_t end = std::min(whole.find('/', start), whole.size());
+        const std::string part = whole.substr(start, end - start);
+        if (!part.empty() && part != ".") {
+            plain += "/" + part;
+        }
+        start = end + 1;
+    }
+    return plain;
+}
 
 // Replaces key at the root of config by a string setting, or deletes it when
 // value is empty. A name libconfig rejects throws SettingNameException.
@@ -120,7 +145,8 @@ std::string ConfigInfo::diskTopOf(const std::string& folder) const {
 }
 
 bool ConfigInfo::isBehindLink(const std::string& path) const {
-    const std::string folder = path.substr(0, path.rfind('/'));
+    const std::string plain = plainSpelling(path);
+    const std::string folder = plain.substr(0, plain.rfind('/'));
     const bool behind = Directory::sHasLinkBelow(diskTopOf(folder), folder);
     if (behind) {
         QLOG(ERROR) << path << " lies behind a link, not written";
@@ -156,7 +182,7 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     libconfig::Config config;
     FileStatus status;
     if (File::sExists(path) &&
-        (diskTopOf(path).empty() ||
+        (diskTopOf(plainSpelling(path)).empty() ||
          (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()))) {
         ConfigUtils::sReadFile(config, path);
     }

@@ -112,6 +112,10 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info()->setConfig("k", "v");
     info()->setConfigToFile(info()->getExtdiskUmntPath(), "k", "v");
     info()->setConfigToFile(path("/extdisks/sdb1/zentrel_config/share.cfg"), "k", "v");
+    // However the caller spells the path (regression).
+    info()->setConfigToFile(path("//extdisks/./sdb1//zentrel_config/share.cfg"), "k", "v");
+    ASSERT_EQ(0, chdir(path("/extdisks").c_str()));
+    info()->setConfigToFile("sdb1/zentrel_config/share.cfg", "k", "v");
     info()->setConfigToFile(path("/userdisk/data/x.cfg"), "k", "v");
     EXPECT_EQ("DataBase\n", capture("ls -A " + quoted(path("/outside"))));
     EXPECT_EQ("k = \"v\";\n", readFile("/real-data/x.cfg"));
