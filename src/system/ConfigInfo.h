@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "system/DiskFolders.h"
+
 namespace talvern {
 
 // The process's one table of where things lie on the device, and the global
@@ -158,14 +160,7 @@ private:
     // Caller holds configMutex_.
     bool reloadFailedGlobalConfig();
     bool setAsideBrokenGlobalConfig();
-    // The folder below which the disk holding folder keeps what anyone may
-    // have put there: the data folder, the user disk or an external disk's
-    // mount point (those folders themselves are the device's); "" for a
-    // folder on no disk.
-    std::string diskTopOf(const std::string& folder) const;
-    // Whether the folder of path lies behind a link planted on a disk
-    // (logged): a file written there would land wherever it leads.
-    bool isBehindLink(const std::string& path) const;
+    DiskFolders diskFolders() const;
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;

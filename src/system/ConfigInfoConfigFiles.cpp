@@ -1,44 +1,36 @@
-#include <limits.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
 #include <stdexcept>
 
-#include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
 #include "system/ConfigUtils.h"
+#include "system/DiskFolders.h"
 #include "system/Log.h"
 
 namespace talvern {
 
 namespace {
 
-// path as the link checks compare it with the disks' folders: absolute, and
-// without the empty or "." parts ("//", "/./") that a caller's joining of
-// paths leaves, which name the same entries. ".." stays: the check looks at
-// the entry before it, which may be a link.
-std::string plainSpelling(const std::string& path) {
-    std::string whole = path;
-    char here[PATH_MAX];
-    if ((path.empty() || path[0] != '/') && getcwd(here, sizeof(here)) != NULL) {
-        whole = std::string(here) + "/" + path;
+// The folder of path, as a walk takes it ("/" for "/x", "." for "x").
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+// Whether the folder of path lies behind a link planted on a disk (logged):
+// a file written there would land wherever it leads. realFolder: where the
+// folder lies.
+bool isBehindLink(const DiskFolders& disks, const std::string& path, std::string& realFolder) {
+    const bool behind = !disks.reachWithoutPlantedLink(folderOf(path), realFolder);
+    if (behind) {
+        QLOG(ERROR) << path << " lies behind a link, not written";
     }
-    std::string plain;
-    for (std::size_t start = 0; start < whole.size();) {
-        const std::size_t end = std::min(whole.find('/', start), whole.size());
-        const std::string part = whole.substr(start, end - start);
-        if (!part.empty() && part != ".") {
-            plain += "/" + part;
-        }
-        start = end + 1;
-    }
-    return plain;
+    return behind;
 }
 
 // Replaces key at the root of config by a string setting, or deletes it when
@@ -134,30 +126,15 @@ std::string ConfigInfo::getConfig(const std::string& key) {
     return std::string();
 }
 
-std::string ConfigInfo::diskTopOf(const std::string& folder) const {
-    if (Directory::sIsAncestorPath(extdiskRootPath_, folder) && folder != extdiskRootPath_) {
-        return folder.substr(0, folder.find('/', extdiskRootPath_.size() + 1));
-    }
-    if (Directory::sIsAncestorPath(userdiskDataPath_, folder)) {
-        return userdiskDataPath_;
-    }
-    return Directory::sIsAncestorPath(userdiskRootPath_, folder) ? userdiskRootPath_ : "";
-}
-
-bool ConfigInfo::isBehindLink(const std::string& path) const {
-    const std::string plain = plainSpelling(path);
-    const std::string folder = plain.substr(0, plain.rfind('/'));
-    const bool behind = Directory::sHasLinkBelow(diskTopOf(folder), folder);
-    if (behind) {
-        QLOG(ERROR) << path << " lies behind a link, not written";
-    }
-    return behind;
+DiskFolders ConfigInfo::diskFolders() const {
+    return DiskFolders(userdiskRootPath_, userdiskDataPath_, extdiskRootPath_);
 }
 
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     QLOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::lock_guard<boost::mutex> lock(configMutex_);
-    if (isBehindLink(globalConfigPath_)) {
+    std::string realFolder;
+    if (isBehindLink(diskFolders(), globalConfigPath_, realFolder)) {
         return;
     }
     if (globalConfigLoadFailed_ && !reloadFailedGlobalConfig()) {
@@ -174,7 +151,9 @@ void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
 void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key,
                                  const std::string& value) {
     boost::lock_guard<boost::mutex> lock(configMutex_);
-    if (isBehindLink(path)) {
+    const DiskFolders disks = diskFolders();
+    std::string realFolder;
+    if (isBehindLink(disks, path, realFolder)) {
         return;
     }
     // A link planted at the file's name on a disk is replaced, not read:
@@ -182,7 +161,7 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     libconfig::Config config;
     FileStatus status;
     if (File::sExists(path) &&
-        (diskTopOf(plainSpelling(path)).empty() ||
+        (!disks.holds(realFolder) ||
          (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()))) {
         ConfigUtils::sReadFile(config, path);
     }

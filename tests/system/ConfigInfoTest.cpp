@@ -97,12 +97,15 @@ TEST_F(ConfigInfoTest, StartDeletesTheTwoLeftoverTreesOnlyAndNeverFollowsAPlante
 }
 
 TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
+    const std::string spelledRoot = root() + "//.";
+    setenv("QUORVIA_ROOT", spelledRoot.c_str(), 1);
     writeFile("/outside/DataBase/photo.jpg", "photo");
     fs::create_directories(path("/userdisk"));
     fs::create_symlink(path("/outside"), path("/userdisk/talvernConfig"));
     info();
     EXPECT_EQ("photo", readFile("/outside/DataBase/photo.jpg"));
-    EXPECT_TRUE(log_.contains(path("/userdisk/talvernConfig") + " is a link", google::GLOG_ERROR));
+    EXPECT_TRUE(
+        log_.contains(spelledRoot + "/userdisk/talvernConfig is a link", google::GLOG_ERROR));
     // Nor are settings written where it leads, nor where one on an external
     // disk leads (regressions); a data folder that is a link is the device's.
     fs::create_directories(path("/extdisks/sdb1"));
@@ -112,10 +115,16 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     info()->setConfig("k", "v");
     info()->setConfigToFile(info()->getExtdiskUmntPath(), "k", "v");
     info()->setConfigToFile(path("/extdisks/sdb1/zentrel_config/share.cfg"), "k", "v");
-    // However the caller spells the path (regression).
-    info()->setConfigToFile(path("//extdisks/./sdb1//zentrel_config/share.cfg"), "k", "v");
-    ASSERT_EQ(0, chdir(path("/extdisks").c_str()));
-    info()->setConfigToFile("sdb1/zentrel_config/share.cfg", "k", "v");
+    // However the caller or the device root spells the path, and wherever
+    // the current folder lies (regressions).
+    fs::create_symlink(path("/outside"), path("/real-data/planted"));
+    for (const std::string& spelling :
+         {path("//extdisks/./sdb1//zentrel_config/a.cfg"),
+          path("/outside/../extdisks/sdb1/zentrel_config/b.cfg"), std::string("planted/c.cfg"),
+          std::string("../userdisk/data/planted/d.cfg")}) {
+        ASSERT_EQ(0, chdir(path("/userdisk/data").c_str()));
+        info()->setConfigToFile(spelling, "k", "v");
+    }
     info()->setConfigToFile(path("/userdisk/data/x.cfg"), "k", "v");
     EXPECT_EQ("DataBase\n", capture("ls -A " + quoted(path("/outside"))));
     EXPECT_EQ("k = \"v\";\n", readFile("/real-data/x.cfg"));

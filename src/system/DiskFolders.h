@@ -1,0 +1,43 @@
+#ifndef QUORVIA_SYSTEM_DISKFOLDERS_H
+#define QUORVIA_SYSTEM_DISKFOLDERS_H
+
+#include <string>
+
+namespace talvern {
+
+// The folders whose content anyone may have written: the user disk, its data
+// folder, and each external disk below the external disks' root, taken where
+// they really lie (the device may link or mount them anywhere); and the walk
+// that tells whether reaching a folder follows a link planted on one of them.
+// The folders themselves are the device's: a data folder that is a link, or
+// an external disk's mount point, is followed. Taken at construction, so
+// build one per check. Any thread.
+class DiskFolders {
+public:
+    DiskFolders(const std::string& userdiskRoot, const std::string& dataFolder,
+                const std::string& extdiskRoot);
+    virtual ~DiskFolders() {}
+
+    // Follows folder entry by entry as the kernel would (from the current
+    // folder when it is relative; "//", "." and ".." as the kernel reads
+    // them). false when a link planted on a disk lies on the way, or when the
+    // way can't be told (no current folder, a loop of links). real is where
+    // folder lies: its existing part resolved, the rest as given.
+    bool reachWithoutPlantedLink(const std::string& folder, std::string& real) const;
+    // Whether a folder, given as it really lies, holds a disk's content.
+    bool holds(const std::string& realFolder) const;
+
+private:
+    bool isPlanted(const std::string& entry, const std::string& realParent) const;
+
+    std::string userdisk_;
+    std::string data_;
+    std::string extdisks_;
+    // Where the entries of the user disk and the data folder themselves lie.
+    std::string userdiskEntry_;
+    std::string dataEntry_;
+};
+
+}  // namespace talvern
+
+#endif
