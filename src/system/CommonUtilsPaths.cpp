@@ -384,7 +384,12 @@ bool CommonUtils::sIsCanUmountDevice(const std::string& path) {
     if (path.empty()) {
         return false;
     }
-    std::string target(path);
+    // "/." and "/userdisk/.." name the root as "/" does; a path that climbs
+    // above the root names nothing to unmount.
+    std::string target;
+    if (!sGetAbsolutePath(path, target)) {
+        return false;
+    }
     sRemoveSuffix(target);
     if (target == "/") {
         return false;

@@ -90,8 +90,10 @@ TEST_F(CommonUtilsPathsTest, UmountRefusesRootAndPrimaryDiskMounts) {
     const std::string sda1 = path("/dev/sda1");
     writeFile("/tmp/userdisk_info", "PRIMARY=" + sda1 + "\n");
     writeFile("/proc/mounts", sda1 + " /userdisk ext4 rw 0 0\n");
-    for (const std::string& refused : {std::string(), std::string("///"), sda1 + "/",
-                                       std::string("/userdisk//")}) {
+    // However it is spelled (regression for "/." and the like).
+    for (const std::string& refused :
+         {std::string(), std::string("///"), sda1 + "/", std::string("/userdisk//"),
+          std::string("/."), std::string("/userdisk/.."), std::string("/userdisk/./")}) {
         EXPECT_FALSE(CommonUtils::sIsCanUmountDevice(refused)) << refused;
     }
     EXPECT_TRUE(CommonUtils::sIsCanUmountDevice("/userdisk/data"));
