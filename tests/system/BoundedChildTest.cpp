@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,6 +91,29 @@ TEST(BoundedChildTest, AChildPastItsDeadlineIsKilledAndReaped) {
     EXPECT_EQ("", report);
     EXPECT_EQ(-1, waitpid(-1, NULL, WNOHANG));
     EXPECT_EQ(ECHILD, errno);
+}
+
+// A program that links the library may have handlers that interrupt its
+// waits (a SIGCHLD of its own, a timer).
+TEST(BoundedChildTest, SignalsThatInterruptTheCallersWaitsLoseNoReport) {
+    struct sigaction interrupting = {};
+    interrupting.sa_handler = [](int) {};
+    sigaction(SIGALRM, &interrupting, NULL);
+    sigaction(SIGCHLD, &interrupting, NULL);
+    const struct itimerval everyMillisecond = {{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &everyMillisecond, NULL);
+    std::string report;
+    int endSignal = 0;
+    EXPECT_EQ(BoundedChild::kReported,
+              run(
+                  [] {
+                      usleep(50000);
+                      return std::string("done");
+                  },
+                  report, endSignal, Clock::now() + std::chrono::seconds(5)));
+    EXPECT_EQ("done", report);
+    const struct itimerval stop = {};
+    setitimer(ITIMER_REAL, &stop, NULL);
 }
 
 // A reader left behind by a daemon that ended would keep a disk busy.
