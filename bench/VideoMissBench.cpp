@@ -66,6 +66,9 @@ double getVideoMetadata(const std::string& file) {
 }  // namespace
 
 int main() {
+    // As the daemon does, before any thread: the extraction's children are
+    // forked by the reader process.
+    talvern::Metadata::sStartVideoReaders();
     char pattern[] = "/tmp/quorvia-video-bench-XXXXXX";
     const std::string dir = mkdtemp(pattern);
     FLAGS_log_dir = dir;

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "multimedia/MediaReadGuard.h"
+#include "multimedia/Metadata.h"
 #include "multimedia/QuorviaManager.h"
 #include "storage/Directory.h"
 #include "system/ConfigInfo.h"
@@ -73,6 +74,10 @@ int main(int argc, char** argv) {
         FLAGS_logtostderr = true;
     }
     google::InstallFailureSignalHandler();
+    // Video containers are parsed in children of a process made now, while
+    // this one has a single thread (a child forked later would copy the locks
+    // other threads hold).
+    const bool videoReaders = talvern::Metadata::sStartVideoReaders();
     // Lines are written by a thread of their own from here on, so that no
     // request waits on syslog or a log file. Without it, this line is
     // written at once.
@@ -83,6 +88,9 @@ int main(int argc, char** argv) {
         leave(1);
     }
     QLOG(WARNING) << "quorvia daemon started.";
+    if (!videoReaders) {
+        QLOG(WARNING) << "no process to read video in: videos are read by the daemon";
+    }
 
     // The demuxers of this FFmpeg generation register themselves: there is no
     // registration call to make before the first video request.

@@ -252,7 +252,7 @@ TEST_F(QuorviaDaemonTest, AVideoThatCrashesItsReaderLeavesTheDaemonServing) {
         ThriftClient::sCallQuorvia(R"({"api":2,"path":")" + clip +
                                    R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})"));
     EXPECT_EQ(-1, daemon_.waitForExit(0));
-    EXPECT_TRUE(daemonSaid("the process reading " + clip + " ended without an answer (signal 11)"));
+    EXPECT_TRUE(daemonSaid("the process reading " + clip + " ended without an answer"));
 }
 
 }  // namespace

@@ -49,10 +49,15 @@ public:
                                 long defaultModifyTime, metadata_s& metadata,
                                 const std::string& hash, bool viaThrift);
 
+    // Start-up, on the main thread before any other thread starts: makes the
+    // process whose bounded children read video containers (BoundedSpawner).
+    // false: none could be made, and videos are read in this process.
+    static bool sStartVideoReaders();
+
     // Title, duration and (MP4 family) creation time of a video. The local route
     // always returns 0; mime, artist and album are not touched. The container
-    // is parsed in a child process (BoundedChild), so that a crafted one
-    // costs that child, not the caller.
+    // is parsed in a child process (sStartVideoReaders), so that a crafted
+    // one costs that child, not the caller; without one, in the caller.
     static int getVideoMetadata(const std::string& path, const std::string& name,
                                 long defaultModifyTime, metadata_s& metadata,
                                 const std::string& hash, bool viaThrift);

@@ -1,9 +1,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
-#include <libavutil/log.h>
 }
 #include <string.h>
-#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <chrono>
@@ -14,7 +12,7 @@ extern "C" {
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
 #include "multimedia/MetadataVideoProbe.h"
-#include "system/BoundedChild.h"
+#include "system/BoundedSpawner.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -27,32 +25,32 @@ const size_t kDateTimeSeparatorIndex = 10;
 // How long past the open's deadline the reading child may take to close and
 // report; parts of an open (building an index) don't look at the deadline.
 const int kReportGraceSeconds = 2;
-const int kMaxLibraryLine = 1024;
 
 typedef std::chrono::steady_clock Clock;
 
-// libavformat's own complaints, written without the standard error stream's
-// lock, which another thread of the parent may have held at the fork.
-void writeLibraryLine(void* object, int level, const char* format, va_list arguments) {
-    if (level > av_log_get_level()) {
-        return;
+// A request to the reader process: the open's deadline, the policy, the path.
+std::string requestFor(const std::string& path, videoprobe::StreamInfoPolicy policy,
+                       Clock::time_point deadline) {
+    const int64_t end = deadline.time_since_epoch().count();
+    return std::string(reinterpret_cast<const char*>(&end), sizeof(end)) +
+           static_cast<char>(policy) + path;
+}
+
+// Run in the reader process's child for each request.
+std::string readRequested(const std::string& request) {
+    int64_t end = 0;
+    if (request.size() <= sizeof(end)) {
+        return std::string();
     }
-    char line[kMaxLibraryLine];
-    int printPrefix = 1;
-    av_log_format_line2(object, level, format, arguments, line, sizeof(line), &printPrefix);
-    const ssize_t ignored = write(STDERR_FILENO, line, strlen(line));
-    static_cast<void>(ignored);
+    memcpy(&end, request.data(), sizeof(end));
+    const videoprobe::StreamInfoPolicy policy =
+        static_cast<videoprobe::StreamInfoPolicy>(request[sizeof(end)]);
+    return videoprobe::encodeFacts(videoprobe::readFacts(request.substr(sizeof(end) + 1), policy,
+                                                         Clock::time_point(Clock::duration(end))));
 }
 
-std::string readInChild(const std::string& path, videoprobe::StreamInfoPolicy policy,
-                        Clock::time_point deadline) {
-    av_log_set_callback(writeLibraryLine);
-    return videoprobe::encodeFacts(videoprobe::readFacts(path, policy, deadline));
-}
-
-// Where no child can be made (no memory for its tables, a process limit), the
-// file is read here, under the read guard, rather than stored without its
-// duration for good.
+// Without a reader process (a program of the library that started none), the
+// file is read here, under the read guard.
 bool readHere(const std::string& path, videoprobe::StreamInfoPolicy policy,
               Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
     MediaReadGuard guard(path);
@@ -67,23 +65,18 @@ bool readHere(const std::string& path, videoprobe::StreamInfoPolicy policy,
 // in a bounded child, it costs that child alone.
 bool gatherFacts(const std::string& path, videoprobe::StreamInfoPolicy policy,
                  Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
-    ContainerReader::sPrepare();
     std::string report;
-    int endSignal = 0;
-    switch (BoundedChild::sRun([&] { return readInChild(path, policy, deadline); },
-                               deadline + std::chrono::seconds(kReportGraceSeconds), report,
-                               endSignal)) {
-        case BoundedChild::kReported:
+    switch (BoundedSpawner::sRun(requestFor(path, policy, deadline),
+                                 deadline + std::chrono::seconds(kReportGraceSeconds), report)) {
+        case BoundedSpawner::kReported:
             return videoprobe::decodeFacts(report, facts);
-        case BoundedChild::kNotStarted:
-            QLOG(WARNING) << "can't start a process to read " << path << "; read by the daemon";
+        case BoundedSpawner::kNotStarted:
             return readHere(path, policy, deadline, facts);
-        case BoundedChild::kDied:
-            QLOG(WARNING) << "the process reading " << path << " ended without an answer (signal "
-                          << endSignal << ")";
+        case BoundedSpawner::kDied:
+            QLOG(WARNING) << "the process reading " << path << " ended without an answer";
             return false;
-        case BoundedChild::kTimedOut:
-            QLOG(WARNING) << "the process reading " << path << " ran out of time; killed";
+        case BoundedSpawner::kTimedOut:
+            QLOG(WARNING) << "the process reading " << path << " ran out of time";
             return false;
     }
     return false;
@@ -135,6 +128,12 @@ bool readContainer(const std::string& path, metadata_s& metadata, StreamInfoPoli
 }
 
 }  // namespace videoprobe
+
+bool Metadata::sStartVideoReaders() {
+    // Made once here, the tables of formats and codecs are every child's.
+    ContainerReader::sPrepare();
+    return BoundedSpawner::sStart(readRequested);
+}
 
 int Metadata::getVideoMetadata(const std::string& path, const std::string& name,
                                long defaultModifyTime, metadata_s& metadata,

@@ -50,7 +50,8 @@ bool decodeFacts(const std::string& text, ContainerFacts& facts);
 
 // The container part of video extraction: fills metadata.duration and, for the
 // MP4 family, metadata.date from the creation time. The container is parsed in
-// a BoundedChild, so that a crafted one costs that child, not the caller.
+// a child of the reader process (Metadata::sStartVideoReaders), or here when
+// there is none.
 // false, with the record untouched, when path is not a regular file holding a
 // container that ContainerReader takes within openLimit, or its reader died or
 // ran out of time. Any thread.

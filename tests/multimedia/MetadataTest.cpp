@@ -146,9 +146,11 @@ TEST_F(MetadataTest, DamagedOrStrangeFilesFailQuicklyWithATitleAndADate) {
 }
 
 // Probing the streams only where the header leaves things open gives the
-// record that probing always gives.
+// record that probing always gives. Read in the daemon's way: in children of
+// the reader process (other tests read here).
 TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsAreProbedOrNot) {
     using namespace talvern::videoprobe;
+    ASSERT_TRUE(Metadata::sStartVideoReaders());
     const std::string v = kBlue + "-c:v mpeg4", created = " -metadata creation_time=";
     const std::string color = kBlue + "-t 2 -c:v ";
     const std::string sine = "-f lavfi -i sine=frequency=440:sample_rate=8000 ";

@@ -2,7 +2,6 @@
 #define QUORVIA_TESTS_SUPPORT_PEAKMEMORY_H
 
 #include <stdlib.h>
-#include <sys/resource.h>
 
 #include <fstream>
 #include <string>
@@ -20,13 +19,6 @@ inline long peakResidentKiB() {
         }
     }
     return -1;
-}
-
-// The most resident memory any child this process reaped has held, in KiB;
-// it counts what the child shared with this process at the fork.
-inline long peakChildResidentKiB() {
-    struct rusage usage;
-    return getrusage(RUSAGE_CHILDREN, &usage) == 0 ? usage.ru_maxrss : -1;
 }
 
 }  // namespace quorvia_test

@@ -1,0 +1,361 @@
+#include "system/BoundedSpawner.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace talvern {
+
+namespace {
+
+typedef std::chrono::steady_clock Clock;
+
+// This process's end of the spawner's control socket; -1 without a spawner.
+// Set at start-up, before other threads, and only read afterwards.
+int gControl = -1;
+
+// Where the spawner keeps its control socket and a child its reply; every
+// descriptor above is closed.
+const int kKeptFd = 3;
+// Where close_range is missing (kernels before 5.9), descriptors are closed
+// one by one up to the descriptor limit, and no further than this.
+const int kMaxInheritedFd = 65536;
+// The process's own views, not device files: never taken under the device
+// root.
+const char* const kStatmFile = "/proc/self/statm";
+const char* const kOomScoreFile = "/proc/self/oom_score_adj";
+const char kFirstToKill[] = "1000";
+const int kResetSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGCHLD};
+const int kWorkThrewStatus = 2;
+const std::size_t kReadChunk = 4096;
+// How long after the deadline a caller waits for a child to be seen ending.
+const int kEndMarginMilliseconds = 1000;
+
+typedef uint32_t ReportSize;
+// The spawner's reply when it could not fork a child.
+const ReportSize kNotForked = 0xffffffff;
+
+// The process's own end follows its parent's: a spawner ends with this
+// process, a child with the spawner.
+void endWithParent(int parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(0);
+    }
+}
+
+void resetSignals() {
+    for (const int signalNumber : kResetSignals) {
+        signal(signalNumber, SIG_DFL);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, NULL);
+}
+
+// Moves fd to kKeptFd and closes every descriptor above it.
+void keepOnly(int fd) {
+    if (fd != kKeptFd) {
+        dup2(fd, kKeptFd);
+    }
+    if (close_range(kKeptFd + 1, ~0U, 0) == 0) {
+        return;
+    }
+    struct rlimit limit;
+    const int last = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kMaxInheritedFd
+                         ? static_cast<int>(limit.rlim_cur)
+                         : kMaxInheritedFd;
+    for (int other = kKeptFd + 1; other < last; ++other) {
+        close(other);
+    }
+}
+
+// The address space mapped now (the first field of statm, in pages), or 0
+// when it can't be read.
+uint64_t mappedBytes() {
+    const int fd = open(kStatmFile, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    char text[64];
+    const ssize_t got = read(fd, text, sizeof(text));
+    close(fd);
+    uint64_t pages = 0;
+    for (ssize_t i = 0; i < got && text[i] >= '0' && text[i] <= '9'; ++i) {
+        pages = pages * 10 + static_cast<uint64_t>(text[i] - '0');
+    }
+    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Unknown, the mapping is left unlimited rather than limited to less than
+// the child already holds.
+void limitMemory() {
+    const uint64_t mapped = mappedBytes();
+    struct rlimit limit;
+    if (mapped == 0 || getrlimit(RLIMIT_AS, &limit) != 0) {
+        return;
+    }
+    const rlim_t wanted = static_cast<rlim_t>(mapped + BoundedSpawner::kMaxMemoryBytes);
+    if (limit.rlim_cur == RLIM_INFINITY || wanted < limit.rlim_cur) {
+        limit.rlim_cur = std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_AS, &limit);
+    }
+}
+
+void preferForOomKiller() {
+    const int fd = open(kOomScoreFile, O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        const ssize_t ignored = write(fd, kFirstToKill, sizeof(kFirstToKill) - 1);
+        static_cast<void>(ignored);
+        close(fd);
+    }
+}
+
+int64_t nanosecondsOf(Clock::time_point point) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(point.time_since_epoch()).count();
+}
+
+// SIGALRM at its default action ends the child at the deadline, whatever
+// its work is doing; one already past ends it at once.
+void endAt(int64_t deadline) {
+    const int64_t left = std::max<int64_t>(deadline - nanosecondsOf(Clock::now()), 1000);
+    struct itimerval alarm = {};
+    alarm.it_value.tv_sec = static_cast<time_t>(left / 1000000000);
+    alarm.it_value.tv_usec = static_cast<suseconds_t>(left % 1000000000 / 1000);
+    setitimer(ITIMER_REAL, &alarm, NULL);
+}
+
+void writeAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return;
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+// One request on the control socket: its bytes, and the descriptor of its
+// reply passed along. false when the socket failed or closed.
+bool sendRequest(int control, const std::string& message, int reply) {
+    struct iovec part = {const_cast<char*>(message.data()), message.size()};
+    union {
+        char space[CMSG_SPACE(sizeof(int))];
+        struct cmsghdr align;
+    } passed = {};
+    struct msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = passed.space;
+    header.msg_controllen = sizeof(passed.space);
+    struct cmsghdr* descriptor = CMSG_FIRSTHDR(&header);
+    descriptor->cmsg_level = SOL_SOCKET;
+    descriptor->cmsg_type = SCM_RIGHTS;
+    descriptor->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(descriptor), &reply, sizeof(int));
+    ssize_t sent;
+    do {
+        sent = sendmsg(control, &header, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(message.size());
+}
+
+// The next request's bytes and reply descriptor (-1 when none came with it,
+// or the request was cut). -1 when the socket failed; 0 when it closed.
+ssize_t receiveRequest(int control, char* buffer, std::size_t size, int& reply) {
+    struct iovec part = {buffer, size};
+    union {
+        char space[CMSG_SPACE(sizeof(int))];
+        struct cmsghdr align;
+    } passed;
+    struct msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = passed.space;
+    header.msg_controllen = sizeof(passed.space);
+    ssize_t got;
+    do {
+        got = recvmsg(control, &header, MSG_CMSG_CLOEXEC);
+    } while (got < 0 && errno == EINTR);
+    reply = -1;
+    struct cmsghdr* descriptor = got > 0 ? CMSG_FIRSTHDR(&header) : NULL;
+    if (descriptor != NULL && descriptor->cmsg_type == SCM_RIGHTS &&
+        descriptor->cmsg_len == CMSG_LEN(sizeof(int))) {
+        memcpy(&reply, CMSG_DATA(descriptor), sizeof(int));
+    }
+    if (reply >= 0 && (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+        close(reply);
+        reply = -1;
+    }
+    return got;
+}
+
+int millisecondsUntil(Clock::time_point deadline) {
+    const int64_t left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::min<int64_t>(left + 1, INT_MAX));
+}
+
+// Reads the reply until the child closes it. false: the deadline came first,
+// or the reply can't be waited on.
+bool readReply(int fd, Clock::time_point deadline, std::string& reply) {
+    char chunk[kReadChunk];
+    for (;;) {
+        struct pollfd ready = {fd, POLLIN, 0};
+        const int wait = millisecondsUntil(deadline);
+        const int polled = wait <= 0 ? 0 : poll(&ready, 1, wait);
+        if (polled < 0 && errno == EINTR) {
+            continue;
+        }
+        if (polled <= 0) {
+            return false;
+        }
+        const ssize_t got = read(fd, chunk, sizeof(chunk));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return true;
+        }
+        const std::size_t room =
+            sizeof(ReportSize) + BoundedSpawner::kMaxReportBytes - reply.size();
+        reply.append(chunk, std::min(static_cast<std::size_t>(got), room));
+    }
+}
+
+// A reply is the report's size, then the report: a child that died while
+// writing it leaves one that doesn't add up.
+bool unframe(const std::string& reply, std::string& report) {
+    ReportSize size = 0;
+    if (reply.size() < sizeof(size)) {
+        return false;
+    }
+    memcpy(&size, reply.data(), sizeof(size));
+    if (reply.size() - sizeof(size) != size) {
+        return false;
+    }
+    report = reply.substr(sizeof(size));
+    return true;
+}
+
+}  // namespace
+
+bool BoundedSpawner::sStart(const Work& work) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+        return false;
+    }
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        sServe(work, ends[1], parent);
+    }
+    close(ends[1]);
+    if (pid < 0) {
+        close(ends[0]);
+        return false;
+    }
+    gControl = ends[0];
+    return true;
+}
+
+BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::time_point deadline,
+                                             std::string& report) {
+    report.clear();
+    int ends[2];
+    if (gControl < 0 || request.size() > kMaxRequestBytes ||
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return kNotStarted;
+    }
+    const int64_t end = nanosecondsOf(deadline);
+    const bool sent = sendRequest(
+        gControl, std::string(reinterpret_cast<const char*>(&end), sizeof(end)) + request, ends[1]);
+    close(ends[1]);
+    std::string reply;
+    const bool ended =
+        sent &&
+        readReply(ends[0], deadline + std::chrono::milliseconds(kEndMarginMilliseconds), reply);
+    close(ends[0]);
+    if (!sent ||
+        reply == std::string(reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked))) {
+        return kNotStarted;
+    }
+    if (ended && unframe(reply, report)) {
+        return kReported;
+    }
+    return !ended || Clock::now() >= deadline ? kTimedOut : kDied;
+}
+
+// Children are reaped by the kernel (SIGCHLD ignored): the spawner waits on
+// nothing but its control socket, and ends when this process closes it.
+void BoundedSpawner::sServe(const Work& work, int control, int parent) {
+    endWithParent(parent);
+    resetSignals();
+    signal(SIGCHLD, SIG_IGN);
+    keepOnly(control);
+    if (chdir("/") != 0) {
+        _exit(0);
+    }
+    const int spawner = getpid();
+    char buffer[sizeof(int64_t) + kMaxRequestBytes];
+    for (;;) {
+        int reply = -1;
+        const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
+        if (got <= 0) {
+            _exit(0);
+        }
+        if (reply >= 0 && static_cast<std::size_t>(got) >= sizeof(int64_t)) {
+            int64_t deadline = 0;
+            memcpy(&deadline, buffer, sizeof(deadline));
+            const std::string request(buffer + sizeof(deadline), got - sizeof(deadline));
+            const pid_t child = fork();
+            if (child == 0) {
+                sRunChild(work, request, deadline, reply, spawner);
+            }
+            if (child < 0) {
+                writeAll(reply, reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked));
+            }
+        }
+        if (reply >= 0) {
+            close(reply);
+        }
+    }
+}
+
+void BoundedSpawner::sRunChild(const Work& work, const std::string& request, int64_t deadline,
+                               int reply, int spawner) {
+    endWithParent(spawner);
+    signal(SIGCHLD, SIG_DFL);
+    keepOnly(reply);
+    preferForOomKiller();
+    limitMemory();
+    endAt(deadline);
+    std::string report;
+    try {
+        report = work(request);
+    } catch (...) {
+        _exit(kWorkThrewStatus);
+    }
+    report.resize(std::min(report.size(), kMaxReportBytes));
+    const ReportSize size = static_cast<ReportSize>(report.size());
+    writeAll(kKeptFd, reinterpret_cast<const char*>(&size), sizeof(size));
+    writeAll(kKeptFd, report.data(), report.size());
+    _exit(0);
+}
+
+}  // namespace talvern

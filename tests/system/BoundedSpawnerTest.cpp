@@ -1,0 +1,182 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "system/BoundedSpawner.h"
+
+namespace {
+
+using talvern::BoundedSpawner;
+
+typedef std::chrono::steady_clock Clock;
+
+std::string descriptorsHeld() {
+    std::string held;
+    DIR* folder = opendir("/proc/self/fd");
+    for (struct dirent* entry; (entry = readdir(folder)) != NULL;) {
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(folder)) {
+            held += std::string(held.empty() ? "" : " ") + entry->d_name;
+        }
+    }
+    closedir(folder);
+    return held;
+}
+
+std::string firstLineOf(const char* file) {
+    std::string line;
+    std::ifstream(file) >> line;
+    return line;
+}
+
+std::string memoryBounds() {
+    // volatile: a compiler may take an allocation only compared with NULL to
+    // succeed.
+    void* volatile room = malloc(BoundedSpawner::kMaxMemoryBytes / 2);
+    void* volatile beyond = malloc(BoundedSpawner::kMaxMemoryBytes);
+    return std::string(room != NULL ? "room" : "none") + "/" +
+           (beyond != NULL ? "beyond" : "refused") + "/" + firstLineOf("/proc/self/oom_score_adj");
+}
+
+std::string work(const std::string& request) {
+    if (request == "descriptors") {
+        return descriptorsHeld();
+    }
+    if (request == "big") {
+        return std::string(BoundedSpawner::kMaxReportBytes + 1, 'x');
+    }
+    if (request == "crash") {
+        raise(SIGSEGV);
+    }
+    if (request == "throw") {
+        throw std::runtime_error("no");
+    }
+    if (request == "sleep") {
+        sleep(30);
+    }
+    if (request == "memory") {
+        return memoryBounds();
+    }
+    if (request == "spawner") {
+        return std::to_string(getppid());
+    }
+    if (request == "time") {
+        const time_t now = time(NULL);
+        struct tm parts;
+        gmtime_r(&now, &parts);
+    }
+    if (request == "pause") {
+        usleep(50000);
+    }
+    return request;
+}
+
+class BoundedSpawnerTest : public ::testing::Test {
+protected:
+    // The caller's crash handler would end a child as if it had reported.
+    static void SetUpTestSuite() {
+        signal(SIGSEGV, [](int) { _exit(0); });
+        ASSERT_TRUE(BoundedSpawner::sStart(work));
+    }
+
+    BoundedSpawner::Outcome run(const std::string& request, std::string& report,
+                                Clock::duration limit = std::chrono::seconds(30)) {
+        return BoundedSpawner::sRun(request, Clock::now() + limit, report);
+    }
+};
+
+TEST_F(BoundedSpawnerTest, TheWorkRunsApartWithItsReportAndNoneOfTheCallersDescriptors) {
+    const int extra = open("/dev/null", O_RDONLY);
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kReported, run("descriptors", report));
+    EXPECT_EQ("0 1 2 3", report);
+    EXPECT_EQ(BoundedSpawner::kReported, run("big", report));
+    EXPECT_EQ(BoundedSpawner::kMaxReportBytes, report.size());
+    EXPECT_EQ(BoundedSpawner::kNotStarted,
+              run(std::string(BoundedSpawner::kMaxRequestBytes + 1, 'r'), report));
+    close(extra);
+}
+
+TEST_F(BoundedSpawnerTest, AChildThatCrashesOrThrowsDiesWithoutAReport) {
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kDied, run("crash", report));
+    EXPECT_EQ("", report);
+    EXPECT_EQ(BoundedSpawner::kDied, run("throw", report));
+}
+
+// Not a second later, when the caller would give up on it.
+TEST_F(BoundedSpawnerTest, AChildEndsAtItsDeadline) {
+    std::string report;
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(BoundedSpawner::kTimedOut, run("sleep", report, std::chrono::milliseconds(100)));
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(900));
+}
+
+TEST_F(BoundedSpawnerTest, MemoryBeyondTheBoundIsRefusedAndTheChildIsTheFirstToKill) {
+#ifdef QUORVIA_EMULATED
+    GTEST_SKIP() << "qemu-user ignores a limit of the address space";
+#endif
+    std::string report;
+    // Under a sanitizer, an allocation it can't make ends the child.
+    if (run("memory", report) != BoundedSpawner::kDied) {
+        EXPECT_EQ("room/refused/1000", report);
+    }
+}
+
+// A program that links the library may have handlers that interrupt its
+// waits (a SIGCHLD of its own, a timer).
+TEST_F(BoundedSpawnerTest, SignalsThatInterruptTheCallersWaitsLoseNoReport) {
+    struct sigaction interrupting = {};
+    interrupting.sa_handler = [](int) {};
+    sigaction(SIGALRM, &interrupting, NULL);
+    sigaction(SIGCHLD, &interrupting, NULL);
+    const struct itimerval everyMillisecond = {{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &everyMillisecond, NULL);
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kReported, run("pause", report, std::chrono::seconds(5)));
+    EXPECT_EQ("pause", report);
+    const struct itimerval stop = {};
+    setitimer(ITIMER_REAL, &stop, NULL);
+}
+
+// Children forked from this multithreaded process once waited for ever on
+// the time zone lock that another thread held at the fork (regression).
+TEST_F(BoundedSpawnerTest, AChildTakesNoLockThatTheCallersThreadsHold) {
+    std::atomic<bool> stop(false);
+    std::thread local([&stop] {
+        for (time_t now = 0; !stop; ++now) {
+            struct tm parts;
+            localtime_r(&now, &parts);
+        }
+    });
+    int reported = 0;
+    for (int i = 0; i < 100; ++i) {
+        std::string report;
+        reported += run("time", report, std::chrono::seconds(5)) == BoundedSpawner::kReported;
+    }
+    stop = true;
+    local.join();
+    EXPECT_EQ(100, reported);
+}
+
+TEST_F(BoundedSpawnerTest, WithoutItsSpawnerNothingStarts) {
+    std::string spawner;
+    ASSERT_EQ(BoundedSpawner::kReported, run("spawner", spawner));
+    ASSERT_EQ(0, kill(atoi(spawner.c_str()), SIGKILL));
+    waitpid(atoi(spawner.c_str()), NULL, 0);
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kNotStarted, run("echo", report));
+}
+
+}  // namespace
