@@ -12,6 +12,7 @@ extern "C" {
 #include "multimedia/Metadata.h"
 #include "multimedia/MetadataTime.h"
 #include "multimedia/MetadataVideoProbe.h"
+#include "storage/FileStatus.h"
 #include "system/BoundedSpawner.h"
 #include "system/Log.h"
 
@@ -65,6 +66,11 @@ bool readHere(const std::string& path, videoprobe::StreamInfoPolicy policy,
 // in a bounded child, it costs that child alone.
 bool gatherFacts(const std::string& path, videoprobe::StreamInfoPolicy policy,
                  Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
+    // What is no regular file holds no container: no child is made for it.
+    FileStatus status;
+    if (FileStatus::sOfPath(path, status, true) != 0 || !status.isRegular()) {
+        return true;
+    }
     std::string report;
     switch (BoundedSpawner::sRun(requestFor(path, policy, deadline),
                                  deadline + std::chrono::seconds(kReportGraceSeconds), report)) {

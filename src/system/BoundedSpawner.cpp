@@ -10,10 +10,14 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
+#include <mutex>
+
+#include "system/Log.h"
 
 namespace talvern {
 
@@ -21,9 +25,11 @@ namespace {
 
 typedef std::chrono::steady_clock Clock;
 
-// This process's end of the spawner's control socket; -1 without a spawner.
-// Set at start-up, before other threads, and only read afterwards.
+// This process's end of the spawner's control socket, -1 without a spawner;
+// and the spawner. Set at start-up, before other threads, and only read
+// afterwards.
 int gControl = -1;
+pid_t gSpawner = -1;
 
 // Where the spawner keeps its control socket and a child its reply; every
 // descriptor above is closed.
@@ -36,7 +42,9 @@ const int kMaxInheritedFd = 65536;
 const char* const kStatmFile = "/proc/self/statm";
 const char* const kOomScoreFile = "/proc/self/oom_score_adj";
 const char kFirstToKill[] = "1000";
-const int kResetSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGCHLD};
+// SIGALRM included: a child ends at its deadline by it, even when the
+// daemon was started with it ignored.
+const int kResetSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGCHLD, SIGALRM};
 const int kWorkThrewStatus = 2;
 const std::size_t kReadChunk = 4096;
 // How long after the deadline a caller waits for a child to be seen ending.
@@ -271,6 +279,7 @@ bool BoundedSpawner::sStart(const Work& work) {
         return false;
     }
     gControl = ends[0];
+    gSpawner = pid;
     return true;
 }
 
@@ -291,8 +300,11 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
         sent &&
         readReply(ends[0], deadline + std::chrono::milliseconds(kEndMarginMilliseconds), reply);
     close(ends[0]);
-    if (!sent ||
-        reply == std::string(reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked))) {
+    if (!sent) {
+        sNoteSpawnerEnded();
+        return kNotStarted;
+    }
+    if (reply == std::string(reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked))) {
         return kNotStarted;
     }
     if (ended && unframe(reply, report)) {
@@ -301,16 +313,25 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
     return !ended || Clock::now() >= deadline ? kTimedOut : kDied;
 }
 
+// A control socket whose other end is gone: the spawner has ended.
+void BoundedSpawner::sNoteSpawnerEnded() {
+    static std::once_flag noted;
+    std::call_once(noted, [] {
+        waitpid(gSpawner, NULL, 0);
+        QLOG(WARNING) << "the process that starts video readers has ended; videos are read "
+                         "by the daemon";
+    });
+}
+
 // Children are reaped by the kernel (SIGCHLD ignored): the spawner waits on
-// nothing but its control socket, and ends when this process closes it.
+// nothing but its control socket, and ends when this process closes it. A
+// reply whose caller stopped waiting is no reason to end (SIGPIPE ignored).
 void BoundedSpawner::sServe(const Work& work, int control, int parent) {
     endWithParent(parent);
     resetSignals();
     signal(SIGCHLD, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     keepOnly(control);
-    if (chdir("/") != 0) {
-        _exit(0);
-    }
     const int spawner = getpid();
     char buffer[sizeof(int64_t) + kMaxRequestBytes];
     for (;;) {

@@ -58,11 +58,12 @@ public:
 
     // Has work(request) run in a child and waits for its report until
     // deadline. Any thread; the children of concurrent calls run side by
-    // side.
+    // side. A spawner found ended is reaped and logged, once.
     static Outcome sRun(const std::string& request, std::chrono::steady_clock::time_point deadline,
                         std::string& report);
 
 private:
+    static void sNoteSpawnerEnded();
     [[noreturn]] static void sServe(const Work& work, int control, int parent);
     [[noreturn]] static void sRunChild(const Work& work, const std::string& request,
                                        int64_t deadline, int reply, int spawner);

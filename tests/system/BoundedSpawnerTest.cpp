@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -68,6 +69,11 @@ std::string work(const std::string& request) {
     if (request == "memory") {
         return memoryBounds();
     }
+    if (request == "pipe") {
+        struct sigaction current;
+        sigaction(SIGPIPE, NULL, &current);
+        return current.sa_handler == SIG_IGN ? "ignored" : "default";
+    }
     if (request == "spawner") {
         return std::to_string(getppid());
     }
@@ -84,9 +90,11 @@ std::string work(const std::string& request) {
 
 class BoundedSpawnerTest : public ::testing::Test {
 protected:
-    // The caller's crash handler would end a child as if it had reported.
+    // The caller's crash handler would end a child as if it had reported;
+    // the daemon may be started with SIGALRM ignored.
     static void SetUpTestSuite() {
         signal(SIGSEGV, [](int) { _exit(0); });
+        signal(SIGALRM, SIG_IGN);
         ASSERT_TRUE(BoundedSpawner::sStart(work));
     }
 
@@ -106,6 +114,9 @@ TEST_F(BoundedSpawnerTest, TheWorkRunsApartWithItsReportAndNoneOfTheCallersDescr
     EXPECT_EQ(BoundedSpawner::kNotStarted,
               run(std::string(BoundedSpawner::kMaxRequestBytes + 1, 'r'), report));
     close(extra);
+    // A reply whose caller stopped waiting once ended the spawner.
+    EXPECT_EQ(BoundedSpawner::kReported, run("pipe", report));
+    EXPECT_EQ("ignored", report);
 }
 
 TEST_F(BoundedSpawnerTest, AChildThatCrashesOrThrowsDiesWithoutAReport) {
@@ -170,13 +181,25 @@ TEST_F(BoundedSpawnerTest, AChildTakesNoLockThatTheCallersThreadsHold) {
     EXPECT_EQ(100, reported);
 }
 
+char stateOf(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::size_t end = text.rfind(')');
+    return end == std::string::npos || end + 2 >= text.size() ? '?' : text[end + 2];
+}
+
+// Once ended, the spawner is reaped and nothing more is started.
 TEST_F(BoundedSpawnerTest, WithoutItsSpawnerNothingStarts) {
     std::string spawner;
     ASSERT_EQ(BoundedSpawner::kReported, run("spawner", spawner));
-    ASSERT_EQ(0, kill(atoi(spawner.c_str()), SIGKILL));
-    waitpid(atoi(spawner.c_str()), NULL, 0);
+    const pid_t pid = atoi(spawner.c_str());
+    ASSERT_EQ(0, kill(pid, SIGKILL));
+    while (stateOf(pid) != 'Z') {
+        usleep(1000);
+    }
     std::string report;
     EXPECT_EQ(BoundedSpawner::kNotStarted, run("echo", report));
+    EXPECT_EQ(-1, waitpid(pid, NULL, WNOHANG));
 }
 
 }  // namespace
