@@ -1,5 +1,6 @@
 #include "system/DiskFolders.h"
 
+#include <dirent.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -80,7 +81,27 @@ DiskFolders::DiskFolders(const std::string& userdiskRoot, const std::string& dat
       data_(realPathOf(dataFolder)),
       extdisks_(realPathOf(extdiskRoot)),
       userdiskEntry_(entryOf(userdiskRoot)),
-      dataEntry_(entryOf(dataFolder)) {}
+      dataEntry_(entryOf(dataFolder)) {
+    addExternalDisks();
+}
+
+// An external disk's mount point may itself be a link: the disk is where it
+// leads.
+void DiskFolders::addExternalDisks() {
+    DIR* folder = extdisks_.empty() ? NULL : opendir(extdisks_.c_str());
+    if (folder == NULL) {
+        return;
+    }
+    for (struct dirent* entry; (entry = readdir(folder)) != NULL;) {
+        const std::string name = entry->d_name;
+        const std::string disk =
+            name == "." || name == ".." ? "" : realPathOf(joined(extdisks_, name));
+        if (!disk.empty()) {
+            externalDisks_.push_back(disk);
+        }
+    }
+    closedir(folder);
+}
 
 bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string& real) const {
     std::deque<std::string> left = partsOf(folder);
@@ -126,8 +147,16 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
 }
 
 bool DiskFolders::holds(const std::string& realFolder) const {
-    return within(data_, realFolder) || within(userdisk_, realFolder) ||
-           (within(extdisks_, realFolder) && realFolder != extdisks_);
+    if (within(data_, realFolder) || within(userdisk_, realFolder) ||
+        (within(extdisks_, realFolder) && realFolder != extdisks_)) {
+        return true;
+    }
+    for (const std::string& disk : externalDisks_) {
+        if (within(disk, realFolder)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool DiskFolders::isPlanted(const std::string& entry, const std::string& realParent) const {

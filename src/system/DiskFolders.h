@@ -2,6 +2,7 @@
 #define QUORVIA_SYSTEM_DISKFOLDERS_H
 
 #include <string>
+#include <vector>
 
 namespace talvern {
 
@@ -28,6 +29,7 @@ public:
     bool holds(const std::string& realFolder) const;
 
 private:
+    void addExternalDisks();
     bool isPlanted(const std::string& entry, const std::string& realParent) const;
 
     std::string userdisk_;
@@ -36,6 +38,8 @@ private:
     // Where the entries of the user disk and the data folder themselves lie.
     std::string userdiskEntry_;
     std::string dataEntry_;
+    // Where each entry of the external disks' root leads.
+    std::vector<std::string> externalDisks_;
 };
 
 }  // namespace talvern

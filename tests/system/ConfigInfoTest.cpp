@@ -118,10 +118,14 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     // However the caller or the device root spells the path, and wherever
     // the current folder lies (regressions).
     fs::create_symlink(path("/outside"), path("/real-data/planted"));
+    fs::create_directories(path("/mnt/sdc1"));
+    fs::create_symlink(path("/mnt/sdc1"), path("/extdisks/sdc1"));
+    fs::create_symlink(path("/outside"), path("/mnt/sdc1/zentrel_config"));
     for (const std::string& spelling :
          {path("//extdisks/./sdb1//zentrel_config/a.cfg"),
           path("/outside/../extdisks/sdb1/zentrel_config/b.cfg"), std::string("planted/c.cfg"),
-          std::string("../userdisk/data/planted/d.cfg")}) {
+          std::string("../userdisk/data/planted/d.cfg"),
+          path("/extdisks/sdc1/zentrel_config/e.cfg")}) {
         ASSERT_EQ(0, chdir(path("/userdisk/data").c_str()));
         info()->setConfigToFile(spelling, "k", "v");
     }
@@ -131,9 +135,11 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     // A link at the file itself is replaced; what it led to was read and
     // copied onto the disk (regression).
     writeFile("/secret.cfg", "password = \"s3cret\";\n");
-    fs::create_symlink(path("/secret.cfg"), path("/extdisks/sdb1/leak.cfg"));
-    info()->setConfigToFile(path("/extdisks/sdb1/leak.cfg"), "k", "v");
-    EXPECT_EQ("k = \"v\";\n", readFile("/extdisks/sdb1/leak.cfg"));
+    for (const std::string disk : {"/extdisks/sdb1", "/extdisks/sdc1"}) {
+        fs::create_symlink(path("/secret.cfg"), path(disk + "/leak.cfg"));
+        info()->setConfigToFile(path(disk + "/leak.cfg"), "k", "v");
+        EXPECT_EQ("k = \"v\";\n", readFile(disk + "/leak.cfg")) << disk;
+    }
 }
 
 // /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
