@@ -49,6 +49,9 @@ const int kWorkThrewStatus = 2;
 const std::size_t kReadChunk = 4096;
 // How long after the deadline a caller waits for a child to be seen ending.
 const int kEndMarginMilliseconds = 1000;
+// How long an ending spawner is waited for, to be reaped.
+const int kMaxReapWaits = 100;
+const int kReapWaitMicroseconds = 1000;
 
 typedef uint32_t ReportSize;
 // The spawner's reply when it could not fork a child.
@@ -159,8 +162,8 @@ void writeAll(int fd, const char* data, std::size_t size) {
 }
 
 // One request on the control socket: its bytes, and the descriptor of its
-// reply passed along. false when the socket failed or closed.
-bool sendRequest(int control, const std::string& message, int reply) {
+// reply passed along. 0, or the error that stopped it.
+int sendRequest(int control, const std::string& message, int reply) {
     struct iovec part = {const_cast<char*>(message.data()), message.size()};
     union {
         char space[CMSG_SPACE(sizeof(int))];
@@ -180,7 +183,7 @@ bool sendRequest(int control, const std::string& message, int reply) {
     do {
         sent = sendmsg(control, &header, MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
-    return sent == static_cast<ssize_t>(message.size());
+    return sent < 0 ? errno : (sent == static_cast<ssize_t>(message.size()) ? 0 : EMSGSIZE);
 }
 
 // The next request's bytes and reply descriptor (-1 when none came with it,
@@ -292,16 +295,18 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
         return kNotStarted;
     }
     const int64_t end = nanosecondsOf(deadline);
-    const bool sent = sendRequest(
+    const int sendError = sendRequest(
         gControl, std::string(reinterpret_cast<const char*>(&end), sizeof(end)) + request, ends[1]);
     close(ends[1]);
     std::string reply;
     const bool ended =
-        sent &&
+        sendError == 0 &&
         readReply(ends[0], deadline + std::chrono::milliseconds(kEndMarginMilliseconds), reply);
     close(ends[0]);
-    if (!sent) {
+    if (sendError == EPIPE || sendError == ECONNRESET) {
         sNoteSpawnerEnded();
+    }
+    if (sendError != 0) {
         return kNotStarted;
     }
     if (reply == std::string(reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked))) {
@@ -313,11 +318,14 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
     return !ended || Clock::now() >= deadline ? kTimedOut : kDied;
 }
 
-// A control socket whose other end is gone: the spawner has ended.
+// A control socket whose other end is gone: the spawner has ended, or is
+// ending (it closes the socket only by ending).
 void BoundedSpawner::sNoteSpawnerEnded() {
     static std::once_flag noted;
     std::call_once(noted, [] {
-        waitpid(gSpawner, NULL, 0);
+        for (int wait = 0; wait < kMaxReapWaits && waitpid(gSpawner, NULL, WNOHANG) == 0; ++wait) {
+            usleep(kReapWaitMicroseconds);
+        }
         QLOG(WARNING) << "the process that starts video readers has ended; videos are read "
                          "by the daemon";
     });

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -179,6 +180,29 @@ TEST_F(BoundedSpawnerTest, AChildTakesNoLockThatTheCallersThreadsHold) {
     stop = true;
     local.join();
     EXPECT_EQ(100, reported);
+}
+
+// The control socket: the one sequenced-packet socket this process holds.
+int controlSocket() {
+    for (int fd = 0; fd < 1024; ++fd) {
+        int type = 0;
+        socklen_t size = sizeof(type);
+        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+// A request the socket can't take (memory short, a buffer too small) once
+// held its caller for ever, waiting for a spawner that had not ended.
+TEST_F(BoundedSpawnerTest, ARequestThatCantBeSentStartsNothingAndTheSpawnerServesOn) {
+    const int small = 1;  // the kernel takes its least
+    ASSERT_EQ(0, setsockopt(controlSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kNotStarted,
+              run(std::string(BoundedSpawner::kMaxRequestBytes, 'r'), report));
+    EXPECT_EQ(BoundedSpawner::kReported, run("echo", report));
 }
 
 char stateOf(pid_t pid) {
