@@ -110,6 +110,8 @@ TEST_F(BoundedSpawnerTest, TheWorkRunsApartWithItsReportAndNoneOfTheCallersDescr
     std::string report;
     EXPECT_EQ(BoundedSpawner::kReported, run("descriptors", report));
     EXPECT_EQ("0 1 2 3", report);
+    EXPECT_EQ(BoundedSpawner::kReported, run("", report));
+    EXPECT_EQ("", report);
     EXPECT_EQ(BoundedSpawner::kReported, run("big", report));
     EXPECT_EQ(BoundedSpawner::kMaxReportBytes, report.size());
     EXPECT_EQ(BoundedSpawner::kNotStarted,
