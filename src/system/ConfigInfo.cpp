@@ -175,7 +175,7 @@ void ConfigInfo::init() {
     }
     Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
 
-    if (File::sExists(globalConfigPath_)) {
+    if (isFileToRead(globalConfigPath_)) {
         boost::lock_guard<boost::mutex> lock(configMutex_);
         globalConfigLoadFailed_ = true;
         try {
@@ -191,7 +191,7 @@ void ConfigInfo::init() {
 }
 
 bool ConfigInfo::reloadFailedGlobalConfig() {
-    if (!File::sExists(globalConfigPath_)) {
+    if (!isFileToRead(globalConfigPath_)) {
         return true;
     }
     try {

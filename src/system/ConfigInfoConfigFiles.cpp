@@ -101,7 +101,7 @@ std::string elementText(const libconfig::Setting& element) {
 std::string ConfigInfo::getConfig(const std::string& key) {
     QLOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath_;
     try {
-        if (File::sExists(globalConfigPath_)) {
+        if (isFileToRead(globalConfigPath_)) {
             boost::lock_guard<boost::mutex> lock(configMutex_);
             globalConfigLoadFailed_ = true;
             try {
@@ -130,6 +130,22 @@ DiskFolders ConfigInfo::diskFolders() const {
     return DiskFolders(userdiskRootPath_, userdiskDataPath_, extdiskRootPath_);
 }
 
+bool ConfigInfo::isFileToRead(const std::string& path) const {
+    if (!File::sExists(path)) {
+        return false;
+    }
+    const DiskFolders disks = diskFolders();
+    std::string realFolder;
+    FileStatus status;
+    const bool plain = disks.reachWithoutPlantedLink(folderOf(path), realFolder) &&
+                       (!disks.holds(realFolder) ||
+                        (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()));
+    if (!plain) {
+        QLOG(ERROR) << path << " leads through a link planted on a disk, not read";
+    }
+    return plain;
+}
+
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     QLOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::lock_guard<boost::mutex> lock(configMutex_);
@@ -156,13 +172,8 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     if (isBehindLink(disks, path, realFolder)) {
         return;
     }
-    // A link planted at the file's name on a disk is replaced, not read:
-    // what it leads to would be copied onto the disk.
     libconfig::Config config;
-    FileStatus status;
-    if (File::sExists(path) &&
-        (!disks.holds(realFolder) ||
-         (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()))) {
+    if (isFileToRead(path)) {
         ConfigUtils::sReadFile(config, path);
     }
     putString(config, key, value);

@@ -74,7 +74,7 @@ TEST_F(ConfigInfoTest, StartDeletesTheTwoLeftoverTreesOnlyAndNeverFollowsAPlante
     writeFile("/userdisk/.thumbnails/a/b.jpg", "x");
     writeFile("/userdisk/data/.systemconfig/DataBase/quorvia.db", "keep");
     writeFile("/outside/photos/p.jpg", "photo");
-    writeFile("/outside/victim.cfg", "victim");
+    writeFile("/outside/victim.cfg", "secret = \"s3cret\";\n");
     const std::string outside = quoted(path("/outside"));
     ASSERT_EQ(0, shell("cd " + quoted(path("/userdisk")) + " && ln -s " + outside +
                        "/photos talvernConfig/DataBase && ln -s " + outside +
@@ -87,11 +87,13 @@ TEST_F(ConfigInfoTest, StartDeletesTheTwoLeftoverTreesOnlyAndNeverFollowsAPlante
     EXPECT_EQ("photo", readFile("/outside/photos/p.jpg"));
     EXPECT_EQ("yes", info()->getConfig(ConfigInfo::sNeedCopyInstructionKey));
 
-    // The file is replaced as a whole: a link at its name is never written through.
+    // The file is replaced as a whole: a link at its name is never written
+    // through, nor read (what it led to was copied onto the disk).
     fs::remove(path(kGlobalFile));
     fs::create_symlink(path("/outside/victim.cfg"), path(kGlobalFile));
+    EXPECT_EQ("", info()->getConfig("secret"));
     info()->setConfig("k", "v");
-    EXPECT_EQ("victim", readFile("/outside/victim.cfg"));
+    EXPECT_EQ("secret = \"s3cret\";\n", readFile("/outside/victim.cfg"));
     EXPECT_FALSE(fs::is_symlink(path(kGlobalFile)));
     EXPECT_EQ("needCopyInstruction = \"yes\";\nk = \"v\";\n", global());
 }
