@@ -241,18 +241,27 @@ TEST_F(QuorviaDaemonTest, AFileThatCrashedItsReaderIsNotReadAgainAfterTheRestart
 
 // A video is read in a process of its own: a container that crashes its
 // reader ends that process, and the daemon answers as for a file it can't
-// read.
+// read. Where no such process can be started, the daemon reads the file.
 TEST_F(QuorviaDaemonTest, AVideoThatCrashesItsReaderLeavesTheDaemonServing) {
     const std::string clip = path("/userdisk/data/crash.mp4");
     writeFile("/userdisk/data/crash.mp4", "a container that crashes its reader");
+    ASSERT_EQ(0, shell("ffmpeg -nostdin -loglevel error -f lavfi -i color=size=32x32:rate=10 "
+                       "-t 2 -c:v mpeg4 " +
+                       quoted(path("/userdisk/data/read.mp4"))));
     crashOnOpen(clip);
+    // The reader process, the crash's reader, then none.
+    setenv("QUORVIA_FAIL_FORK", "3", 1);
     startDaemon();
-    EXPECT_EQ(
-        R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", "date": 7 })",
-        ThriftClient::sCallQuorvia(R"({"api":2,"path":")" + clip +
-                                   R"(","name":"crash.mp4","hash":"c1","defaultModifyTime":7})"));
+    const std::string request = R"({"api":2,"defaultModifyTime":7,"path":")";
+    EXPECT_EQ(R"({ "code": 0, "msg": "", "title": "crash.mp4", "duration": "", "date": 7 })",
+              ThriftClient::sCallQuorvia(request + clip + R"(","name":"crash.mp4","hash":"c"})"));
     EXPECT_EQ(-1, daemon_.waitForExit(0));
     EXPECT_TRUE(daemonSaid("the process reading " + clip + " ended without an answer"));
+    const std::string read = path("/userdisk/data/read.mp4");
+    EXPECT_NE(std::string::npos,
+              ThriftClient::sCallQuorvia(request + read + R"(","name":"read.mp4","hash":"r"})")
+                  .find(R"("duration": "2")"));
+    EXPECT_TRUE(daemonSaid("no process could be started to read " + read + "; read by the daemon"));
 }
 
 }  // namespace

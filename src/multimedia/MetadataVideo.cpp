@@ -50,8 +50,8 @@ std::string readRequested(const std::string& request) {
                                                          Clock::time_point(Clock::duration(end))));
 }
 
-// Without a reader process (a program of the library that started none), the
-// file is read here, under the read guard.
+// Without a reader process (a program of the library that started none, or
+// one that has ended), the file is read here, under the read guard.
 bool readHere(const std::string& path, videoprobe::StreamInfoPolicy policy,
               Clock::time_point deadline, videoprobe::ContainerFacts& facts) {
     MediaReadGuard guard(path);
@@ -77,6 +77,12 @@ bool gatherFacts(const std::string& path, videoprobe::StreamInfoPolicy policy,
         case BoundedSpawner::kReported:
             return videoprobe::decodeFacts(report, facts);
         case BoundedSpawner::kNotStarted:
+            return readHere(path, policy, deadline, facts);
+        // A limit met for a moment is no reason to store the file without
+        // its duration for good.
+        case BoundedSpawner::kNoChild:
+            QLOG(WARNING) << "no process could be started to read " << path
+                          << "; read by the daemon";
             return readHere(path, policy, deadline, facts);
         case BoundedSpawner::kDied:
             QLOG(WARNING) << "the process reading " << path << " ended without an answer";

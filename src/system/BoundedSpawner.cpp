@@ -310,7 +310,7 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
         return kNotStarted;
     }
     if (reply == std::string(reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked))) {
-        return kNotStarted;
+        return kNoChild;
     }
     if (ended && unframe(reply, report)) {
         return kReported;

@@ -40,6 +40,9 @@ public:
         // There is no spawner (never started, or gone), or the request is
         // longer than kMaxRequestBytes; nothing ran.
         kNotStarted,
+        // The spawner could not fork a child (a process limit, memory
+        // short); nothing ran.
+        kNoChild,
         // The child ended without a report: a crash, the memory limit met by
         // an allocation that can't fail, an exception.
         kDied,

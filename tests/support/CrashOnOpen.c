@@ -3,7 +3,8 @@
  * as a media library that crashes on that file would; so does making the
  * file named by QUORVIA_CRASH_ON_CREATE (an open with O_CREAT), as a death
  * at that moment would. The thread creation numbered QUORVIA_FAIL_THREAD
- * (from 1) fails with EAGAIN, as under a process limit. It defines both open
+ * (from 1) fails with EAGAIN, as under a process limit, and so does the fork
+ * numbered QUORVIA_FAIL_FORK (a forked process counts on). It defines both open
  * and open64, so the C library's names must not be redirected to the 64-bit
  * ones here. */
 #undef _FILE_OFFSET_BITS
@@ -17,6 +18,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static int isNamed(const char* variable, const char* path) {
     const char* chosen = getenv(variable);
@@ -92,4 +94,18 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
             RTLD_NEXT, "pthread_create");
     }
     return real(thread, attributes, run, argument);
+}
+
+pid_t fork(void) {
+    static pid_t (*real)(void);
+    static int forked;
+    const char* failing = getenv("QUORVIA_FAIL_FORK");
+    if (failing != NULL && __atomic_add_fetch(&forked, 1, __ATOMIC_SEQ_CST) == atoi(failing)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if (real == NULL) {
+        real = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+    }
+    return real();
 }

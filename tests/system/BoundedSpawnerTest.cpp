@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -11,7 +12,6 @@
 
 #include <atomic>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -207,22 +207,14 @@ TEST_F(BoundedSpawnerTest, ARequestThatCantBeSentStartsNothingAndTheSpawnerServe
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report));
 }
 
-char stateOf(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const std::size_t end = text.rfind(')');
-    return end == std::string::npos || end + 2 >= text.size() ? '?' : text[end + 2];
-}
-
 // Once ended, the spawner is reaped and nothing more is started.
 TEST_F(BoundedSpawnerTest, WithoutItsSpawnerNothingStarts) {
     std::string spawner;
     ASSERT_EQ(BoundedSpawner::kReported, run("spawner", spawner));
     const pid_t pid = atoi(spawner.c_str());
     ASSERT_EQ(0, kill(pid, SIGKILL));
-    while (stateOf(pid) != 'Z') {
-        usleep(1000);
-    }
+    struct pollfd closed = {controlSocket(), 0, 0};
+    ASSERT_EQ(1, poll(&closed, 1, 10000));
     std::string report;
     EXPECT_EQ(BoundedSpawner::kNotStarted, run("echo", report));
     EXPECT_EQ(-1, waitpid(pid, NULL, WNOHANG));
