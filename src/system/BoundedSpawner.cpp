@@ -216,6 +216,14 @@ ssize_t receiveRequest(int control, char* buffer, std::size_t size, int& reply) 
     return got;
 }
 
+// Whether the spawner's end of the control socket is gone. Asked of the
+// socket, not of a send's error, which kernels give differently (EPIPE,
+// ECONNREFUSED, ENOTCONN).
+bool controlClosed() {
+    struct pollfd control = {gControl, 0, 0};
+    return poll(&control, 1, 0) == 1 && (control.revents & (POLLHUP | POLLERR)) != 0;
+}
+
 int millisecondsUntil(Clock::time_point deadline) {
     const int64_t left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -303,7 +311,7 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
         sendError == 0 &&
         readReply(ends[0], deadline + std::chrono::milliseconds(kEndMarginMilliseconds), reply);
     close(ends[0]);
-    if (sendError == EPIPE || sendError == ECONNRESET) {
+    if (sendError != 0 && controlClosed()) {
         sNoteSpawnerEnded();
     }
     if (sendError != 0) {
