@@ -41,7 +41,8 @@ struct ContainerFacts {
 };
 
 // Opens path with ContainerReader until deadline and gathers its facts. Logs
-// nothing and takes no lock of the caller's: it runs in a forked child.
+// nothing: in a reader child, its lines would reach no log; the caller logs
+// what the facts say.
 ContainerFacts readFacts(const std::string& path, StreamInfoPolicy policy,
                          std::chrono::steady_clock::time_point deadline);
 std::string encodeFacts(const ContainerFacts& facts);
