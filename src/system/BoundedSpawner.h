@@ -37,8 +37,9 @@ public:
     enum Outcome {
         // The work returned; report holds what it returned.
         kReported,
-        // There is no spawner (never started, or gone), or the request is
-        // longer than kMaxRequestBytes; nothing ran.
+        // There is no spawner (never started, or gone), or the request could
+        // not be sent (longer than kMaxRequestBytes, or refused by the
+        // socket: memory short); nothing ran.
         kNotStarted,
         // The spawner could not fork a child (a process limit, memory
         // short); nothing ran.
