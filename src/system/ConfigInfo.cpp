@@ -175,7 +175,7 @@ void ConfigInfo::init() {
     }
     Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
 
-    if (isFileToRead(globalConfigPath_)) {
+    if (isFileToRead(diskFolders(), globalConfigPath_)) {
         boost::lock_guard<boost::mutex> lock(configMutex_);
         globalConfigLoadFailed_ = true;
         try {
@@ -191,7 +191,7 @@ void ConfigInfo::init() {
 }
 
 bool ConfigInfo::reloadFailedGlobalConfig() {
-    if (!isFileToRead(globalConfigPath_)) {
+    if (!isFileToRead(diskFolders(), globalConfigPath_)) {
         return true;
     }
     try {

@@ -164,7 +164,7 @@ private:
     // Whether path names a settings file to read: one that exists, and is
     // neither a link planted on a disk nor reached through one (what it
     // leads to would be copied onto the disk); logged when it is.
-    bool isFileToRead(const std::string& path) const;
+    bool isFileToRead(const DiskFolders& disks, const std::string& path) const;
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;

@@ -101,7 +101,7 @@ std::string elementText(const libconfig::Setting& element) {
 std::string ConfigInfo::getConfig(const std::string& key) {
     QLOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath_;
     try {
-        if (isFileToRead(globalConfigPath_)) {
+        if (isFileToRead(diskFolders(), globalConfigPath_)) {
             boost::lock_guard<boost::mutex> lock(configMutex_);
             globalConfigLoadFailed_ = true;
             try {
@@ -130,11 +130,10 @@ DiskFolders ConfigInfo::diskFolders() const {
     return DiskFolders(userdiskRootPath_, userdiskDataPath_, extdiskRootPath_);
 }
 
-bool ConfigInfo::isFileToRead(const std::string& path) const {
+bool ConfigInfo::isFileToRead(const DiskFolders& disks, const std::string& path) const {
     if (!File::sExists(path)) {
         return false;
     }
-    const DiskFolders disks = diskFolders();
     std::string realFolder;
     FileStatus status;
     const bool plain = disks.reachWithoutPlantedLink(folderOf(path), realFolder) &&
@@ -173,7 +172,7 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
         return;
     }
     libconfig::Config config;
-    if (isFileToRead(path)) {
+    if (isFileToRead(disks, path)) {
         ConfigUtils::sReadFile(config, path);
     }
     putString(config, key, value);
