@@ -82,7 +82,13 @@ ErrorCode File::sDelete(const std::string& path) {
 }
 
 FILE* File::sOpenRegularFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    return sOpenRegularFileIn(AT_FDCWD, path, true);
+}
+
+FILE* File::sOpenRegularFileIn(int folder, const std::string& name, bool followLink) {
+    const int fd =
+        openat(folder, name.c_str(),
+               O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | (followLink ? 0 : O_NOFOLLOW));
     if (fd < 0) {
         return NULL;
     }
@@ -100,8 +106,13 @@ FILE* File::sOpenRegularFile(const std::string& path) {
 }
 
 bool File::sReadRegularFile(const std::string& path, std::size_t maxBytes, std::string& content) {
+    return sReadRegularFileIn(AT_FDCWD, path, true, maxBytes, content);
+}
+
+bool File::sReadRegularFileIn(int folder, const std::string& name, bool followLink,
+                              std::size_t maxBytes, std::string& content) {
     content.clear();
-    FILE* file = sOpenRegularFile(path);
+    FILE* file = sOpenRegularFileIn(folder, name, followLink);
     if (file == NULL) {
         return false;
     }

@@ -33,12 +33,19 @@ public:
     // Opens path for reading only if it is a regular file, without blocking
     // on a FIFO or device; NULL otherwise (errno tells why). Caller fcloses.
     static FILE* sOpenRegularFile(const std::string& path);
+    // The same for name in the folder open as the descriptor folder; a link
+    // at name is followed only when followLink (ELOOP otherwise).
+    static FILE* sOpenRegularFileIn(int folder, const std::string& name, bool followLink);
     // The whole content of the regular file at path (a link is followed) in
     // content, when it holds at most maxBytes. false, with content empty, for
     // a missing or unreadable file, anything but a regular file (a FIFO is
     // never waited on, a device never read) or a larger one.
     static bool sReadRegularFile(const std::string& path, std::size_t maxBytes,
                                  std::string& content);
+    // The same for name in the folder open as the descriptor folder, as
+    // sOpenRegularFileIn opens it.
+    static bool sReadRegularFileIn(int folder, const std::string& name, bool followLink,
+                                   std::size_t maxBytes, std::string& content);
     // Removes a file; a directory is left in place and reported as success.
     static ErrorCode sDelete(const std::string& path);
     // Copies in blocks into a new file that then takes the place of to (a

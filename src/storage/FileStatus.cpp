@@ -40,7 +40,12 @@ bool FileStatus::isDirectory() const { return S_ISDIR(mode); }
 bool FileStatus::isLink() const { return S_ISLNK(mode); }
 
 int FileStatus::sOfPath(const std::string& path, FileStatus& status, bool followLinks) {
-    return readStatus(AT_FDCWD, path.c_str(), followLinks ? 0 : AT_SYMLINK_NOFOLLOW, status);
+    return sOfEntry(AT_FDCWD, path, status, followLinks);
+}
+
+int FileStatus::sOfEntry(int folder, const std::string& name, FileStatus& status,
+                         bool followLinks) {
+    return readStatus(folder, name.c_str(), followLinks ? 0 : AT_SYMLINK_NOFOLLOW, status);
 }
 
 int FileStatus::sOfDescriptor(int fd, FileStatus& status) {

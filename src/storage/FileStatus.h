@@ -35,6 +35,8 @@ struct FileStatus {
     // 0 with status filled, or the errno of the failure (ENOENT: nothing
     // there). A link at path itself is followed unless followLinks is false.
     static int sOfPath(const std::string& path, FileStatus& status, bool followLinks = true);
+    // The same for name in the folder open as the descriptor folder.
+    static int sOfEntry(int folder, const std::string& name, FileStatus& status, bool followLinks);
     // The same for what the descriptor fd is open on.
     static int sOfDescriptor(int fd, FileStatus& status);
 };

@@ -56,10 +56,11 @@ void fillUniqueTail(std::string& pattern) {
 
 // Made exclusively, so never through a link, with the mode of a new file
 // that "wb" makes (mkstemp would give 0600 whatever the umask).
-int createUnique(std::string& pattern) {
+int createUnique(int folder, std::string& pattern) {
     for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
         fillUniqueTail(pattern);
-        const int fd = open(pattern.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        const int fd =
+            openat(folder, pattern.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd >= 0 || errno != EEXIST) {
             return fd;
         }
@@ -69,9 +70,15 @@ int createUnique(std::string& pattern) {
 
 }  // namespace
 
-ReplacementFile::ReplacementFile(const std::string& path)
-    : path_(path), temporary_(temporaryPattern(path)), stream_(NULL), committed_(false) {
-    const int fd = createUnique(temporary_);
+ReplacementFile::ReplacementFile(const std::string& path) : ReplacementFile(AT_FDCWD, path) {}
+
+ReplacementFile::ReplacementFile(int folder, const std::string& name)
+    : folder_(folder),
+      path_(name),
+      temporary_(temporaryPattern(name)),
+      stream_(NULL),
+      committed_(false) {
+    const int fd = createUnique(folder_, temporary_);
     if (fd < 0) {
         temporary_.clear();
         return;
@@ -87,7 +94,7 @@ ReplacementFile::~ReplacementFile() {
         fclose(stream_);
     }
     if (!committed_ && !temporary_.empty()) {
-        unlink(temporary_.c_str());
+        unlinkat(folder_, temporary_.c_str(), 0);
     }
 }
 
@@ -98,7 +105,7 @@ bool ReplacementFile::commit(bool sync) {
     bool done = fflush(stream_) == 0 && (!sync || fsync(fileno(stream_)) == 0);
     done = fclose(stream_) == 0 && done;
     stream_ = NULL;
-    committed_ = done && rename(temporary_.c_str(), path_.c_str()) == 0;
+    committed_ = done && renameat(folder_, temporary_.c_str(), folder_, path_.c_str()) == 0;
     return committed_;
 }
 
@@ -108,7 +115,8 @@ bool ReplacementFile::commit(mode_t mode, bool sync) {
 
 bool ReplacementFile::commitKeepingOwner(bool sync) {
     FileStatus old;
-    if (stream_ == NULL || FileStatus::sOfPath(path_, old, false) != 0 || !old.isRegular()) {
+    if (stream_ == NULL || FileStatus::sOfEntry(folder_, path_, old, false) != 0 ||
+        !old.isRegular()) {
         return commit(sync);
     }
     // Unprivileged, the owner can't be given away: the mode stays, without

@@ -17,12 +17,17 @@ namespace talvern {
 class ReplacementFile {
 public:
     explicit ReplacementFile(const std::string& path);
+    // The file name in the folder open as the descriptor folder, which the
+    // caller keeps open until this object is gone: whatever is renamed or
+    // linked on the way to that folder meanwhile, the file lands in it.
+    ReplacementFile(int folder, const std::string& name);
     virtual ~ReplacementFile();
 
     // Where to write; NULL when the new file could not be made (the reason
     // is in errno).
     FILE* stream() const { return stream_; }
-    // The new file's name, for a tool that writes by name.
+    // The new file's name (in the folder, for the second constructor), for
+    // a tool that writes by name.
     const std::string& temporaryPath() const { return temporary_; }
     // Flushes the new file (to the disk too when sync) and renames it over
     // path. false, with the new file removed, when any step failed.
@@ -38,6 +43,7 @@ private:
     ReplacementFile(const ReplacementFile&);
     ReplacementFile& operator=(const ReplacementFile&);
 
+    int folder_;
     std::string path_;
     std::string temporary_;
     FILE* stream_;

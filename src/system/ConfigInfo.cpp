@@ -1,6 +1,5 @@
 #include "system/ConfigInfo.h"
 
-#include <stdio.h>
 #include <sys/stat.h>
 
 #include <boost/thread/lock_guard.hpp>
@@ -14,6 +13,7 @@
 #include "system/DeviceRoot.h"
 #include "system/LocalizationHelper.h"
 #include "system/Log.h"
+#include "system/SettingsFile.h"
 
 namespace talvern {
 
@@ -175,11 +175,12 @@ void ConfigInfo::init() {
     }
     Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
 
-    if (isFileToRead(diskFolders(), globalConfigPath_)) {
+    const SettingsFile global(diskFolders(), globalConfigPath_);
+    if (isFileToRead(global)) {
         boost::lock_guard<boost::mutex> lock(configMutex_);
         globalConfigLoadFailed_ = true;
         try {
-            ConfigUtils::sReadFile(config_, globalConfigPath_);
+            global.read(config_);
             globalConfigLoadFailed_ = false;
         } catch (const libconfig::FileIOException&) {
             QLOG(ERROR) << "open config file error;";
@@ -190,25 +191,24 @@ void ConfigInfo::init() {
     }
 }
 
-bool ConfigInfo::reloadFailedGlobalConfig() {
-    if (!isFileToRead(diskFolders(), globalConfigPath_)) {
+bool ConfigInfo::reloadFailedGlobalConfig(const SettingsFile& file) {
+    if (!isFileToRead(file)) {
         return true;
     }
     try {
-        ConfigUtils::sReadFile(config_, globalConfigPath_);
+        file.read(config_);
         globalConfigLoadFailed_ = false;
         return true;
     } catch (const libconfig::ParseException&) {
-        return setAsideBrokenGlobalConfig();
+        return setAsideBrokenGlobalConfig(file);
     } catch (const std::exception&) {
         return false;
     }
 }
 
-bool ConfigInfo::setAsideBrokenGlobalConfig() {
+bool ConfigInfo::setAsideBrokenGlobalConfig(const SettingsFile& file) {
     const std::string aside = globalConfigPath_ + kBrokenConfigSuffix;
-    // rename moves a link planted at either name as a link.
-    if (rename(globalConfigPath_.c_str(), aside.c_str()) != 0) {
+    if (!file.setAside(kBrokenConfigSuffix)) {
         QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse and can't be set aside";
         return false;
     }

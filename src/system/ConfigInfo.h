@@ -11,6 +11,8 @@
 
 namespace talvern {
 
+class SettingsFile;
+
 // The process's one table of where things lie on the device, and the global
 // configuration file. Built at the first sGetInstance() (thread-safe), which
 // also does the start-up housekeeping of the disk. Getters marked "makes" first
@@ -158,13 +160,13 @@ private:
     // globalConfigPath_ + kBrokenConfigSuffix and the settings start afresh;
     // one that can't be read is kept. false: keep the file, store nothing.
     // Caller holds configMutex_.
-    bool reloadFailedGlobalConfig();
-    bool setAsideBrokenGlobalConfig();
+    bool reloadFailedGlobalConfig(const SettingsFile& file);
+    bool setAsideBrokenGlobalConfig(const SettingsFile& file);
     DiskFolders diskFolders() const;
-    // Whether path names a settings file to read: one that exists, and is
+    // Whether file is a settings file to read: one that exists, and is
     // neither a link planted on a disk nor reached through one (what it
     // leads to would be copied onto the disk); logged when it is.
-    bool isFileToRead(const DiskFolders& disks, const std::string& path) const;
+    bool isFileToRead(const SettingsFile& file) const;
     void getPrimaryDiskDeviceFromFile();
 
     std::string globalConfigPath_;

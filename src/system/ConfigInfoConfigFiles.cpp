@@ -1,36 +1,25 @@
-#include <sys/stat.h>
-
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
 #include <stdexcept>
 
 #include "storage/File.h"
-#include "storage/FileStatus.h"
-#include "storage/ReplacementFile.h"
 #include "system/ConfigInfo.h"
 #include "system/ConfigUtils.h"
 #include "system/DiskFolders.h"
 #include "system/Log.h"
+#include "system/SettingsFile.h"
 
 namespace talvern {
 
 namespace {
 
-// The folder of path, as a walk takes it ("/" for "/x", "." for "x").
-std::string folderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
-// Whether the folder of path lies behind a link planted on a disk (logged):
-// a file written there would land wherever it leads. realFolder: where the
-// folder lies.
-bool isBehindLink(const DiskFolders& disks, const std::string& path, std::string& realFolder) {
-    const bool behind = !disks.reachWithoutPlantedLink(folderOf(path), realFolder);
-    if (behind) {
-        QLOG(ERROR) << path << " lies behind a link, not written";
+// Whether file lies behind a link planted on a disk (logged): a file written
+// there would land wherever it leads.
+bool isBehindLink(const SettingsFile& file) {
+    if (!file.isReached()) {
+        QLOG(ERROR) << file.path() << " lies behind a link, not written";
     }
-    return behind;
+    return !file.isReached();
 }
 
 // Replaces key at the root of config by a string setting, or deletes it when
@@ -45,23 +34,12 @@ void putString(libconfig::Config& config, const std::string& key, const std::str
     }
 }
 
-// Written beside path, synced, then renamed over it: a power cut leaves the
-// old file or the new one, never half of one, and a link or FIFO planted at
-// path is replaced, never written through.
-void replaceFile(const libconfig::Config& config, const std::string& path) {
-    ReplacementFile replacement(path);
-    if (replacement.stream() == NULL) {
-        throw std::runtime_error("can't create a file beside " + path);
-    }
-    config.write(replacement.stream());
-    if (!replacement.commitKeepingOwner(true)) {
-        throw std::runtime_error("can't replace " + path);
-    }
-}
-
-void writeConfig(libconfig::Config& config, const std::string& path) {
+// Written beside the file, synced, then renamed over it: a power cut leaves
+// the old file or the new one, never half of one, and a link or FIFO planted
+// at its name is replaced, never written through.
+void writeConfig(const libconfig::Config& config, const SettingsFile& file) {
     try {
-        replaceFile(config, path);
+        file.replace(config);
     } catch (const std::exception& error) {
         QLOG(ERROR) << "save config file error: " << error.what();
     }
@@ -101,11 +79,12 @@ std::string elementText(const libconfig::Setting& element) {
 std::string ConfigInfo::getConfig(const std::string& key) {
     QLOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath_;
     try {
-        if (isFileToRead(diskFolders(), globalConfigPath_)) {
+        const SettingsFile global(diskFolders(), globalConfigPath_);
+        if (isFileToRead(global)) {
             boost::lock_guard<boost::mutex> lock(configMutex_);
             globalConfigLoadFailed_ = true;
             try {
-                ConfigUtils::sReadFile(config_, globalConfigPath_);
+                global.read(config_);
                 globalConfigLoadFailed_ = false;
             } catch (const std::exception& error) {
                 QLOG(ERROR) << "parse config file error at :" << error.what();
@@ -130,53 +109,45 @@ DiskFolders ConfigInfo::diskFolders() const {
     return DiskFolders(userdiskRootPath_, userdiskDataPath_, extdiskRootPath_);
 }
 
-bool ConfigInfo::isFileToRead(const DiskFolders& disks, const std::string& path) const {
-    if (!File::sExists(path)) {
-        return false;
+bool ConfigInfo::isFileToRead(const SettingsFile& file) const {
+    const bool plain = file.isReached() && !file.isPlantedLink();
+    if (!plain && File::sExists(file.path())) {
+        QLOG(ERROR) << file.path() << " leads through a link planted on a disk, not read";
     }
-    std::string realFolder;
-    FileStatus status;
-    const bool plain = disks.reachWithoutPlantedLink(folderOf(path), realFolder) &&
-                       (!disks.holds(realFolder) ||
-                        (FileStatus::sOfPath(path, status, false) == 0 && !status.isLink()));
-    if (!plain) {
-        QLOG(ERROR) << path << " leads through a link planted on a disk, not read";
-    }
-    return plain;
+    return plain && file.exists();
 }
 
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     QLOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::lock_guard<boost::mutex> lock(configMutex_);
-    std::string realFolder;
-    if (isBehindLink(diskFolders(), globalConfigPath_, realFolder)) {
+    const SettingsFile global(diskFolders(), globalConfigPath_);
+    if (isBehindLink(global)) {
         return;
     }
-    if (globalConfigLoadFailed_ && !reloadFailedGlobalConfig()) {
+    if (globalConfigLoadFailed_ && !reloadFailedGlobalConfig(global)) {
         QLOG(ERROR) << "setConfig skipped: " << globalConfigPath_
                     << " failed to load, keep it unchanged";
         return;
     }
     putString(config_, key, value);
     QLOG(INFO) << "write file:" << globalConfigPath_;
-    writeConfig(config_, globalConfigPath_);
+    writeConfig(config_, global);
     QLOG(INFO) << "ConfigInfo setConfig end";
 }
 
 void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key,
                                  const std::string& value) {
     boost::lock_guard<boost::mutex> lock(configMutex_);
-    const DiskFolders disks = diskFolders();
-    std::string realFolder;
-    if (isBehindLink(disks, path, realFolder)) {
+    const SettingsFile file(diskFolders(), path);
+    if (isBehindLink(file)) {
         return;
     }
     libconfig::Config config;
-    if (isFileToRead(disks, path)) {
-        ConfigUtils::sReadFile(config, path);
+    if (isFileToRead(file)) {
+        file.read(config);
     }
     putString(config, key, value);
-    writeConfig(config, path);
+    writeConfig(config, file);
 }
 
 std::string ConfigInfo::getConfigFromFile(const std::string& path, const std::string& key) {

@@ -1,5 +1,7 @@
 #include "system/ConfigUtils.h"
 
+#include <fcntl.h>
+
 #include <boost/thread/lock_guard.hpp>
 #include <libconfig.h++>
 
@@ -8,8 +10,13 @@
 ConfigUtils::ConfigUtils(const std::string& path) : mutex_(), path_(path) {}
 
 void ConfigUtils::sReadFile(libconfig::Config& config, const std::string& path) {
+    sReadFileIn(config, AT_FDCWD, path, true);
+}
+
+void ConfigUtils::sReadFileIn(libconfig::Config& config, int folder, const std::string& name,
+                              bool followLink) {
     std::string text;
-    if (!talvern::File::sReadRegularFile(path, kMaxFileBytes, text)) {
+    if (!talvern::File::sReadRegularFileIn(folder, name, followLink, kMaxFileBytes, text)) {
         throw libconfig::FileIOException();
     }
     config.readString(text);

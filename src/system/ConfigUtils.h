@@ -20,6 +20,10 @@ public:
     // libconfig::FileIOException as a missing file does; nothing is waited
     // on. A file that doesn't parse throws libconfig::ParseException.
     static void sReadFile(libconfig::Config& config, const std::string& path);
+    // The same for name in the folder open as the descriptor folder; a link
+    // at name is followed only when followLink.
+    static void sReadFileIn(libconfig::Config& config, int folder, const std::string& name,
+                            bool followLink);
 
     // The string setting key at the root of the file; empty when the file is
     // missing or doesn't parse, or the key is missing or not a string. Logs

@@ -1,6 +1,7 @@
 #include "system/DiskFolders.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -62,9 +63,55 @@ std::string entryOf(const std::string& path) {
     return parent.empty() ? "" : joined(parent, parts.back());
 }
 
-std::string linkTarget(const std::string& link) {
+void closeIfOpen(int fd) {
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+// Where a walk stands: a folder held open, so that nothing renamed or linked
+// on the way meanwhile moves it, and where that folder lies.
+class Place {
+public:
+    Place() : fd(-1) {}
+    ~Place() { closeIfOpen(fd); }
+
+    // At the root for an absolute path, at the current folder otherwise.
+    bool start(const std::string& path) {
+        if (!path.empty() && path[0] == '/') {
+            moveTo(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC), "/");
+            return fd >= 0;
+        }
+        char here[PATH_MAX];
+        if (getcwd(here, sizeof(here)) == NULL) {
+            return false;
+        }
+        moveTo(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC), here);
+        return fd >= 0;
+    }
+    void moveTo(int next, const std::string& where) {
+        closeIfOpen(fd);
+        fd = next;
+        real = where;
+    }
+    int release() {
+        const int held = fd;
+        fd = -1;
+        return held;
+    }
+
+    int fd;
+    std::string real;
+
+private:
+    Place(const Place&);
+    Place& operator=(const Place&);
+};
+
+// The target of the link open (O_PATH) as link.
+std::string linkTarget(int link) {
     char target[PATH_MAX];
-    const ssize_t size = readlink(link.c_str(), target, sizeof(target));
+    const ssize_t size = readlinkat(link, "", target, sizeof(target));
     return size > 0 && static_cast<std::size_t>(size) < sizeof(target) ? std::string(target, size)
                                                                        : "";
 }
@@ -103,26 +150,33 @@ void DiskFolders::addExternalDisks() {
     closedir(folder);
 }
 
-bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string& real) const {
-    std::deque<std::string> left = partsOf(folder);
-    real = "/";
-    if (folder.empty() || folder[0] != '/') {
-        char here[PATH_MAX];
-        if (getcwd(here, sizeof(here)) == NULL) {
-            return false;
-        }
-        real = here;
+bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string& real,
+                                          int& descriptor) const {
+    descriptor = -1;
+    Place place;
+    if (!place.start(folder)) {
+        return false;
     }
+    std::deque<std::string> left = partsOf(folder);
     for (int links = 0; !left.empty();) {
         const std::string part = left.front();
         left.pop_front();
+        // ".." is taken by name from the root: the folder held may have been
+        // moved up meanwhile, and its parent would lift the walk above the
+        // folder the path names.
         if (part == "..") {
-            real = parentOf(real);
+            const std::deque<std::string> up = partsOf(parentOf(place.real));
+            left.insert(left.begin(), up.begin(), up.end());
+            if (!place.start("/")) {
+                return false;
+            }
             continue;
         }
-        const std::string entry = joined(real, part);
+        const std::string entry = joined(place.real, part);
+        const int next = openat(place.fd, part.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
         FileStatus status;
-        if (FileStatus::sOfPath(entry, status, false) != 0) {
+        if (next < 0 || FileStatus::sOfDescriptor(next, status) != 0) {
+            closeIfOpen(next);
             // Nothing planted lies beyond what doesn't exist yet.
             for (real = entry; !left.empty(); left.pop_front()) {
                 real = joined(real, left.front());
@@ -130,19 +184,22 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
             return true;
         }
         if (!status.isLink()) {
-            real = entry;
+            place.moveTo(next, entry);
             continue;
         }
-        const std::string target = linkTarget(entry);
-        if (isPlanted(entry, real) || ++links > kMaxLinksFollowed || target.empty()) {
+        const std::string target = linkTarget(next);
+        close(next);
+        if (isPlanted(entry, place.real) || ++links > kMaxLinksFollowed || target.empty()) {
             return false;
         }
         const std::deque<std::string> more = partsOf(target);
         left.insert(left.begin(), more.begin(), more.end());
-        if (target[0] == '/') {
-            real = "/";
+        if (target[0] == '/' && !place.start(target)) {
+            return false;
         }
     }
+    real = place.real;
+    descriptor = place.release();
     return true;
 }
 

@@ -9,6 +9,8 @@
 
 #include "support/DeviceRootTest.h"
 #include "system/ConfigInfo.h"
+#include "system/DiskFolders.h"
+#include "system/SettingsFile.h"
 
 namespace {
 
@@ -141,6 +143,37 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
         fs::create_symlink(path("/secret.cfg"), path(disk + "/leak.cfg"));
         info()->setConfigToFile(path(disk + "/leak.cfg"), "k", "v");
         EXPECT_EQ("k = \"v\";\n", readFile(disk + "/leak.cfg")) << disk;
+    }
+}
+
+// A disk user who swaps the settings folder for a link between the walk and
+// the act: reading, replacing and setting aside still happen in the folder
+// walked (once, a write landed where the link led about one try in 60).
+TEST_F(ConfigInfoTest, AFolderSwappedForALinkAfterTheWalkLeadsNothingElsewhereRegression) {
+    writeFile("/outside/config.cfg", "secret = \"s3cret\";\n");
+    const talvern::DiskFolders disks(path("/userdisk"), path("/userdisk/data"), path("/extdisks"));
+    for (const std::string act : {"read", "replace", "set aside"}) {
+        writeFile(kGlobalFile, "mine = \"1\";\n");
+        const talvern::SettingsFile file(disks, path(kGlobalFile));
+        fs::remove_all(path("/userdisk/moved"));
+        fs::rename(path("/userdisk/talvernConfig"), path("/userdisk/moved"));
+        fs::create_symlink(path("/outside"), path("/userdisk/talvernConfig"));
+        ASSERT_TRUE(file.isReached() && file.exists() && !file.isPlantedLink());
+        libconfig::Config config;
+        if (act == "read") {
+            file.read(config);
+            EXPECT_TRUE(config.exists("mine") && !config.exists("secret"));
+        } else if (act == "replace") {
+            file.replace(config);
+            EXPECT_EQ("", readFile("/userdisk/moved/config.cfg"));
+        } else {
+            EXPECT_TRUE(file.setAside(".broken"));
+            EXPECT_TRUE(fs::exists(path("/userdisk/moved/config.cfg.broken")));
+        }
+        EXPECT_EQ("config.cfg\n", capture("ls -A " + quoted(path("/outside")))) << act;
+        EXPECT_EQ("secret = \"s3cret\";\n", readFile("/outside/config.cfg")) << act;
+        fs::remove(path("/userdisk/talvernConfig"));
+        fs::rename(path("/userdisk/moved"), path("/userdisk/talvernConfig"));
     }
 }
 
