@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 
+#include "storage/File.h"
 #include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/ConfigUtils.h"
@@ -40,9 +41,13 @@ SettingsFile::~SettingsFile() {
     }
 }
 
+// Without the folder held (a part of it missing, or no descriptor left), the
+// path is asked by name: only to tell a missing file from one that can't be
+// read now, never to read it.
 bool SettingsFile::exists() const {
     FileStatus status;
-    return folder_ >= 0 && FileStatus::sOfEntry(folder_, name_, status, !onDisk_) == 0;
+    return folder_ >= 0 ? FileStatus::sOfEntry(folder_, name_, status, !onDisk_) == 0
+                        : File::sExists(path_);
 }
 
 bool SettingsFile::isPlantedLink() const {

@@ -24,7 +24,8 @@ public:
     // then nothing is read or written there.
     bool isReached() const { return reached_; }
     // Whether something is at the file's name in the folder reached; a link
-    // is followed where the folder is off the disks.
+    // is followed where the folder is off the disks. Where the folder could
+    // not be held, whether the path names something.
     bool exists() const;
     // Whether the file is a link in a folder on a disk: what it leads to
     // would be copied onto the disk. Off the disks, the device's own files

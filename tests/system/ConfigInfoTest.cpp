@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -234,6 +236,37 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     EXPECT_EQ("2", info()->getConfigFromFile(file, "second"));
     info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
     EXPECT_FALSE(fs::exists(path("/no")));
+}
+
+// With no descriptor to spare, the global file counts as unread, not as
+// missing: the next setting reads it again before it writes (regression: a
+// setting stored by another process meanwhile was lost).
+TEST_F(ConfigFilesTest, AFileThatCantBeOpenedNowIsNotTakenForMissingRegression) {
+#ifdef QUORVIA_UNDEFINED_SANITIZER
+    GTEST_SKIP() << "the sanitizer's type check needs a descriptor (a pipe) and reports every "
+                    "object as invalid without one";
+#endif
+    info()->setConfig("a", "1");
+    writeFile(kGlobalFile, "a = \"1\";\nb = \"2\";\n");
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const struct rlimit few = {quorvia_test::openDescriptors() + 10, saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    std::vector<int> taken;
+    for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) {
+        taken.push_back(fd);
+    }
+    close(taken.back());
+    taken.pop_back();
+    const std::string answer = info()->getConfig("a");
+    for (const int fd : taken) {
+        close(fd);
+    }
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    EXPECT_EQ("1", answer);
+    EXPECT_TRUE(log_.contains("parse config file error at :", google::GLOG_ERROR));
+    info()->setConfig("c", "3");
+    EXPECT_EQ("a = \"1\";\nb = \"2\";\nc = \"3\";\n", global());
 }
 
 // A file read while another process was writing it is left alone: once, that
