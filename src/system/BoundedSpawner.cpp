@@ -216,11 +216,11 @@ ssize_t receiveRequest(int control, char* buffer, std::size_t size, int& reply) 
     return got;
 }
 
-// Whether the spawner's end of the control socket is gone. Asked of the
-// socket, not of a send's error, which kernels give differently (EPIPE,
-// ECONNREFUSED, ENOTCONN).
-bool controlClosed() {
-    struct pollfd control = {gControl, 0, 0};
+// Whether the other end of the control socket fd is gone (the spawner's, or
+// this process's). Asked of the socket, not of a send's error, which kernels
+// give differently (EPIPE, ECONNREFUSED, ENOTCONN).
+bool controlClosed(int fd) {
+    struct pollfd control = {fd, 0, 0};
     return poll(&control, 1, 0) == 1 && (control.revents & (POLLHUP | POLLERR)) != 0;
 }
 
@@ -311,7 +311,7 @@ BoundedSpawner::Outcome BoundedSpawner::sRun(const std::string& request, Clock::
         sendError == 0 &&
         readReply(ends[0], deadline + std::chrono::milliseconds(kEndMarginMilliseconds), reply);
     close(ends[0]);
-    if (sendError != 0 && controlClosed()) {
+    if (sendError != 0 && controlClosed(gControl)) {
         sNoteSpawnerEnded();
     }
     if (sendError != 0) {
@@ -339,9 +339,10 @@ void BoundedSpawner::sNoteSpawnerEnded() {
     });
 }
 
-// Children are reaped by the kernel (SIGCHLD ignored): the spawner waits on
-// nothing but its control socket, and ends when this process closes it. A
-// reply whose caller stopped waiting is no reason to end (SIGPIPE ignored).
+// Children are reaped by the kernel (SIGCHLD ignored). A reply whose caller
+// stopped waiting is no reason to end (SIGPIPE ignored). A child is forked
+// before its request comes and waits for it, so that a request does not wait
+// for the fork, which copies every mapping of the libraries the work uses.
 void BoundedSpawner::sServe(const Work& work, int control, int parent) {
     endWithParent(parent);
     resetSignals();
@@ -349,35 +350,85 @@ void BoundedSpawner::sServe(const Work& work, int control, int parent) {
     signal(SIGPIPE, SIG_IGN);
     keepOnly(control);
     const int spawner = getpid();
-    char buffer[sizeof(int64_t) + kMaxRequestBytes];
     for (;;) {
-        int reply = -1;
-        const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
-        if (got <= 0) {
-            _exit(0);
-        }
-        if (reply >= 0 && static_cast<std::size_t>(got) >= sizeof(int64_t)) {
-            int64_t deadline = 0;
-            memcpy(&deadline, buffer, sizeof(deadline));
-            const std::string request(buffer + sizeof(deadline), got - sizeof(deadline));
-            const pid_t child = fork();
-            if (child == 0) {
-                sRunChild(work, request, deadline, reply, spawner);
-            }
-            if (child < 0) {
-                writeAll(reply, reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked));
-            }
-        }
-        if (reply >= 0) {
-            close(reply);
+        if (!sForkWaitingChild(work, spawner)) {
+            sServeOneRequest(work, spawner);
         }
     }
 }
 
-void BoundedSpawner::sRunChild(const Work& work, const std::string& request, int64_t deadline,
-                               int reply, int spawner) {
+// Returns once the waiting child has taken a request, or ended without one
+// (killed). false when it could not be forked: the next request is then
+// served by a fork of its own, or answered kNotForked. Ends the spawner when
+// this process closed the control socket.
+bool BoundedSpawner::sForkWaitingChild(const Work& work, int spawner) {
+    int taken[2];
+    if (pipe2(taken, O_CLOEXEC) != 0) {
+        return false;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        close(taken[0]);
+        sRunWaitingChild(work, taken[1], spawner);
+    }
+    close(taken[1]);
+    char byte = 0;
+    ssize_t got = 0;
+    while (child > 0 && (got = read(taken[0], &byte, 1)) < 0 && errno == EINTR) {
+    }
+    close(taken[0]);
+    if (child > 0 && got <= 0 && controlClosed(kKeptFd)) {
+        _exit(0);
+    }
+    return child > 0;
+}
+
+void BoundedSpawner::sServeOneRequest(const Work& work, int spawner) {
+    char buffer[sizeof(int64_t) + kMaxRequestBytes];
+    int reply = -1;
+    const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
+    if (got <= 0) {
+        _exit(0);
+    }
+    if (reply >= 0 && static_cast<std::size_t>(got) >= sizeof(int64_t)) {
+        const pid_t child = fork();
+        if (child == 0) {
+            endWithParent(spawner);
+            sRunChild(work, buffer, got, reply);
+        }
+        if (child < 0) {
+            writeAll(reply, reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked));
+        }
+    }
+    if (reply >= 0) {
+        close(reply);
+    }
+}
+
+// Takes the next request from the control socket and tells the spawner, which
+// forks the next waiting child meanwhile.
+void BoundedSpawner::sRunWaitingChild(const Work& work, int taken, int spawner) {
     endWithParent(spawner);
+    char buffer[sizeof(int64_t) + kMaxRequestBytes];
+    int reply = -1;
+    const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
+    if (got <= 0) {
+        _exit(0);
+    }
+    writeAll(taken, "t", 1);
+    if (reply < 0 || static_cast<std::size_t>(got) < sizeof(int64_t)) {
+        _exit(0);
+    }
+    sRunChild(work, buffer, got, reply);
+}
+
+// message: the request's deadline, then its bytes.
+void BoundedSpawner::sRunChild(const Work& work, const char* message, std::size_t length,
+                               int reply) {
     signal(SIGCHLD, SIG_DFL);
+    int64_t deadline = 0;
+    memcpy(&deadline, message, sizeof(deadline));
+    const std::string request(message + sizeof(deadline), length - sizeof(deadline));
     keepOnly(reply);
     preferForOomKiller();
     limitMemory();

@@ -69,8 +69,11 @@ public:
 private:
     static void sNoteSpawnerEnded();
     [[noreturn]] static void sServe(const Work& work, int control, int parent);
-    [[noreturn]] static void sRunChild(const Work& work, const std::string& request,
-                                       int64_t deadline, int reply, int spawner);
+    static bool sForkWaitingChild(const Work& work, int spawner);
+    static void sServeOneRequest(const Work& work, int spawner);
+    [[noreturn]] static void sRunWaitingChild(const Work& work, int taken, int spawner);
+    [[noreturn]] static void sRunChild(const Work& work, const char* message, std::size_t length,
+                                       int reply);
 };
 
 }  // namespace talvern

@@ -3,8 +3,8 @@
  * as a media library that crashes on that file would; so does making the
  * file named by QUORVIA_CRASH_ON_CREATE (an open with O_CREAT), as a death
  * at that moment would. The thread creation numbered QUORVIA_FAIL_THREAD
- * (from 1) fails with EAGAIN, as under a process limit, and so does the fork
- * numbered QUORVIA_FAIL_FORK (a forked process counts on). It defines both open
+ * (from 1) fails with EAGAIN, as under a process limit, and so does every fork
+ * from the one numbered QUORVIA_FAIL_FORK (a forked process counts on). It defines both open
  * and open64, so the C library's names must not be redirected to the 64-bit
  * ones here. */
 #undef _FILE_OFFSET_BITS
@@ -100,7 +100,7 @@ pid_t fork(void) {
     static pid_t (*real)(void);
     static int forked;
     const char* failing = getenv("QUORVIA_FAIL_FORK");
-    if (failing != NULL && __atomic_add_fetch(&forked, 1, __ATOMIC_SEQ_CST) == atoi(failing)) {
+    if (failing != NULL && __atomic_add_fetch(&forked, 1, __ATOMIC_SEQ_CST) >= atoi(failing)) {
         errno = EAGAIN;
         return -1;
     }

@@ -78,6 +78,9 @@ std::string work(const std::string& request) {
     if (request == "spawner") {
         return std::to_string(getppid());
     }
+    if (request == "self") {
+        return std::to_string(getppid()) + " " + std::to_string(getpid());
+    }
     if (request == "time") {
         const time_t now = time(NULL);
         struct tm parts;
@@ -205,6 +208,28 @@ TEST_F(BoundedSpawnerTest, ARequestThatCantBeSentStartsNothingAndTheSpawnerServe
     EXPECT_EQ(BoundedSpawner::kNotStarted,
               run(std::string(BoundedSpawner::kMaxRequestBytes, 'r'), report));
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report));
+}
+
+// The child forked in advance for the next request, killed while it waits:
+// that request is served all the same.
+TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
+    std::string family;
+    ASSERT_EQ(BoundedSpawner::kReported, run("self", family));
+    const std::string spawner = family.substr(0, family.find(' '));
+    const pid_t served = atoi(family.substr(family.find(' ') + 1).c_str());
+    pid_t waiting = 0;
+    for (int tries = 0; tries < 5000 && (waiting == 0 || waiting == served); ++tries) {
+        usleep(1000);
+        std::ifstream("/proc/" + spawner + "/task/" + spawner + "/children") >> waiting;
+    }
+    ASSERT_EQ(0, kill(waiting, SIGKILL));
+    // A request that comes while it dies goes with it.
+    for (int tries = 0; tries < 5000 && kill(waiting, 0) == 0; ++tries) {
+        usleep(1000);
+    }
+    std::string report;
+    EXPECT_EQ(BoundedSpawner::kReported, run("echo", report, std::chrono::seconds(5)));
+    EXPECT_EQ(BoundedSpawner::kReported, run("echo", report, std::chrono::seconds(5)));
 }
 
 // Once ended, the spawner is reaped and nothing more is started.
