@@ -51,12 +51,12 @@ void keepStandardDescriptorsOpen() {
     }
 }
 
-// The store's folder, where the media-read markers are kept; "" (no
-// markers yet) while a link planted on the disk leads it elsewhere.
-std::string markerFolder() {
+// The store's folder, where the media-read markers are kept; -1 (no markers
+// yet) while it is missing or a link planted on the disk leads it elsewhere.
+int openMarkerFolder(std::string& folder) {
     talvern::ConfigInfo* const config = talvern::ConfigInfo::sGetInstance();
-    const std::string folder = config->getDatabaseRootPath();
-    return talvern::Directory::sHasLinkBelow(config->getUserdiskDataPath(), folder) ? "" : folder;
+    folder = config->getDatabaseRootPath();
+    return talvern::Directory::sOpenBelow(config->getUserdiskDataPath(), folder);
 }
 
 }  // namespace
@@ -97,7 +97,7 @@ int main(int argc, char** argv) {
 
     // A media file that crashed the last run is not read again. The store's
     // folder is looked at by the first read, once a request made it.
-    talvern::MediaReadGuard::sRecover(&markerFolder);
+    talvern::MediaReadGuard::sRecover(&openMarkerFolder);
 
     // A thread that can't start or a port that is taken ends the process
     // with one line that names the cause and a non-zero status, rather than

@@ -38,13 +38,13 @@ typedef std::pair<int, std::string> Entry;
 // and a NUL each.
 const std::size_t kMaxListBytes = MediaReadGuard::kMaxListed * (PATH_MAX + 16);
 
-// One reader's marker. The names are kept as plain characters because the
-// crash hook may use nothing else.
+// One reader's marker. The names, in the markers' folder, are kept as plain
+// characters because the crash hook may use nothing else.
 struct Slot {
     int fd;
     bool busy;
-    char reading[PATH_MAX];
-    char crashed[PATH_MAX];
+    char reading[NAME_MAX + 1];
+    char crashed[NAME_MAX + 1];
 };
 
 // The crash signals, and SIGTERM, the orderly stop.
@@ -55,7 +55,12 @@ const std::size_t kHookedCount = sizeof(kHookedSignals) / sizeof(kHookedSignals[
 // up once by the first guard that finds the folder (under gPrepareMutex, then
 // gPrepared), read-only afterwards except for the busy flags (under
 // gSlotMutex); a slot counts once its marker is open.
-std::function<std::string()> gFolder;
+MediaReadGuard::Folder gFolder;
+// The markers' folder, held open from the first guard that finds it: every
+// name in it is taken through this descriptor, so a folder swapped for a link
+// on the disk later leads nothing elsewhere. Its path is for the log.
+int gFolderFd = -1;
+std::string gFolderPath;
 boost::mutex gPrepareMutex;
 std::atomic<bool> gPrepared(false);
 Slot gSlots[MediaReadGuard::kMaxReaders];
@@ -103,7 +108,7 @@ void onSignal(int signal, siginfo_t* info, void* context) {
         gStopping = true;
         clearMarkers();
     } else if (slot >= 0) {
-        rename(gSlots[slot].reading, gSlots[slot].crashed);
+        renameat(gFolderFd, gSlots[slot].reading, gFolderFd, gSlots[slot].crashed);
     }
     errno = savedErrno;
     chainToPrevious(signal, info, context);
@@ -120,12 +125,14 @@ void hookSignals() {
     }
 }
 
-// Content of a regular file that is no link, at most limit bytes of it; ""
-// otherwise. The folder lies on the user's disk: a FIFO, a device or a link
-// planted there must neither hold nor flood the first read.
-std::string readRegularFile(const std::string& path, std::size_t limit) {
+std::string pathOf(const std::string& name) { return gFolderPath + "/" + name; }
+
+// Content of the regular file name that is no link, at most limit bytes of
+// it; "" otherwise. The folder lies on the user's disk: a FIFO, a device or a
+// link planted there must neither hold nor flood the first read.
+std::string readRegularFile(const std::string& name, std::size_t limit) {
     std::string content;
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd = openat(gFolderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     FileStatus status;
     if (fd >= 0 && FileStatus::sOfDescriptor(fd, status) == 0 && status.isRegular()) {
         char buffer[4096];
@@ -142,9 +149,9 @@ std::string readRegularFile(const std::string& path, std::size_t limit) {
 }
 
 // Records "strikes<TAB>path<NUL>": a path may hold any byte but NUL.
-std::vector<Entry> loadList(const std::string& path) {
+std::vector<Entry> loadList() {
     std::vector<Entry> entries;
-    const std::string content = readRegularFile(path, kMaxListBytes);
+    const std::string content = readRegularFile(MediaReadGuard::kListFileName, kMaxListBytes);
     std::size_t start = 0;
     std::size_t end;
     while ((end = content.find('\0', start)) != std::string::npos) {
@@ -162,24 +169,19 @@ std::vector<Entry> loadList(const std::string& path) {
 // name is replaced, never written through. Synced, and its folder too: the
 // markers it takes the place of go next, and a power cut must not find
 // them gone and the list not yet written.
-bool storeList(const std::string& folder, const std::vector<Entry>& entries) {
-    const std::string path = folder + "/" + MediaReadGuard::kListFileName;
+bool storeList(const std::vector<Entry>& entries) {
     std::string content;
     for (const Entry& entry : entries) {
         content += std::to_string(entry.first) + '\t' + entry.second + '\0';
     }
-    ReplacementFile replacement(path);
-    const bool written =
+    ReplacementFile replacement(gFolderFd, MediaReadGuard::kListFileName);
+    const bool stored =
         replacement.stream() != NULL &&
         fwrite(content.data(), 1, content.size(), replacement.stream()) == content.size() &&
-        replacement.commit(true);
-    const int folderFd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool stored = written && folderFd >= 0 && fsync(folderFd) == 0;
+        replacement.commit(true) && fsync(gFolderFd) == 0;
     if (!stored) {
-        QLOG(ERROR) << "can't store the list of unreadable media in " << path;
-    }
-    if (folderFd >= 0) {
-        close(folderFd);
+        QLOG(ERROR) << "can't store the list of unreadable media in "
+                    << pathOf(MediaReadGuard::kListFileName);
     }
     return stored;
 }
@@ -225,7 +227,7 @@ void strike(std::vector<Entry>& entries, const std::vector<Entry>& suspects,
     entries.push_back(Entry(strikes, path));
 }
 
-bool copyName(const std::string& name, char (&target)[PATH_MAX]) {
+bool copyName(const std::string& name, char (&target)[NAME_MAX + 1]) {
     if (name.size() >= sizeof(target)) {
         return false;
     }
@@ -238,8 +240,8 @@ bool openMarker(Slot& slot, const std::string& reading, const std::string& crash
     if (!copyName(reading, slot.reading) || !copyName(crashed, slot.crashed)) {
         return false;
     }
-    slot.fd =
-        open(slot.reading, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    slot.fd = openat(gFolderFd, slot.reading,
+                     O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
     FileStatus status;
     if (slot.fd >= 0 && (FileStatus::sOfDescriptor(slot.fd, status) != 0 || !status.isRegular())) {
         close(slot.fd);
@@ -263,20 +265,18 @@ bool isListed(const std::string& path) {
     return std::find(gListed.begin(), gListed.end(), path) != gListed.end();
 }
 
-std::string markerName(const std::string& folder, const char* prefix, int slot) {
-    return folder + "/" + prefix + std::to_string(slot);
-}
+std::string markerName(const char* prefix, int slot) { return prefix + std::to_string(slot); }
 
-// The files the last run's markers in folder name: each being read at its
-// end, and whether it crashed the daemon. A file that two threads were
-// reading counts once. named tells the slots whose markers name a file.
-std::map<std::string, bool> endedReads(const std::string& folder, std::vector<bool>& named) {
+// The files the last run's markers name: each being read at its end, and
+// whether it crashed the daemon. A file that two threads were reading counts
+// once. named tells the slots whose markers name a file.
+std::map<std::string, bool> endedReads(std::vector<bool>& named) {
     std::map<std::string, bool> ended;
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         const std::string crashed =
-            readRegularFile(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i), PATH_MAX);
+            readRegularFile(markerName(MediaReadGuard::kCrashedMarkerPrefix, i), PATH_MAX);
         const std::string reading =
-            readRegularFile(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i), PATH_MAX);
+            readRegularFile(markerName(MediaReadGuard::kReadingMarkerPrefix, i), PATH_MAX);
         if (!crashed.empty()) {
             ended[crashed] = true;
         }
@@ -288,18 +288,18 @@ std::map<std::string, bool> endedReads(const std::string& folder, std::vector<bo
     return ended;
 }
 
-// The last run's markers in folder become strikes, stored before the
+// The last run's markers become strikes, stored before the
 // markers go, all of them before this run's are made: a death in between
 // loses no record (it may count the markers again, which lists a suspect
 // one end early). Without the list stored the markers are the only record
 // of the last end: they stay, and this run marks its reads in the slots
 // they leave free.
-void recoverFrom(const std::string& folder) {
-    const std::vector<Entry> loaded = loadList(folder + "/" + MediaReadGuard::kListFileName);
+void recover() {
+    const std::vector<Entry> loaded = loadList();
     std::vector<Entry> entries = loaded;
     const std::vector<Entry> suspects = takeSuspects(entries);
     std::vector<bool> named;
-    for (const auto& ended : endedReads(folder, named)) {
+    for (const auto& ended : endedReads(named)) {
         strike(entries, suspects, ended.first, ended.second);
     }
     if (entries.size() > MediaReadGuard::kMaxListed) {
@@ -310,16 +310,15 @@ void recoverFrom(const std::string& folder) {
             gListed.push_back(entry.second);
         }
     }
-    const bool stored = entries == loaded || storeList(folder, entries);
+    const bool stored = entries == loaded || storeList(entries);
     for (int i = 0; stored && i < MediaReadGuard::kMaxReaders; ++i) {
-        unlink(markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i).c_str());
-        unlink(markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i).c_str());
+        unlinkat(gFolderFd, markerName(MediaReadGuard::kCrashedMarkerPrefix, i).c_str(), 0);
+        unlinkat(gFolderFd, markerName(MediaReadGuard::kReadingMarkerPrefix, i).c_str(), 0);
     }
     for (int i = 0; i < MediaReadGuard::kMaxReaders; ++i) {
         if ((stored || !named[i]) &&
-            openMarker(gSlots[gSlotCount],
-                       markerName(folder, MediaReadGuard::kReadingMarkerPrefix, i),
-                       markerName(folder, MediaReadGuard::kCrashedMarkerPrefix, i))) {
+            openMarker(gSlots[gSlotCount], markerName(MediaReadGuard::kReadingMarkerPrefix, i),
+                       markerName(MediaReadGuard::kCrashedMarkerPrefix, i))) {
             ++gSlotCount;
         }
     }
@@ -334,12 +333,14 @@ void prepare() {
     if (gPrepared) {
         return;
     }
-    const std::string folder = gFolder();
-    FileStatus status;
-    if (folder.empty() || FileStatus::sOfPath(folder, status) != 0 || !status.isDirectory()) {
+    std::string path;
+    const int fd = gFolder(path);
+    if (fd < 0) {
         return;
     }
-    recoverFrom(folder);
+    gFolderFd = fd;
+    gFolderPath = path;
+    recover();
     gPrepared = true;
 }
 
@@ -350,7 +351,7 @@ bool preparedAndAdmits(const std::string& path) {
 
 }  // namespace
 
-void MediaReadGuard::sRecover(const std::function<std::string()>& folder) {
+void MediaReadGuard::sRecover(const Folder& folder) {
     gFolder = folder;
     hookSignals();
 }
@@ -374,7 +375,7 @@ MediaReadGuard::MediaReadGuard(const std::string& path)
         tSlot = slot_;
     }
     if (gStopping && ftruncate(gSlots[slot_].fd, 0) != 0) {
-        QLOG(WARNING) << "can't clear " << gSlots[slot_].reading;
+        QLOG(WARNING) << "can't clear " << pathOf(gSlots[slot_].reading);
     }
 }
 
@@ -384,7 +385,7 @@ MediaReadGuard::~MediaReadGuard() {
     }
     tSlot = -1;
     if (ftruncate(gSlots[slot_].fd, 0) != 0) {
-        QLOG(WARNING) << "can't clear " << gSlots[slot_].reading;
+        QLOG(WARNING) << "can't clear " << pathOf(gSlots[slot_].reading);
     }
     boost::lock_guard<boost::mutex> lock(gSlotMutex);
     gSlots[slot_].busy = false;

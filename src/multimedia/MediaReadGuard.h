@@ -34,18 +34,23 @@ public:
     static const char* const kReadingMarkerPrefix;
     static const char* const kCrashedMarkerPrefix;
 
+    // Opens the folder where the markers are kept (a directory, read-only)
+    // and names it in path, for the log; -1 while there is none to use. The
+    // guard keeps the descriptor for the process's life.
+    typedef std::function<int(std::string& path)> Folder;
+
     // Start-up, on the main thread before any reader starts: hooks the crash
     // signals (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT) and SIGTERM, the
     // orderly stop, which empties every marker; each chains to the handler
     // installed before. Call it once. The folder is not touched yet: the
-    // first guard whose folder() names an existing folder reads the markers
+    // first guard whose folder() opens a folder reads the markers
     // left there by the last run, logs and lists their files, stores the
     // list and opens this run's markers. At start the disk may not be
     // mounted (a marker made then would lie hidden under the disk, and one
     // held open would keep the mount point busy), and a second daemon that
     // is about to find the port taken must not take the first one's markers
     // for a death.
-    static void sRecover(const std::function<std::string()>& folder);
+    static void sRecover(const Folder& folder);
 
     // Marks path as being read by this thread until the guard goes.
     explicit MediaReadGuard(const std::string& path);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "storage/FileStatus.h"
@@ -126,6 +127,24 @@ int removeTree(int parentFd, const std::string& name, int depth, RemovalTop& top
     return error;
 }
 
+// Why name, in the directory open at fd, could not be opened as a folder
+// without following a link: the kernel says ENOTDIR for a link too.
+int openBelowError(int fd, const std::string& name) {
+    const int error = errno;
+    FileStatus status;
+    return error == ENOTDIR && FileStatus::sOfEntry(fd, name, status, false) == 0 && status.isLink()
+               ? ELOOP
+               : error;
+}
+
+int removeTreeIn(int parentFd, const std::string& name) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+        return EINVAL;
+    }
+    RemovalTop top = {-1, 0, 0};
+    return removeTree(parentFd, name, 0, top);
+}
+
 // The recursive removal of path: its last component is taken as it is (a
 // link there is removed as a link, whatever a trailing "/" says).
 int removeTreeAt(const std::string& path) {
@@ -134,15 +153,11 @@ int removeTreeAt(const std::string& path) {
     const std::string parent =
         slash == std::string::npos ? "." : (slash == 0 ? "/" : trimmed.substr(0, slash));
     const std::string name = slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
-    if (name.empty() || name == "." || name == "..") {
-        return EINVAL;
-    }
     const int parentFd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (parentFd < 0) {
         return errno == ENOENT ? 0 : errno;
     }
-    RemovalTop top = {-1, 0, 0};
-    const int error = removeTree(parentFd, name, 0, top);
+    const int error = removeTreeIn(parentFd, name);
     close(parentFd);
     return error;
 }
@@ -222,6 +237,12 @@ ErrorCode Directory::sDelete(const std::string& path, bool recursive) {
     return result;
 }
 
+ErrorCode Directory::sDeleteIn(int folder, const std::string& name) {
+    ErrorCode result;
+    result.setSystemError(systemError(removeTreeIn(folder, name)));
+    return result;
+}
+
 bool Directory::sIsAncestorPath(const std::string& ancestor, const std::string& path) {
     if (ancestor.empty() || path.empty()) {
         return false;
@@ -251,6 +272,31 @@ bool Directory::sHasLinkBelow(const std::string& top, const std::string& path) {
             return false;
         }
     }
+}
+
+int Directory::sOpenBelow(const std::string& top, const std::string& path) {
+    const std::string above = withoutTrailingSlash(top);
+    if (!sIsAncestorPath(above, path)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int fd = open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (std::size_t start = above.size(); fd >= 0 && start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start + 1), path.size());
+        const std::string part = path.substr(start + 1, end - start - 1);
+        start = end;
+        if (part.empty() || part == ".") {
+            continue;
+        }
+        const int next = part == ".." ? -1
+                                      : openat(fd, part.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int error = part == ".." ? EINVAL : (next < 0 ? openBelowError(fd, part) : 0);
+        close(fd);
+        fd = next;
+        errno = error;
+    }
+    return fd;
 }
 
 }  // namespace talvern

@@ -31,6 +31,8 @@ public:
     // no error. A link, at path (trailing "/" or not) or anywhere below it, is
     // removed as a link: nothing outside the tree is ever touched.
     static ErrorCode sDelete(const std::string& path, bool recursive);
+    // sDelete(..., true) of name in the folder open as the descriptor folder.
+    static ErrorCode sDeleteIn(int folder, const std::string& name);
     // True if ancestor is path or one of its parent directories, compared on
     // bytes after cutting one trailing "/" from each; false if either is empty.
     static bool sIsAncestorPath(const std::string& ancestor, const std::string& path);
@@ -39,6 +41,13 @@ public:
     // reached elsewhere. False when top is no ancestor of path; an entry that
     // doesn't exist ends the search (it leads nowhere yet).
     static bool sHasLinkBelow(const std::string& top, const std::string& path);
+    // Opens the directory at path, which is top or lies below it, without
+    // following a link below top (top itself is followed): the descriptor
+    // (read-only, close-on-exec; the caller closes it) stays on the folder
+    // checked whatever is swapped on the way later, for *at calls and
+    // fsync. -1 with errno: ELOOP for a link below top, EINVAL when path is
+    // not below top or takes a "..", as open() gives otherwise.
+    static int sOpenBelow(const std::string& top, const std::string& path);
 };
 
 }  // namespace talvern

@@ -1,6 +1,8 @@
 #include "system/ConfigInfo.h"
 
+#include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/thread/lock_guard.hpp>
 #include <sstream>
@@ -32,11 +34,6 @@ const char* const kDefaultPemrickCameraDirName = "摄像机监控视频";
 std::string devicePath(const char* fixedPath) { return DeviceRoot::sPath(fixedPath); }
 
 std::string systemConfigRootPath() { return devicePath(systemConfigRoot); }
-
-bool isLink(const std::string& path) {
-    FileStatus status;
-    return FileStatus::sOfPath(path, status, false) == 0 && status.isLink();
-}
 
 void makeIfMissing(const std::string& path) {
     if (!Directory::sExists(path)) {
@@ -167,11 +164,14 @@ void ConfigInfo::init() {
     }
     // Cleared at every start; neither is the live database or thumbnail root.
     // The removal never follows a link; a configuration root that is itself a
-    // link (planted on a disk prepared elsewhere) would lead it outside.
-    if (isLink(configRoot_)) {
+    // link (planted on a disk prepared elsewhere, or swapped in meanwhile)
+    // would lead it outside, so it goes through the folder as opened.
+    const int folder = Directory::sOpenBelow(userdiskRootPath_, configRoot_);
+    if (folder < 0 && errno == ELOOP) {
         QLOG(ERROR) << configRoot_ << " is a link, leave what it points to alone";
-    } else {
-        Directory::sDelete(configRoot_ + "/DataBase", true);
+    } else if (folder >= 0) {
+        Directory::sDeleteIn(folder, "DataBase");
+        close(folder);
     }
     Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
 

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +13,16 @@
 namespace {
 
 using talvern::MediaReadGuard;
-using MediaReadGuardTest = quorvia_test::DeviceRootTest;
+
+class MediaReadGuardTest : public quorvia_test::DeviceRootTest {
+protected:
+    MediaReadGuard::Folder folder(const std::string& fixedPath) {
+        return [this, fixedPath](std::string& named) {
+            named = path(fixedPath);
+            return open(named.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        };
+    }
+};
 
 std::string record(int strikes, const std::string& path) {
     return std::to_string(strikes) + '\t' + path + '\0';
@@ -36,7 +46,7 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     // Read by another thread too: the crash counts (regression: it was a
     // suspect only, and read again).
     writeFile("/db/reading-3", "/d/crash.jpg");
-    MediaReadGuard::sRecover([this] { return path("/db"); });
+    MediaReadGuard::sRecover(folder("/db"));
 
     EXPECT_FALSE(MediaReadGuard("/d/suspect.mp4").admitted());
     EXPECT_FALSE(MediaReadGuard("/d/crash.jpg").admitted());
@@ -71,7 +81,7 @@ TEST_F(MediaReadGuardTest, AnOrderlyStopIsNoStrikeRegression) {
     EXPECT_EXIT(
         {
             signal(SIGTERM, SIG_IGN);
-            MediaReadGuard::sRecover([this] { return path("/db"); });
+            MediaReadGuard::sRecover(folder("/db"));
             MediaReadGuard guard("/d/read-at-the-stop.mp4");
             raise(SIGTERM);
             MediaReadGuard late("/d/read-during-the-stop.mp4");
@@ -91,20 +101,43 @@ TEST_F(MediaReadGuardTest, AListThatIsNoFileNeitherHoldsTheReadNorLosesARecordRe
     EXPECT_EXIT(
         {
             alarm(10);
-            MediaReadGuard::sRecover([this] { return path("/fifo"); });
+            MediaReadGuard::sRecover(folder("/fifo"));
             _exit(MediaReadGuard("/d/any.mp4").admitted() ? 3 : 4);
         },
         ::testing::ExitedWithCode(3), "");
 
     writeFile("/db/unreadable-media/in-the-way", "");
     writeFile("/db/crashed-0", "/d/crash.mp4");
-    MediaReadGuard::sRecover([this] { return path("/db"); });
+    MediaReadGuard::sRecover(folder("/db"));
     EXPECT_FALSE(MediaReadGuard("/d/crash.mp4").admitted());
     EXPECT_EQ("/d/crash.mp4", readFile("/db/crashed-0"));
     // This run's reads are marked in the slots left free (regression: read
     // unmarked, a second crashing file crashed every start).
     MediaReadGuard next("/d/next.mp4");
     EXPECT_EQ("/d/next.mp4", readFile("/db/reading-1"));
+}
+
+// The folder lies on the user's disk: swapped for a link once the guard has
+// it, it leads no marker, list or removal elsewhere (regression: markers were
+// removed and made, and the list stored, where the link led).
+TEST_F(MediaReadGuardTest, AFolderSwappedForALinkLeadsNothingElsewhereRegression) {
+    writeFile("/db/crashed-0", "/d/crash.mp4");
+    writeFile("/outside/crashed-1", "/d/keep.mp4");
+    MediaReadGuard::sRecover([this](std::string& named) {
+        named = path("/db");
+        const int fd = open(named.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        EXPECT_EQ(0, rename(named.c_str(), path("/moved").c_str()));
+        EXPECT_EQ(0, symlink(path("/outside").c_str(), named.c_str()));
+        return fd;
+    });
+    EXPECT_FALSE(MediaReadGuard("/d/crash.mp4").admitted());
+    {
+        MediaReadGuard guard("/d/now.mp4");
+        EXPECT_EQ("/d/now.mp4", readFile("/moved/reading-0"));
+    }
+    EXPECT_EQ("crashed-1\n",
+              quorvia_test::capture("ls -A " + quorvia_test::quoted(path("/outside"))));
+    EXPECT_NE(std::string::npos, readFile("/moved/unreadable-media").find("/d/crash.mp4"));
 }
 
 }  // namespace

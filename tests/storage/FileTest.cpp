@@ -75,6 +75,32 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
     EXPECT_TRUE(Directory::sDelete(path("/missing"), false).ok());
 }
 
+// What a disk user planted below the top is never followed; the top is.
+TEST_F(FileTest, OpenBelowFollowsNoLinkBelowTheTop) {
+    const size_t descriptors = quorvia_test::openDescriptors();
+    ASSERT_TRUE(Directory::sCreateDirectory(path("/top/a/b")).ok());
+    ASSERT_TRUE(Directory::sCreateDirectory(path("/outside")).ok());
+    fs::create_symlink(path("/top"), path("/device"));
+    fs::create_symlink(path("/outside"), path("/top/a/planted"));
+    const int fd = Directory::sOpenBelow(path("/device"), path("/device/a//b/"));
+    EXPECT_LE(0, fd);
+    close(fd);
+    const struct {
+        const char* path;
+        int error;
+    } refused[] = {{"/top/a/planted", ELOOP},
+                   {"/top/a/planted/x", ELOOP},
+                   {"/top/a/../a", EINVAL},
+                   {"/topmost", EINVAL},
+                   {"/top/a/missing", ENOENT}};
+    for (const auto& row : refused) {
+        errno = 0;
+        EXPECT_EQ(-1, Directory::sOpenBelow(path("/top"), path(row.path))) << row.path;
+        EXPECT_EQ(row.error, errno) << row.path;
+    }
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
+}
+
 // Where time_t has 32 bits, stat() fails with EOVERFLOW for whatever is dated
 // past January 2038 (a camera with a wrong clock, a restored backup): it
 // counted as missing, unreadable, unhashable and undeletable (regression).

@@ -32,6 +32,23 @@ static void crashIfChosen(const char* path, int flags) {
     }
 }
 
+/* A name relative to a folder descriptor is taken where that folder lies. */
+static void crashIfChosenAt(int dir, const char* path, int flags) {
+    char link[64];
+    char full[8192];
+    ssize_t size;
+    if (path == NULL || path[0] == '/' || dir == AT_FDCWD) {
+        crashIfChosen(path, flags);
+        return;
+    }
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", dir);
+    size = readlink(link, full, sizeof(full) / 2);
+    if (size > 0) {
+        snprintf(full + size, sizeof(full) - (size_t)size, "/%s", path);
+        crashIfChosen(full, flags);
+    }
+}
+
 static mode_t modeOf(int flags, va_list args) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? (mode_t)va_arg(args, int) : 0;
 }
@@ -50,18 +67,18 @@ static mode_t modeOf(int flags, va_list args) {
         return real(path, flags, mode);                                               \
     }
 
-#define WRAP_OPENAT(name)                                                             \
-    int name(int dir, const char* path, int flags, ...) {                             \
-        static int (*real)(int, const char*, int, ...);                               \
-        va_list args;                                                                 \
-        va_start(args, flags);                                                        \
-        const mode_t mode = modeOf(flags, args);                                      \
-        va_end(args);                                                                 \
-        crashIfChosen(path, flags);                                                   \
-        if (real == NULL) {                                                           \
-            real = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, #name);      \
-        }                                                                             \
-        return real(dir, path, flags, mode);                                          \
+#define WRAP_OPENAT(name)                                                        \
+    int name(int dir, const char* path, int flags, ...) {                        \
+        static int (*real)(int, const char*, int, ...);                          \
+        va_list args;                                                            \
+        va_start(args, flags);                                                   \
+        const mode_t mode = modeOf(flags, args);                                 \
+        va_end(args);                                                            \
+        crashIfChosenAt(dir, path, flags);                                       \
+        if (real == NULL) {                                                      \
+            real = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, #name); \
+        }                                                                        \
+        return real(dir, path, flags, mode);                                     \
     }
 
 #define WRAP_FOPEN(name)                                                              \
