@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <deque>
 
 #include "storage/Directory.h"
@@ -130,6 +131,22 @@ DiskFolders::DiskFolders(const std::string& userdiskRoot, const std::string& dat
       userdiskEntry_(entryOf(userdiskRoot)),
       dataEntry_(entryOf(dataFolder)) {
     addExternalDisks();
+    addDiskDevice(userdisk_);
+    addDiskDevice(data_);
+    for (const std::string& disk : externalDisks_) {
+        addDiskDevice(disk);
+    }
+}
+
+// Only a disk mounted on its own: an unmounted disk's folder lies on the
+// device's own file system, where the device's files do.
+void DiskFolders::addDiskDevice(const std::string& disk) {
+    FileStatus status;
+    FileStatus parent;
+    if (!disk.empty() && FileStatus::sOfPath(disk, status) == 0 &&
+        FileStatus::sOfPath(parentOf(disk), parent) == 0 && status.device != parent.device) {
+        diskDevices_.push_back(status.device);
+    }
 }
 
 // An external disk's mount point may itself be a link: the disk is where it
@@ -189,7 +206,8 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
         }
         const std::string target = linkTarget(next);
         close(next);
-        if (isPlanted(entry, place.real) || ++links > kMaxLinksFollowed || target.empty()) {
+        if (isPlanted(entry, place.real, place.fd) || ++links > kMaxLinksFollowed ||
+            target.empty()) {
             return false;
         }
         const std::deque<std::string> more = partsOf(target);
@@ -203,7 +221,12 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
     return true;
 }
 
-bool DiskFolders::holds(const std::string& realFolder) const {
+bool DiskFolders::holds(const std::string& realFolder, int folder) const {
+    FileStatus status;
+    if (folder >= 0 && FileStatus::sOfDescriptor(folder, status) == 0 &&
+        std::find(diskDevices_.begin(), diskDevices_.end(), status.device) != diskDevices_.end()) {
+        return true;
+    }
     if (within(data_, realFolder) || within(userdisk_, realFolder) ||
         (within(extdisks_, realFolder) && realFolder != extdisks_)) {
         return true;
@@ -216,8 +239,9 @@ bool DiskFolders::holds(const std::string& realFolder) const {
     return false;
 }
 
-bool DiskFolders::isPlanted(const std::string& entry, const std::string& realParent) const {
-    return holds(realParent) && entry != userdiskEntry_ && entry != dataEntry_;
+bool DiskFolders::isPlanted(const std::string& entry, const std::string& realParent,
+                            int parent) const {
+    return holds(realParent, parent) && entry != userdiskEntry_ && entry != dataEntry_;
 }
 
 }  // namespace talvern

@@ -1,6 +1,8 @@
 #ifndef QUORVIA_SYSTEM_DISKFOLDERS_H
 #define QUORVIA_SYSTEM_DISKFOLDERS_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -31,12 +33,16 @@ public:
     // whether the folder lies on one.
     bool reachWithoutPlantedLink(const std::string& folder, std::string& real,
                                  int& descriptor) const;
-    // Whether a folder, given as it really lies, holds a disk's content.
-    bool holds(const std::string& realFolder) const;
+    // Whether a folder, given as it really lies and held open as folder (-1:
+    // not held), holds a disk's content: it lies below a disk, or on the
+    // file system of a disk mounted on its own, whatever name reached it (a
+    // bind mount, a second mount).
+    bool holds(const std::string& realFolder, int folder) const;
 
 private:
     void addExternalDisks();
-    bool isPlanted(const std::string& entry, const std::string& realParent) const;
+    void addDiskDevice(const std::string& disk);
+    bool isPlanted(const std::string& entry, const std::string& realParent, int parent) const;
 
     std::string userdisk_;
     std::string data_;
@@ -46,6 +52,8 @@ private:
     std::string dataEntry_;
     // Where each entry of the external disks' root leads.
     std::vector<std::string> externalDisks_;
+    // The file systems of the disks that are mount points.
+    std::vector<dev_t> diskDevices_;
 };
 
 }  // namespace talvern

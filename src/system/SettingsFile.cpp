@@ -32,7 +32,7 @@ SettingsFile::SettingsFile(const DiskFolders& disks, const std::string& path)
     : path_(path), name_(nameOf(path)), folder_(-1), reached_(false), onDisk_(false) {
     std::string realFolder;
     reached_ = disks.reachWithoutPlantedLink(folderOf(path), realFolder, folder_);
-    onDisk_ = disks.holds(realFolder);
+    onDisk_ = disks.holds(realFolder, folder_);
 }
 
 SettingsFile::~SettingsFile() {

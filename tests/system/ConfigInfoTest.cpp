@@ -1,10 +1,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <cerrno>
+#include <cstring>
 #include <libconfig.h++>
 #include <string>
 #include <vector>
@@ -177,6 +181,30 @@ TEST_F(ConfigInfoTest, AFolderSwappedForALinkAfterTheWalkLeadsNothingElsewhereRe
         fs::remove(path("/userdisk/talvernConfig"));
         fs::rename(path("/userdisk/moved"), path("/userdisk/talvernConfig"));
     }
+}
+
+// A disk mounted on its own is a disk under any name: a link planted on it
+// is not followed where a second mount reaches it (regression: a setting was
+// written where it led).
+TEST_F(ConfigInfoTest, ALinkPlantedOnADiskReachedUnderAnotherNameIsNotFollowedRegression) {
+    if (unshare(CLONE_NEWNS) != 0) {
+        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
+    }
+    ASSERT_EQ(0, mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL));
+    for (const char* folder : {"/userdisk", "/share", "/outside"}) {
+        fs::create_directories(path(folder));
+    }
+    ASSERT_EQ(0, mount("tmpfs", path("/userdisk").c_str(), "tmpfs", 0, NULL));
+    fs::create_directories(path("/userdisk/data"));
+    fs::create_symlink(path("/outside"), path("/userdisk/data/planted"));
+    ASSERT_EQ(0,
+              mount(path("/userdisk/data").c_str(), path("/share").c_str(), NULL, MS_BIND, NULL));
+    info()->setConfigToFile(path("/share/planted/x.cfg"), "k", "v");
+    info()->setConfigToFile(path("/share/x.cfg"), "k", "v");
+    EXPECT_EQ("", capture("ls -A " + quoted(path("/outside"))));
+    EXPECT_EQ("k = \"v\";\n", readFile("/userdisk/data/x.cfg"));
+    EXPECT_EQ(0, umount2(path("/share").c_str(), MNT_DETACH) +
+                     umount2(path("/userdisk").c_str(), MNT_DETACH));
 }
 
 // /tmp is anyone's and the user disk is written elsewhere: a FIFO or a device
