@@ -1,7 +1,9 @@
 #include "multimedia/QuorviaDBMgr.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
@@ -16,7 +18,7 @@
 namespace quorvia {
 
 QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath, const std::string& diskFolder)
-    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false), diskFolder_(diskFolder) {
+    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false), diskFolder_(diskFolder), folder_(-1) {
     setNames(dbPath);
     init();
 }
@@ -24,6 +26,9 @@ QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath, const std::string& diskFol
 QuorviaDBMgr::~QuorviaDBMgr() {
     sqlite3_close(db_);
     db_ = NULL;
+    if (folder_ >= 0) {
+        close(folder_);
+    }
 }
 
 void QuorviaDBMgr::setNames(const std::string& dbPath) {
@@ -63,6 +68,9 @@ void QuorviaDBMgr::checkFileInPlace() {
 }
 
 namespace {
+
+// Where /proc shows the folder each descriptor of this process is open on.
+const char* const kDescriptorFolders = "/proc/self/fd/";
 
 // path as a "file:" URI: SQLite decodes %HH there, and "?" and "#" would end
 // it. An absolute path gets an empty authority, so that one that begins
@@ -128,13 +136,13 @@ bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
-    const bool planted = isPlanted(dbPath_, diskFolder_);
+    const bool planted = isPlanted(dbPath_, diskFolder_) || !holdFolder();
     if (planted) {
         QLOG(ERROR) << "the store " << dbPath_
                     << " leads through a link or to no file of its own; not opened";
     }
     const int rc = planted ? SQLITE_CANTOPEN
-                           : sqlite3_open_v2(dbPath_.c_str(), &db_,
+                           : sqlite3_open_v2(openPath_.c_str(), &db_,
                                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
     if (rc == SQLITE_OK) {
         // Other processes may read the file; without a wait each of their
@@ -158,6 +166,28 @@ bool QuorviaDBMgr::openDB() {
     QLOG(ERROR) << "Can't open database: " << dbPath_;
     db_ = NULL;
     return false;
+}
+
+// SQLite opens the store, and the files beside it, by name for the
+// connection's life. Through the folder held open, a folder on the disk
+// swapped for a link after the check leads none of them elsewhere. false
+// when a link planted below the disk folder leads there; a folder that can't
+// be held otherwise (missing) is left to SQLite's open by name, which fails.
+bool QuorviaDBMgr::holdFolder() {
+    const std::string::size_type slash = dbPath_.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : dbPath_.substr(0, slash + 1);
+    if (folder_ >= 0) {
+        close(folder_);
+    }
+    folder_ = talvern::Directory::sIsAncestorPath(diskFolder_, folder)
+                  ? talvern::Directory::sOpenBelow(diskFolder_, folder)
+                  : open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool planted = folder_ < 0 && errno == ELOOP;
+    const std::string view = kDescriptorFolders + std::to_string(folder_);
+    openPath_ = folder_ >= 0 && access(view.c_str(), F_OK) == 0
+                    ? view + "/" + dbPath_.substr(slash == std::string::npos ? 0 : slash + 1)
+                    : dbPath_;
+    return !planted;
 }
 
 // With a rollback journal every commit costs two or three flushes to the
@@ -194,7 +224,7 @@ void QuorviaDBMgr::useWriteAheadLog() {
 // starts again: db_ can't be swapped under the lookups, which take no lock.
 void QuorviaDBMgr::readReadOnlyStore() {
     sqlite3* immutable = NULL;
-    const std::string uri = fileUri(dbPath_) + "?immutable=1";
+    const std::string uri = fileUri(openPath_) + "?immutable=1";
     // A cache of its own: a shared one would be the first connection's.
     const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_PRIVATECACHE;
     if (sqlite3_open_v2(uri.c_str(), &immutable, flags, NULL) != SQLITE_OK ||

@@ -133,6 +133,7 @@ private:
     QuorviaDBMgr& operator=(const QuorviaDBMgr&);
 
     void setNames(const std::string& dbPath);
+    bool holdFolder();
     // Says once, at ERROR, when the file at dbPath_ is no longer the one the
     // connection has open (deleted, or the disk's folder moved): rows then go
     // where nobody reads them until the daemon starts again. Under mutex_.
@@ -160,6 +161,11 @@ private:
     std::string dbName_;
     std::string dbPath_;
     std::string diskFolder_;
+    // The store's folder, held open from the open on (-1 before), and the
+    // name SQLite opens the store by: through that folder where /proc
+    // shows it, dbPath_ otherwise.
+    int folder_;
+    std::string openPath_;
     std::string mainTableName_;
     std::string keyvaluePairsTableName_;
     std::string dbVersionKey_;

@@ -15,6 +15,8 @@ namespace {
 
 using talvern::FileStatus;
 
+const char kProcFolder[] = "/proc/";
+
 int fill(int error, const FileStatus& status, struct stat* out) {
     if (error != 0) {
         errno = error;
@@ -38,7 +40,8 @@ int statPath(const char* path, struct stat* out) {
 
 int lstatPath(const char* path, struct stat* out) {
     FileStatus status;
-    return fill(FileStatus::sOfPath(path, status, false), status, out);
+    const bool kernelView = std::strncmp(path, kProcFolder, sizeof(kProcFolder) - 1) == 0;
+    return fill(FileStatus::sOfPath(path, status, kernelView), status, out);
 }
 
 int statDescriptor(int fd, struct stat* out) {

@@ -8,7 +8,10 @@ namespace quorvia {
 // folder above it, dated past January 2038, and the store would not open.
 // This hands the three to the default file system layer as calls through
 // talvern::FileStatus, whose times are 64 bits wide. The times they give are
-// zero: SQLite reads none.
+// zero: SQLite reads none. Under /proc, lstat() follows links: they are the
+// kernel's views of this process (/proc/self, a descriptor's folder at
+// /proc/self/fd/N), which a store opened through a folder held open must
+// keep in its name rather than the folder's name that SQLite would resolve.
 class SqliteFileStatus {
 public:
     virtual ~SqliteFileStatus() {}

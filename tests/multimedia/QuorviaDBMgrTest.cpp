@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <boost/thread/thread.hpp>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "multimedia/QuorviaDBMgr.h"
+#include "multimedia/SqliteFileStatus.h"
 #include "support/DeviceRootTest.h"
 
 using quorvia::QuorviaContext;
@@ -142,6 +144,45 @@ TEST_F(QuorviaDBMgrTest, StoreThatCannotOpenOrWasClosedFailsEveryOperationQuietl
     }
     EXPECT_EQ("precious\n", quorvia_test::capture("ls -A " + path("/elsewhere")));
     EXPECT_EQ("kept", readFile("/elsewhere/precious"));
+}
+
+// SQLite's lstat, wrapped so that the first look SQLite takes at the file
+// system, after the store's own checks, swaps its folder for a link.
+sqlite3_syscall_ptr gLstat = NULL;
+std::function<void()> gSwap;
+
+int swappingLstat(const char* path, struct stat* out) {
+    if (gSwap) {
+        const std::function<void()> swap = gSwap;
+        gSwap = nullptr;
+        swap();
+    }
+    return reinterpret_cast<int (*)(const char*, struct stat*)>(gLstat)(path, out);
+}
+
+// The store's folder lies on the disk: swapped for a link once the store has
+// checked it, it leads none of SQLite's files elsewhere (regression: the
+// store was made where the link led).
+TEST_F(QuorviaDBMgrTest, AFolderSwappedForALinkAfterTheCheckLeadsNothingElsewhereRegression) {
+    for (const char* folder : {"/disk", "/disk/db", "/elsewhere"}) {
+        ASSERT_EQ(0, mkdir(path(folder).c_str(), 0755));
+    }
+    quorvia::SqliteFileStatus::sInstall();
+    sqlite3_vfs* vfs = sqlite3_vfs_find(NULL);
+    gLstat = vfs->xGetSystemCall(vfs, "lstat");
+    ASSERT_EQ(SQLITE_OK, vfs->xSetSystemCall(
+                             vfs, "lstat", reinterpret_cast<sqlite3_syscall_ptr>(&swappingLstat)));
+    gSwap = [this] {
+        EXPECT_EQ(0, rename(path("/disk/db").c_str(), path("/disk/moved").c_str()));
+        EXPECT_EQ(0, symlink("../elsewhere", path("/disk/db").c_str()));
+    };
+    {
+        QuorviaDBMgr store(path("/disk/db/quorvia.db"), path("/disk"));
+        EXPECT_TRUE(store.insertToDB(row("h", "/p")));
+    }
+    vfs->xSetSystemCall(vfs, "lstat", gLstat);
+    EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/elsewhere")));
+    EXPECT_EQ(1u, RawDb(path("/disk/moved/quorvia.db")).paths().size());
 }
 
 // A disk remounted read-only (the router's answer to a file system error)
