@@ -170,9 +170,12 @@ void DiskFolders::addExternalDisks() {
 bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string& real,
                                           int& descriptor) const {
     descriptor = -1;
+    real = folder;
     Place place;
+    // A folder that can't be opened now (no descriptor left, no current
+    // folder) is not held: nothing planted was met on the way.
     if (!place.start(folder)) {
-        return false;
+        return true;
     }
     std::deque<std::string> left = partsOf(folder);
     for (int links = 0; !left.empty();) {
@@ -185,7 +188,7 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
             const std::deque<std::string> up = partsOf(parentOf(place.real));
             left.insert(left.begin(), up.begin(), up.end());
             if (!place.start("/")) {
-                return false;
+                return true;
             }
             continue;
         }
@@ -213,7 +216,7 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
         const std::deque<std::string> more = partsOf(target);
         left.insert(left.begin(), more.begin(), more.end());
         if (target[0] == '/' && !place.start(target)) {
-            return false;
+            return true;
         }
     }
     real = place.real;

@@ -23,12 +23,12 @@ public:
 
     // Follows folder entry by entry as the kernel would (from the current
     // folder when it is relative; "//", "." and ".." as the kernel reads
-    // them). false when a link planted on a disk lies on the way, or when the
-    // way can't be told (no current folder, a loop of links). real is where
-    // folder lies: its existing part resolved, the rest as given. descriptor:
-    // the folder held open (O_PATH) as the walk reached it, for the caller to
-    // open, rename and remove in and then close; -1 when a part of folder
-    // doesn't exist or false is returned. The disks' users may rename
+    // them). false when a link planted on a disk lies on the way, or a loop
+    // of links. real is where folder lies: its part walked resolved, the rest
+    // as given. descriptor: the folder held open (O_PATH) as the walk reached
+    // it, for the caller to open, rename and remove in and then close; -1
+    // when a part of folder doesn't exist, it can't be opened now (no
+    // descriptor left, no current folder), or false is returned. The disks' users may rename
     // folders during the walk, but only within a disk, so real still tells
     // whether the folder lies on one.
     bool reachWithoutPlantedLink(const std::string& folder, std::string& real,
