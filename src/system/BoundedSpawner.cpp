@@ -47,6 +47,10 @@ const char kFirstToKill[] = "1000";
 const int kResetSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGCHLD, SIGALRM};
 const int kWorkThrewStatus = 2;
 const std::size_t kReadChunk = 4096;
+// How long a request waits for room on the control socket. Room runs out
+// only when the spawner or its waiting child is stuck (stopped, say), and
+// then the caller does better to do the work itself than to wait for it.
+const int kMaxSendWaitMilliseconds = 100;
 // How long after the deadline a caller waits for a child to be seen ending.
 const int kEndMarginMilliseconds = 1000;
 // How long an ending spawner is waited for, to be reaped.
@@ -147,6 +151,19 @@ void endAt(int64_t deadline) {
     setitimer(ITIMER_REAL, &alarm, NULL);
 }
 
+int millisecondsUntil(Clock::time_point deadline) {
+    const int64_t left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::min<int64_t>(left + 1, INT_MAX));
+}
+
+// Waits until fd may have room to send, or until; false once until has come.
+bool waitForRoom(int fd, Clock::time_point until) {
+    struct pollfd room = {fd, POLLOUT, 0};
+    const int wait = millisecondsUntil(until);
+    return wait > 0 && (poll(&room, 1, wait) != 0 || Clock::now() < until);
+}
+
 void writeAll(int fd, const char* data, std::size_t size) {
     while (size > 0) {
         const ssize_t written = write(fd, data, size);
@@ -162,7 +179,8 @@ void writeAll(int fd, const char* data, std::size_t size) {
 }
 
 // One request on the control socket: its bytes, and the descriptor of its
-// reply passed along. 0, or the error that stopped it.
+// reply passed along. 0, or the error that stopped it: EAGAIN when there was
+// no room for it until kMaxSendWaitMilliseconds from now.
 int sendRequest(int control, const std::string& message, int reply) {
     struct iovec part = {const_cast<char*>(message.data()), message.size()};
     union {
@@ -179,11 +197,18 @@ int sendRequest(int control, const std::string& message, int reply) {
     descriptor->cmsg_type = SCM_RIGHTS;
     descriptor->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(descriptor), &reply, sizeof(int));
-    ssize_t sent;
-    do {
-        sent = sendmsg(control, &header, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent < 0 ? errno : (sent == static_cast<ssize_t>(message.size()) ? 0 : EMSGSIZE);
+    const Clock::time_point until =
+        Clock::now() + std::chrono::milliseconds(kMaxSendWaitMilliseconds);
+    for (;;) {
+        const ssize_t sent = sendmsg(control, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            return sent == static_cast<ssize_t>(message.size()) ? 0 : EMSGSIZE;
+        }
+        const int error = errno;
+        if (error != EINTR && (error != EAGAIN || !waitForRoom(control, until))) {
+            return error;
+        }
+    }
 }
 
 // The next request's bytes and reply descriptor (-1 when none came with it,
@@ -222,12 +247,6 @@ ssize_t receiveRequest(int control, char* buffer, std::size_t size, int& reply) 
 bool controlClosed(int fd) {
     struct pollfd control = {fd, 0, 0};
     return poll(&control, 1, 0) == 1 && (control.revents & (POLLHUP | POLLERR)) != 0;
-}
-
-int millisecondsUntil(Clock::time_point deadline) {
-    const int64_t left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return static_cast<int>(std::min<int64_t>(left + 1, INT_MAX));
 }
 
 // Reads the reply until the child closes it. false: the deadline came first,

@@ -38,8 +38,9 @@ public:
         // The work returned; report holds what it returned.
         kReported,
         // There is no spawner (never started, or gone), or the request could
-        // not be sent (longer than kMaxRequestBytes, or refused by the
-        // socket: memory short); nothing ran.
+        // not be sent (longer than kMaxRequestBytes, refused by the socket:
+        // memory short, or no room in it soon: the spawner stuck); nothing
+        // ran.
         kNotStarted,
         // The spawner could not fork a child (a process limit, memory
         // short); nothing ran.

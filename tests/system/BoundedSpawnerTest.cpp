@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "system/BoundedSpawner.h"
 
@@ -210,11 +211,11 @@ TEST_F(BoundedSpawnerTest, ARequestThatCantBeSentStartsNothingAndTheSpawnerServe
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report));
 }
 
-// The child forked in advance for the next request, killed while it waits:
-// that request is served all the same.
-TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
+// The child forked in advance for the next request.
+pid_t waitingChild() {
     std::string family;
-    ASSERT_EQ(BoundedSpawner::kReported, run("self", family));
+    EXPECT_EQ(BoundedSpawner::kReported,
+              BoundedSpawner::sRun("self", Clock::now() + std::chrono::seconds(30), family));
     const std::string spawner = family.substr(0, family.find(' '));
     const pid_t served = atoi(family.substr(family.find(' ') + 1).c_str());
     pid_t waiting = 0;
@@ -222,6 +223,12 @@ TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
         usleep(1000);
         std::ifstream("/proc/" + spawner + "/task/" + spawner + "/children") >> waiting;
     }
+    return waiting;
+}
+
+// Killed while it waits: the request that comes next is served all the same.
+TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
+    const pid_t waiting = waitingChild();
     ASSERT_EQ(0, kill(waiting, SIGKILL));
     // A request that comes while it dies goes with it.
     for (int tries = 0; tries < 5000 && kill(waiting, 0) == 0; ++tries) {
@@ -230,6 +237,32 @@ TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
     std::string report;
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report, std::chrono::seconds(5)));
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report, std::chrono::seconds(5)));
+}
+
+// Stopped while it waits, it takes no request: callers once waited without
+// bound for room on the control socket, far past their deadlines.
+TEST_F(BoundedSpawnerTest, AStuckWaitingChildHoldsNoCallerPastItsDeadline) {
+    const pid_t waiting = waitingChild();
+    ASSERT_EQ(0, kill(waiting, SIGSTOP));
+    const int small = 1;  // the kernel takes its least
+    ASSERT_EQ(0, setsockopt(controlSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    std::atomic<int> answered(0);
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 8; ++i) {
+        callers.emplace_back([&answered] {
+            std::string report;
+            BoundedSpawner::sRun("echo", Clock::now() + std::chrono::milliseconds(50), report);
+            ++answered;
+        });
+    }
+    for (int tries = 0; tries < 500 && answered < 8; ++tries) {
+        usleep(10000);
+    }
+    EXPECT_EQ(8, answered);
+    kill(waiting, SIGCONT);
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
 }
 
 // Once ended, the spawner is reaped and nothing more is started.
