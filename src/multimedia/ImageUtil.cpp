@@ -40,8 +40,15 @@ bool isUsableHash(const std::string& hash) {
     return true;
 }
 
-void createDirectoryIfMissing(const std::string& path) {
-    if (!path.empty() && !Directory::sExists(path)) {
+// Made below the data folder without following a link there, planted or
+// swapped in after the check.
+void createDirectoryIfMissing(const std::string& dataFolder, const std::string& path) {
+    if (path.empty() || Directory::sExists(path)) {
+        return;
+    }
+    if (Directory::sIsAncestorPath(dataFolder, path)) {
+        Directory::sCreateBelow(dataFolder, path);
+    } else {
         Directory::sCreateDirectory(path);
     }
 }
@@ -280,8 +287,9 @@ std::string ImageUtil::generateThumbPath(const std::string& path, ThumbnailSize 
         QLOG(ERROR) << "generate thumb path, " << thumbPath << " passes through a link";
         return std::string();
     }
-    createDirectoryIfMissing(root);
-    createDirectoryIfMissing(boost::filesystem::path(thumbPath).parent_path().string());
+    createDirectoryIfMissing(config->getUserdiskDataPath(), root);
+    createDirectoryIfMissing(config->getUserdiskDataPath(),
+                             boost::filesystem::path(thumbPath).parent_path().string());
     return thumbPath;
 }
 

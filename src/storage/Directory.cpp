@@ -137,6 +137,39 @@ int openBelowError(int fd, const std::string& name) {
                : error;
 }
 
+// The walk of sOpenBelow; with make, each missing level is made on the way
+// (0777 less the umask, as mkdir -p).
+int openBelow(const std::string& top, const std::string& path, bool make) {
+    const std::string above = withoutTrailingSlash(top);
+    if (!Directory::sIsAncestorPath(above, path)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int fd = open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (std::size_t start = above.size(); fd >= 0 && start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start + 1), path.size());
+        const std::string part = path.substr(start + 1, end - start - 1);
+        start = end;
+        if (part.empty() || part == ".") {
+            continue;
+        }
+        if (make && part != ".." && mkdirat(fd, part.c_str(), 0777) != 0 && errno != EEXIST) {
+            const int error = errno;
+            close(fd);
+            errno = error;
+            return -1;
+        }
+        const int next = part == ".." ? -1
+                                      : openat(fd, part.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int error = part == ".." ? EINVAL : (next < 0 ? openBelowError(fd, part) : 0);
+        close(fd);
+        fd = next;
+        errno = error;
+    }
+    return fd;
+}
+
 int removeTreeIn(int parentFd, const std::string& name) {
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
         return EINVAL;
@@ -195,6 +228,15 @@ int makeDirectories(const std::string& path) {
                : made;
 }
 
+// The outcome of making the directory path; a full disk is logged.
+ErrorCode creationResult(const std::string& path, int error) {
+    const boost::system::error_code ec = systemError(error);
+    if (ec.value() == kNoSpaceLeftOnDevice) {
+        QLOG(ERROR) << "create directory " << path << ", No space left on device";
+    }
+    return ErrorCode(ec);
+}
+
 // A file, a link or an empty directory; nothing there is no error.
 int removeOne(const std::string& path) {
     if (unlink(path.c_str()) == 0 || (errno == EISDIR && rmdir(path.c_str()) == 0)) {
@@ -216,14 +258,11 @@ bool Directory::sExists(const std::string& path) {
 }
 
 ErrorCode Directory::sCreateDirectory(const std::string& path) {
-    const boost::system::error_code ec = systemError(makeDirectories(path));
+    const int error = makeDirectories(path);
     // Never through a link planted at path: the mode is for our own folder.
     fchmodat(AT_FDCWD, withoutTrailingSlash(path).c_str(), kCreatedDirectoryMode,
              AT_SYMLINK_NOFOLLOW);
-    if (ec.value() == kNoSpaceLeftOnDevice) {
-        QLOG(ERROR) << "create directory " << path << ", No space left on device";
-    }
-    return ErrorCode(ec);
+    return creationResult(path, error);
 }
 
 ErrorCode Directory::sDelete(const std::string& path, bool recursive) {
@@ -275,28 +314,18 @@ bool Directory::sHasLinkBelow(const std::string& top, const std::string& path) {
 }
 
 int Directory::sOpenBelow(const std::string& top, const std::string& path) {
-    const std::string above = withoutTrailingSlash(top);
-    if (!sIsAncestorPath(above, path)) {
-        errno = EINVAL;
-        return -1;
-    }
-    int fd = open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (std::size_t start = above.size(); fd >= 0 && start < path.size();) {
-        const std::size_t end = std::min(path.find('/', start + 1), path.size());
-        const std::string part = path.substr(start + 1, end - start - 1);
-        start = end;
-        if (part.empty() || part == ".") {
-            continue;
-        }
-        const int next = part == ".." ? -1
-                                      : openat(fd, part.c_str(),
-                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        const int error = part == ".." ? EINVAL : (next < 0 ? openBelowError(fd, part) : 0);
+    return openBelow(top, path, false);
+}
+
+ErrorCode Directory::sCreateBelow(const std::string& top, const std::string& path) {
+    const int topError = makeDirectories(top);
+    const int fd = topError != 0 ? -1 : openBelow(top, path, true);
+    const int error = topError != 0 ? topError : (fd < 0 ? errno : 0);
+    if (fd >= 0) {
+        fchmod(fd, kCreatedDirectoryMode);
         close(fd);
-        fd = next;
-        errno = error;
     }
-    return fd;
+    return creationResult(path, error);
 }
 
 }  // namespace talvern

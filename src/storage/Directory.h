@@ -48,6 +48,11 @@ public:
     // fsync. -1 with errno: ELOOP for a link below top, EINVAL when path is
     // not below top or takes a "..", as open() gives otherwise.
     static int sOpenBelow(const std::string& top, const std::string& path);
+    // sCreateDirectory below top as sOpenBelow walks it: each missing level
+    // is made in the folder opened before it, so a link planted or swapped in
+    // below top leads none of them elsewhere (ELOOP). top, trusted, is made
+    // by name where missing.
+    static ErrorCode sCreateBelow(const std::string& top, const std::string& path);
 };
 
 }  // namespace talvern

@@ -292,10 +292,11 @@ std::string ConfigInfo::getFormattedStorageRoot() {
     return formattedStorageRoot_;
 }
 
-// Not made through a link planted on the disk, which would lead it elsewhere.
+// Not made through a link planted on the disk (or swapped in meanwhile),
+// which would lead it elsewhere.
 std::string ConfigInfo::getDatabaseRootPath() {
-    if (!Directory::sHasLinkBelow(userdiskDataPath_, databaseRootPath_)) {
-        makeIfMissing(databaseRootPath_);
+    if (!Directory::sExists(databaseRootPath_)) {
+        Directory::sCreateBelow(userdiskDataPath_, databaseRootPath_);
     }
     return databaseRootPath_;
 }

@@ -76,7 +76,7 @@ TEST_F(FileTest, DirectoryCreateSetsTheModeAgainAndDeleteIsRecursiveOnlyWhenAske
 }
 
 // What a disk user planted below the top is never followed; the top is.
-TEST_F(FileTest, OpenBelowFollowsNoLinkBelowTheTop) {
+TEST_F(FileTest, OpenAndCreateBelowFollowNoLinkBelowTheTop) {
     const size_t descriptors = quorvia_test::openDescriptors();
     ASSERT_TRUE(Directory::sCreateDirectory(path("/top/a/b")).ok());
     ASSERT_TRUE(Directory::sCreateDirectory(path("/outside")).ok());
@@ -98,6 +98,12 @@ TEST_F(FileTest, OpenBelowFollowsNoLinkBelowTheTop) {
         EXPECT_EQ(-1, Directory::sOpenBelow(path("/top"), path(row.path))) << row.path;
         EXPECT_EQ(row.error, errno) << row.path;
     }
+    EXPECT_EQ(
+        ELOOP,
+        Directory::sCreateBelow(path("/top"), path("/top/a/planted/new")).systemError().value());
+    EXPECT_TRUE(Directory::sCreateBelow(path("/device"), path("/device/a/new/deep")).ok());
+    EXPECT_EQ(0777u, modeOf(path("/top/a/new/deep")));
+    EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/outside")));
     EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
 }
 
