@@ -18,7 +18,7 @@
 namespace quorvia {
 
 QuorviaDBMgr::QuorviaDBMgr(const std::string& dbPath, const std::string& diskFolder)
-    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false), diskFolder_(diskFolder), folder_(-1) {
+    : db_(NULL), fileIdentity_(0, 0), fileLossLogged_(false), diskFolder_(diskFolder) {
     setNames(dbPath);
     init();
 }
@@ -136,14 +136,15 @@ bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
-    const bool planted = isPlanted(dbPath_, diskFolder_) || !holdFolder();
-    if (planted) {
+    const bool planted = isPlanted(dbPath_, diskFolder_);
+    const bool held = !planted && holdFolder();
+    if (planted || (!held && errno == ELOOP)) {
         QLOG(ERROR) << "the store " << dbPath_
                     << " leads through a link or to no file of its own; not opened";
     }
-    const int rc = planted ? SQLITE_CANTOPEN
-                           : sqlite3_open_v2(openPath_.c_str(), &db_,
-                                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL);
+    const int rc = held ? sqlite3_open_v2(openPath_.c_str(), &db_,
+                                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, NULL)
+                        : SQLITE_CANTOPEN;
     if (rc == SQLITE_OK) {
         // Other processes may read the file; without a wait each of their
         // reads makes a concurrent delete or move fail and its row stay.
@@ -170,9 +171,10 @@ bool QuorviaDBMgr::openDB() {
 
 // SQLite opens the store, and the files beside it, by name for the
 // connection's life. Through the folder held open, a folder on the disk
-// swapped for a link after the check leads none of them elsewhere. false
-// when a link planted below the disk folder leads there; a folder that can't
-// be held otherwise (missing) is left to SQLite's open by name, which fails.
+// swapped for a link after the check leads none of them elsewhere. false,
+// with errno, when the folder can't be held: missing, or a link planted below
+// the disk folder leads there (ELOOP). Without /proc, SQLite names the store
+// by its path.
 bool QuorviaDBMgr::holdFolder() {
     const std::string::size_type slash = dbPath_.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : dbPath_.substr(0, slash + 1);
@@ -182,12 +184,14 @@ bool QuorviaDBMgr::holdFolder() {
     folder_ = talvern::Directory::sIsAncestorPath(diskFolder_, folder)
                   ? talvern::Directory::sOpenBelow(diskFolder_, folder)
                   : open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool planted = folder_ < 0 && errno == ELOOP;
+    if (folder_ < 0) {
+        return false;
+    }
     const std::string view = kDescriptorFolders + std::to_string(folder_);
-    openPath_ = folder_ >= 0 && access(view.c_str(), F_OK) == 0
+    openPath_ = access(view.c_str(), F_OK) == 0
                     ? view + "/" + dbPath_.substr(slash == std::string::npos ? 0 : slash + 1)
                     : dbPath_;
-    return !planted;
+    return true;
 }
 
 // With a rollback journal every commit costs two or three flushes to the

@@ -164,7 +164,7 @@ private:
     // The store's folder, held open from the open on (-1 before), and the
     // name SQLite opens the store by: through that folder where /proc
     // shows it, dbPath_ otherwise.
-    int folder_;
+    int folder_ = -1;
     std::string openPath_;
     std::string mainTableName_;
     std::string keyvaluePairsTableName_;

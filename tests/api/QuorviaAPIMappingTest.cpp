@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <string>
@@ -45,7 +46,13 @@ class QuorviaAPIMappingTest : public quorvia_test::DeviceRootTest {};
 // request stores or drops nothing, and values are read the way json-c reads
 // them. No request is logged.
 TEST_F(QuorviaAPIMappingTest, RequestsAreRoutedByTheirKeysAndValues) {
+    // The daemon's store once closed standard input, taking it for its folder.
+    struct stat input;
+    ASSERT_EQ(0, fstat(0, &input));
     storeRow("/old/path", "untitled", "");
+    struct stat after;
+    ASSERT_EQ(0, fstat(0, &after));
+    EXPECT_TRUE(after.st_dev == input.st_dev && after.st_ino == input.st_ino);
     storeRow("/mnt/usb1/d/b.jpg", "inside", "b.jpg");
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},

@@ -161,10 +161,10 @@ int swappingLstat(const char* path, struct stat* out) {
 }
 
 // The store's folder lies on the disk: swapped for a link once the store has
-// checked it, it leads none of SQLite's files elsewhere (regression: the
-// store was made where the link led).
+// checked it, or planted where it was missing, it leads none of SQLite's
+// files elsewhere (regressions: the store was made where the link led).
 TEST_F(QuorviaDBMgrTest, AFolderSwappedForALinkAfterTheCheckLeadsNothingElsewhereRegression) {
-    for (const char* folder : {"/disk", "/disk/db", "/elsewhere"}) {
+    for (const char* folder : {"/disk", "/elsewhere"}) {
         ASSERT_EQ(0, mkdir(path(folder).c_str(), 0755));
     }
     quorvia::SqliteFileStatus::sInstall();
@@ -172,16 +172,23 @@ TEST_F(QuorviaDBMgrTest, AFolderSwappedForALinkAfterTheCheckLeadsNothingElsewher
     gLstat = vfs->xGetSystemCall(vfs, "lstat");
     ASSERT_EQ(SQLITE_OK, vfs->xSetSystemCall(
                              vfs, "lstat", reinterpret_cast<sqlite3_syscall_ptr>(&swappingLstat)));
-    gSwap = [this] {
-        EXPECT_EQ(0, rename(path("/disk/db").c_str(), path("/disk/moved").c_str()));
-        EXPECT_EQ(0, symlink("../elsewhere", path("/disk/db").c_str()));
-    };
-    {
-        QuorviaDBMgr store(path("/disk/db/quorvia.db"), path("/disk"));
-        EXPECT_TRUE(store.insertToDB(row("h", "/p")));
+    for (const bool missing : {false, true}) {
+        if (!missing) {
+            ASSERT_EQ(0, mkdir(path("/disk/db").c_str(), 0755));
+        }
+        gSwap = [this] {
+            rename(path("/disk/db").c_str(), path("/disk/moved").c_str());
+            EXPECT_EQ(0, symlink("../elsewhere", path("/disk/db").c_str()));
+        };
+        {
+            QuorviaDBMgr store(path("/disk/db/quorvia.db"), path("/disk"));
+            EXPECT_EQ(!missing, store.insertToDB(row("h", "/p")));
+        }
+        gSwap = nullptr;
+        EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/elsewhere"))) << missing;
+        unlink(path("/disk/db").c_str());
     }
     vfs->xSetSystemCall(vfs, "lstat", gLstat);
-    EXPECT_EQ("", quorvia_test::capture("ls -A " + path("/elsewhere")));
     EXPECT_EQ(1u, RawDb(path("/disk/moved/quorvia.db")).paths().size());
 }
 
