@@ -199,15 +199,18 @@ int sendRequest(int control, const std::string& message, int reply) {
     memcpy(CMSG_DATA(descriptor), &reply, sizeof(int));
     const Clock::time_point until =
         Clock::now() + std::chrono::milliseconds(kMaxSendWaitMilliseconds);
-    for (;;) {
+    // The socket says it has room only once most of its buffer is free, so
+    // the send is tried once more when the wait is over.
+    for (bool last = false;;) {
         const ssize_t sent = sendmsg(control, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
             return sent == static_cast<ssize_t>(message.size()) ? 0 : EMSGSIZE;
         }
         const int error = errno;
-        if (error != EINTR && (error != EAGAIN || !waitForRoom(control, until))) {
+        if (error != EINTR && (error != EAGAIN || last)) {
             return error;
         }
+        last = error == EAGAIN && !waitForRoom(control, until);
     }
 }
 
