@@ -17,7 +17,9 @@ namespace talvern {
 // start-up, while it has a single thread, and that stays single-threaded. A
 // child forked from this process later would copy the locks its other
 // threads hold (the C library's time zone lock, a library's own mutex) and
-// could wait on them for ever. Each child:
+// could wait on them for ever. The spawner forks each child before its
+// request comes, to wait for it, so that a request does not wait for a fork.
+// Each child:
 // - may map at most kMaxMemoryBytes beyond what it inherits, and is the
 //   out-of-memory killer's first choice;
 // - ends at its deadline, and when the spawner ends, which ends with this
