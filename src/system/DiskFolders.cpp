@@ -71,7 +71,10 @@ void closeIfOpen(int fd) {
 }
 
 // Where a walk stands: a folder held open, so that nothing renamed or linked
-// on the way meanwhile moves it, and where that folder lies.
+// on the way meanwhile moves it, and where that folder lies. The root is not
+// held but named: nothing there is a disk user's, and an emulator of another
+// processor may serve its guest's library folder for "/" (qemu-user does,
+// for the tests of the routers' builds).
 class Place {
 public:
     Place() : fd(-1) {}
@@ -80,8 +83,8 @@ public:
     // At the root for an absolute path, at the current folder otherwise.
     bool start(const std::string& path) {
         if (!path.empty() && path[0] == '/') {
-            moveTo(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC), "/");
-            return fd >= 0;
+            moveTo(AT_FDCWD, "/");
+            return true;
         }
         char here[PATH_MAX];
         if (getcwd(here, sizeof(here)) == NULL) {
@@ -90,13 +93,17 @@ public:
         moveTo(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC), here);
         return fd >= 0;
     }
+    // The name of entry in this folder, for the *at calls on fd.
+    std::string nameOf(const std::string& entry) const {
+        return fd == AT_FDCWD ? "/" + entry : entry;
+    }
     void moveTo(int next, const std::string& where) {
         closeIfOpen(fd);
         fd = next;
         real = where;
     }
     int release() {
-        const int held = fd;
+        const int held = fd == AT_FDCWD ? open("/", O_PATH | O_DIRECTORY | O_CLOEXEC) : fd;
         fd = -1;
         return held;
     }
@@ -193,7 +200,8 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
             continue;
         }
         const std::string entry = joined(place.real, part);
-        const int next = openat(place.fd, part.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+        const int next =
+            openat(place.fd, place.nameOf(part).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
         FileStatus status;
         if (next < 0 || FileStatus::sOfDescriptor(next, status) != 0) {
             closeIfOpen(next);
