@@ -80,7 +80,6 @@ TEST_F(DeviceFaultsDaemonTest, KilledDuringAFolderMoveLeavesAWholeStore) {
         ASSERT_EQ(0, shell("mv " + quoted(data_ + "/" + from) + " " +
                            quoted(data_ + "/" + to)));
         usleep(millis * 1000);
-        kill(daemon_.pid(), SIGKILL);
         daemon_.stop();
         stop = true;
         for (std::thread& peer : peers) {

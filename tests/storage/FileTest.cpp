@@ -140,6 +140,7 @@ TEST_F(FileTest, StatusNeverAsksForAnAutomountRegression) {
     ASSERT_EQ(0, pipe2(requests, O_NONBLOCK));
     // The automounter's process group never triggers a mount: it must not be ours.
     const pid_t automounter = fork();
+    ASSERT_LE(0, automounter) << "kill(-1) would reach every process";
     if (automounter == 0) {
         setpgid(0, 0);
         pause();

@@ -211,7 +211,8 @@ TEST_F(BoundedSpawnerTest, ARequestThatCantBeSentStartsNothingAndTheSpawnerServe
     EXPECT_EQ(BoundedSpawner::kReported, run("echo", report));
 }
 
-// The child forked in advance for the next request.
+// The child forked in advance for the next request; 0 when none is found
+// (0 must never reach kill(), which would signal the whole process group).
 pid_t waitingChild() {
     std::string family;
     EXPECT_EQ(BoundedSpawner::kReported,
@@ -223,12 +224,13 @@ pid_t waitingChild() {
         usleep(1000);
         std::ifstream("/proc/" + spawner + "/task/" + spawner + "/children") >> waiting;
     }
-    return waiting;
+    return waiting == served ? 0 : waiting;
 }
 
 // Killed while it waits: the request that comes next is served all the same.
 TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
     const pid_t waiting = waitingChild();
+    ASSERT_LT(0, waiting);
     ASSERT_EQ(0, kill(waiting, SIGKILL));
     // A request that comes while it dies goes with it.
     for (int tries = 0; tries < 5000 && kill(waiting, 0) == 0; ++tries) {
@@ -243,6 +245,7 @@ TEST_F(BoundedSpawnerTest, AWaitingChildThatIsKilledLosesNoRequest) {
 // bound for room on the control socket, far past their deadlines.
 TEST_F(BoundedSpawnerTest, AStuckWaitingChildHoldsNoCallerPastItsDeadline) {
     const pid_t waiting = waitingChild();
+    ASSERT_LT(0, waiting);
     ASSERT_EQ(0, kill(waiting, SIGSTOP));
     const int small = 1;  // the kernel takes its least
     ASSERT_EQ(0, setsockopt(controlSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
@@ -270,6 +273,7 @@ TEST_F(BoundedSpawnerTest, WithoutItsSpawnerNothingStarts) {
     std::string spawner;
     ASSERT_EQ(BoundedSpawner::kReported, run("spawner", spawner));
     const pid_t pid = atoi(spawner.c_str());
+    ASSERT_LT(0, pid);
     ASSERT_EQ(0, kill(pid, SIGKILL));
     struct pollfd closed = {controlSocket(), 0, 0};
     ASSERT_EQ(1, poll(&closed, 1, 10000));
