@@ -235,6 +235,7 @@ TEST_F(ConfigInfoTest, ConfigurationRootThatCantBeMadeStopsTheStartHousekeeping)
 
 TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     info()->setConfig("a", "1");
+    const size_t descriptors = quorvia_test::openDescriptors();
     EXPECT_EQ("a = \"1\";\n", global());
     // Another writer's value is seen; without the file, memory answers.
     writeFile(kGlobalFile, "a = \"2\";\nnumber = 5;\n");
@@ -264,6 +265,7 @@ TEST_F(ConfigFilesTest, SetConfigWritesTheFileAndGetConfigRereadsIt) {
     EXPECT_EQ("2", info()->getConfigFromFile(file, "second"));
     info()->setConfigToFile(path("/no/such/folder/x.cfg"), "k", "v");
     EXPECT_FALSE(fs::exists(path("/no")));
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
 }
 
 // With one descriptor or none to spare, the global file counts as unread,
