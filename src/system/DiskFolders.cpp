@@ -80,10 +80,12 @@ public:
     Place() : fd(-1) {}
     ~Place() { closeIfOpen(fd); }
 
+    void toRoot() { moveTo(AT_FDCWD, "/"); }
     // At the root for an absolute path, at the current folder otherwise.
+    // false: the current folder can't be held now.
     bool start(const std::string& path) {
         if (!path.empty() && path[0] == '/') {
-            moveTo(AT_FDCWD, "/");
+            toRoot();
             return true;
         }
         char here[PATH_MAX];
@@ -194,9 +196,7 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
         if (part == "..") {
             const std::deque<std::string> up = partsOf(parentOf(place.real));
             left.insert(left.begin(), up.begin(), up.end());
-            if (!place.start("/")) {
-                return true;
-            }
+            place.toRoot();
             continue;
         }
         const std::string entry = joined(place.real, part);
@@ -223,8 +223,8 @@ bool DiskFolders::reachWithoutPlantedLink(const std::string& folder, std::string
         }
         const std::deque<std::string> more = partsOf(target);
         left.insert(left.begin(), more.begin(), more.end());
-        if (target[0] == '/' && !place.start(target)) {
-            return true;
+        if (target[0] == '/') {
+            place.toRoot();
         }
     }
     real = place.real;
