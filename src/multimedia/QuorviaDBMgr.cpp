@@ -98,13 +98,10 @@ bool isFrozen(const std::string& dbPath) {
 // log's index, a journal.
 const char* const kStoreFileSuffixes[] = {"", "-wal", "-shm", "-journal"};
 
-// Planted on the disk, a link on the store's path below diskFolder, or at one
-// of its files a device or a second name of a file elsewhere, would make
-// SQLite create or write a database where it leads.
-bool isPlanted(const std::string& dbPath, const std::string& diskFolder) {
-    if (talvern::Directory::sHasLinkBelow(diskFolder, dbPath)) {
-        return true;
-    }
+// Planted on the disk, a link, a device or a second name of a file elsewhere
+// at one of the store's files would make SQLite create or write a database
+// where it leads. (A link on the way to them is refused by holdFolder.)
+bool isPlanted(const std::string& dbPath) {
     for (const char* suffix : kStoreFileSuffixes) {
         talvern::FileStatus status;
         if (talvern::FileStatus::sOfPath(dbPath + suffix, status, false) == 0 &&
@@ -136,7 +133,7 @@ bool QuorviaDBMgr::openDB() {
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).
-    const bool planted = isPlanted(dbPath_, diskFolder_);
+    const bool planted = isPlanted(dbPath_);
     const bool held = !planted && holdFolder();
     if (planted || (!held && errno == ELOOP)) {
         QLOG(ERROR) << "the store " << dbPath_

@@ -294,25 +294,6 @@ bool Directory::sIsAncestorPath(const std::string& ancestor, const std::string& 
     return p.size() > a.size() && p.compare(0, a.size(), a) == 0 && p[a.size()] == '/';
 }
 
-bool Directory::sHasLinkBelow(const std::string& top, const std::string& path) {
-    const std::string above = withoutTrailingSlash(top);
-    if (!sIsAncestorPath(above, path) || withoutTrailingSlash(path) == above) {
-        return false;
-    }
-    for (std::size_t end = path.find('/', above.size() + 1);; end = path.find('/', end + 1)) {
-        FileStatus status;
-        if (FileStatus::sOfPath(path.substr(0, end), status, false) != 0) {
-            return false;
-        }
-        if (status.isLink()) {
-            return true;
-        }
-        if (end == std::string::npos) {
-            return false;
-        }
-    }
-}
-
 int Directory::sOpenBelow(const std::string& top, const std::string& path) {
     return openBelow(top, path, false);
 }

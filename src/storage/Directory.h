@@ -36,11 +36,6 @@ public:
     // True if ancestor is path or one of its parent directories, compared on
     // bytes after cutting one trailing "/" from each; false if either is empty.
     static bool sIsAncestorPath(const std::string& ancestor, const std::string& path);
-    // True if an entry on path below top (top itself not counted) is a link,
-    // such as one planted on a user's disk: what lies at path would be
-    // reached elsewhere. False when top is no ancestor of path; an entry that
-    // doesn't exist ends the search (it leads nowhere yet).
-    static bool sHasLinkBelow(const std::string& top, const std::string& path);
     // Opens the directory at path, which is top or lies below it, without
     // following a link below top (top itself is followed): the descriptor
     // (read-only, close-on-exec; the caller closes it) stays on the folder
