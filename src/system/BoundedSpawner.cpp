@@ -244,6 +244,27 @@ ssize_t receiveRequest(int control, char* buffer, std::size_t size, int& reply) 
     return got;
 }
 
+// A request as sent on the control socket: its deadline, then its bytes.
+typedef char RequestMessage[sizeof(int64_t) + BoundedSpawner::kMaxRequestBytes];
+
+// The next request on the spawner's control socket, with its reply: its
+// size; 0 when what came is no request (no reply passed along, or cut short),
+// with nothing left open; -1 when the socket closed or failed.
+ssize_t takeRequest(RequestMessage& message, int& reply) {
+    const ssize_t got = receiveRequest(kKeptFd, message, sizeof(message), reply);
+    if (got <= 0) {
+        return -1;
+    }
+    if (reply < 0 || static_cast<std::size_t>(got) < sizeof(int64_t)) {
+        if (reply >= 0) {
+            close(reply);
+        }
+        reply = -1;
+        return 0;
+    }
+    return got;
+}
+
 // Whether the other end of the control socket fd is gone (the spawner's, or
 // this process's). Asked of the socket, not of a send's error, which kernels
 // give differently (EPIPE, ECONNREFUSED, ENOTCONN).
@@ -406,23 +427,21 @@ bool BoundedSpawner::sForkWaitingChild(const Work& work, int spawner) {
 }
 
 void BoundedSpawner::sServeOneRequest(const Work& work, int spawner) {
-    char buffer[sizeof(int64_t) + kMaxRequestBytes];
+    RequestMessage message;
     int reply = -1;
-    const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
-    if (got <= 0) {
+    const ssize_t got = takeRequest(message, reply);
+    if (got < 0) {
         _exit(0);
     }
-    if (reply >= 0 && static_cast<std::size_t>(got) >= sizeof(int64_t)) {
+    if (got > 0) {
         const pid_t child = fork();
         if (child == 0) {
             endWithParent(spawner);
-            sRunChild(work, buffer, got, reply);
+            sRunChild(work, message, got, reply);
         }
         if (child < 0) {
             writeAll(reply, reinterpret_cast<const char*>(&kNotForked), sizeof(kNotForked));
         }
-    }
-    if (reply >= 0) {
         close(reply);
     }
 }
@@ -431,17 +450,17 @@ void BoundedSpawner::sServeOneRequest(const Work& work, int spawner) {
 // forks the next waiting child meanwhile.
 void BoundedSpawner::sRunWaitingChild(const Work& work, int taken, int spawner) {
     endWithParent(spawner);
-    char buffer[sizeof(int64_t) + kMaxRequestBytes];
+    RequestMessage message;
     int reply = -1;
-    const ssize_t got = receiveRequest(kKeptFd, buffer, sizeof(buffer), reply);
-    if (got <= 0) {
+    const ssize_t got = takeRequest(message, reply);
+    if (got < 0) {
         _exit(0);
     }
     writeAll(taken, "t", 1);
-    if (reply < 0 || static_cast<std::size_t>(got) < sizeof(int64_t)) {
+    if (got == 0) {
         _exit(0);
     }
-    sRunChild(work, buffer, got, reply);
+    sRunChild(work, message, got, reply);
 }
 
 // message: the request's deadline, then its bytes.
