@@ -12,6 +12,7 @@
 #include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/HeldFolder.h"
 #include "system/ImageUtils.h"
 #include "system/Log.h"
 
@@ -135,7 +136,7 @@ int prepareTarget(const std::string& path, bool logTargetAsExisting, std::string
         return kTargetFailed;
     }
     if (File::sGetFileSize(path) <= ImageUtil::kCopyWithoutResizeSize) {
-        File::sCopy(path, thumbPath);
+        ImageUtil::sCopyAsThumbnail(path, thumbPath);
         QLOG(INFO) << path << " too small, no need to resize";
         return kTargetDone;
     }
@@ -143,6 +144,11 @@ int prepareTarget(const std::string& path, bool logTargetAsExisting, std::string
 }
 
 }  // namespace
+
+void ImageUtil::sCopyAsThumbnail(const std::string& from, const std::string& to) {
+    const HeldFolder target(to);
+    File::sRawCopyFileIn(from, target.descriptor(), target.name(), to);
+}
 
 int ImageUtil::getThumbnail(const std::string& path, std::string& thumbPath, ThumbnailSize size,
                             const std::string& hash, int useChunk) {

@@ -150,6 +150,9 @@ public:
     // small tier path of path. Destroys the wand. 0 or -1.
     int resizeImageUseImageMagick(_MagickWand* wand, const std::string& path,
                                   std::string& thumbPath, int width, int height);
+    // A source that needs no resizing copied as its own thumbnail to to, in
+    // the folder walked there without a link planted on the disk.
+    static void sCopyAsThumbnail(const std::string& from, const std::string& to);
 };
 
 }  // namespace talvern

@@ -1,5 +1,3 @@
-#include "multimedia/ImageUtil.h"
-
 #include <jerror.h>
 #include <unistd.h>
 
@@ -9,8 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "multimedia/ImageUtil.h"
 #include "storage/File.h"
 #include "storage/ReplacementFile.h"
+#include "system/HeldFolder.h"
 #include "system/ImageUtils.h"
 #include "system/Log.h"
 
@@ -264,7 +264,7 @@ int ImageUtil::resizeJpeg(const std::string& srcPath, std::string& dstPath,
         case JPEG_NO_SCALE:
             *outWidth = *srcWidth;
             *outHeight = *srcHeight;
-            File::sCopy(srcPath, dstPath);
+            sCopyAsThumbnail(srcPath, dstPath);
             return -1;
         default:
             std::free(job.destination.bufferStart);
@@ -279,7 +279,10 @@ int ImageUtil::resizeJpeg(const std::string& srcPath, std::string& dstPath,
 
 int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
                                  const std::string& path, int useChunk) {
-    ReplacementFile replacement(path);
+    // Written in the folder walked here, never where a link planted on the
+    // disk meanwhile leads.
+    const HeldFolder target(path);
+    ReplacementFile replacement(target.descriptor(), target.name());
     FILE* file = replacement.stream();
     if (file == NULL) {
         QLOG(ERROR) << "open file" << path << " fail";
@@ -287,8 +290,9 @@ int ImageUtil::save_to_jpeg_file(const unsigned char* buffer, unsigned int size,
     }
     if (size == 0) {
         QLOG(ERROR) << "jpeg file " << path << " is empty, delete it. useChunk is " << useChunk;
-        // Nothing may stand for the thumbnail: an older one at path goes too.
-        File::sDelete(path);
+        // Nothing may stand for the thumbnail: an older one at path goes too
+        // (a folder there stays).
+        unlinkat(target.descriptor(), target.name().c_str(), 0);
         return -1;
     }
     bool written = true;

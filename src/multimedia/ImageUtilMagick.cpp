@@ -8,6 +8,7 @@
 #include "multimedia/ImageUtil.h"
 #include "storage/File.h"
 #include "storage/ReplacementFile.h"
+#include "system/HeldFolder.h"
 #include "system/ImageUtils.h"
 #include "system/Log.h"
 
@@ -46,11 +47,11 @@ void logMagickError(MagickWand* wand) {
     }
 }
 
-// Reads through a descriptor of our own: ImageMagick would take parts of a
+// Reads path's picture from file (NULL when it couldn't be opened), which it
+// closes. Through a descriptor of our own: ImageMagick would take parts of a
 // name ("format:", "[frames]") as instructions and would block on a FIFO.
-bool magickRead(MagickWand* wand, const std::string& path) {
+bool magickReadFile(MagickWand* wand, const std::string& path, FILE* file) {
     QLOG(INFO) << "begin use image magick read image " << path;
-    FILE* file = File::sOpenRegularFile(path);
     bool done = false;
     if (file != NULL) {
         done = MagickReadImageFile(wand, file) == MagickTrue;
@@ -63,11 +64,15 @@ bool magickRead(MagickWand* wand, const std::string& path) {
     return done;
 }
 
+bool magickRead(MagickWand* wand, const std::string& path) {
+    return magickReadFile(wand, path, File::sOpenRegularFile(path));
+}
+
 // Writes every frame, joined, in the format they were read in, as the whole
-// new content of path (see ReplacementFile); nothing is left of a failed
-// write.
-bool magickWrite(MagickWand* wand, const std::string& path) {
-    ReplacementFile replacement(path);
+// new content of the file in the folder held (see ReplacementFile); nothing
+// is left of a failed write.
+bool magickWrite(MagickWand* wand, const HeldFolder& target) {
+    ReplacementFile replacement(target.descriptor(), target.name());
     if (replacement.stream() == NULL) {
         return false;
     }
@@ -112,17 +117,23 @@ int scaledHeight(int sourceWidth, int sourceHeight, int width) {
 }  // namespace
 
 int ImageUtil::rotateImage(const std::string& path, int degrees) {
+    // Read and written again in the one folder walked here: a thumbnail lies
+    // on the disk, where a link planted at its name or on its way would lead
+    // the read or the write elsewhere.
+    const HeldFolder target(path);
     MagickWand* wand = newMagickWand();
     PixelWand* background = NULL;
     int result = -1;
-    if (!magickRead(wand, path)) {
+    if (!magickReadFile(
+            wand, path,
+            File::sOpenRegularFileIn(target.descriptor(), target.name(), !target.isOnDisk()))) {
         QLOG(ERROR) << "read jpg " << path << " fail";
     } else {
         background = NewPixelWand();
         PixelSetColor(background, "#000000");
         if (MagickRotateImage(wand, background, static_cast<double>(degrees)) != MagickTrue) {
             QLOG(ERROR) << "rotate jpg " << path << " fail";
-        } else if (!magickWrite(wand, path)) {
+        } else if (!magickWrite(wand, target)) {
             QLOG(ERROR) << "write jpg " << path << " fail";
         } else {
             QLOG(INFO) << "end rotate image" << path;
@@ -210,7 +221,7 @@ int ImageUtil::resizeImageUseImageMagick(_MagickWand* wand, const std::string& p
         thumbPath = generateThumbPath(path, THUMBNAIL_SMALL, "");
         if (!thumbPath.empty()) {
             QLOG(INFO) << "begin magick write image " << thumbPath;
-            const bool written = magickWrite(wand, thumbPath);
+            const bool written = magickWrite(wand, HeldFolder(thumbPath));
             QLOG(INFO) << "end magick write image";
             if (written) {
                 result = 0;

@@ -161,6 +161,11 @@ int copyBlocks(FILE* in, FILE* out) {
 }  // namespace
 
 int File::sRawCopyFile(const std::string& from, const std::string& to) {
+    return sRawCopyFileIn(from, AT_FDCWD, to, to);
+}
+
+int File::sRawCopyFileIn(const std::string& from, int folder, const std::string& name,
+                         const std::string& to) {
     const std::string parent = fs::path(to).parent_path().string();
     const uint64_t size = sGetFileSize(from);
     if (sGetDiskSpaceInfo(parent).available < size + kCopyFreeSpaceMargin) {
@@ -175,7 +180,7 @@ int File::sRawCopyFile(const std::string& from, const std::string& to) {
     }
     // The copy takes the place of whatever stands at to (a link or a FIFO
     // planted there is replaced, never written through) only once complete.
-    ReplacementFile out(to);
+    ReplacementFile out(folder, name);
     if (out.stream() == NULL) {
         logOpenFailure(to);
         std::fclose(in);

@@ -53,6 +53,11 @@ public:
     // copied, -1 open or write failed, -2 not enough free space, 1 the
     // calling boost::thread was interrupted (to left as it was).
     static int sRawCopyFile(const std::string& from, const std::string& to);
+    // The same into name in the folder open as the descriptor folder (see
+    // ReplacementFile); to names that file in what is logged and in the
+    // check of free space.
+    static int sRawCopyFileIn(const std::string& from, int folder, const std::string& name,
+                              const std::string& to);
     // sRawCopyFile with its result as API code: 0, 1005, 1040 or 1061.
     static ErrorCode sCopy(const std::string& from, const std::string& to);
 };

@@ -26,8 +26,7 @@ public:
     // Where to write; NULL when the new file could not be made (the reason
     // is in errno).
     FILE* stream() const { return stream_; }
-    // The new file's name (in the folder, for the second constructor), for
-    // a tool that writes by name.
+    // The new file's name (in the folder, for the second constructor).
     const std::string& temporaryPath() const { return temporary_; }
     // Flushes the new file (to the disk too when sync) and renames it over
     // path. false, with the new file removed, when any step failed.

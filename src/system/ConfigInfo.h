@@ -147,6 +147,9 @@ public:
     std::string getConfigFromString(const char* text, const std::string& key);
     std::vector<std::string> getListFromFile(const std::string& path, const std::string& key);
 
+    // The disks as they lie now, for a walk to a folder on them (HeldFolder).
+    DiskFolders diskFolders() const;
+
 private:
     ConfigInfo();
     ConfigInfo(const ConfigInfo&);
@@ -162,7 +165,6 @@ private:
     // Caller holds configMutex_.
     bool reloadFailedGlobalConfig(const SettingsFile& file);
     bool setAsideBrokenGlobalConfig(const SettingsFile& file);
-    DiskFolders diskFolders() const;
     // Whether file is a settings file to read: one that exists, and is
     // neither a link planted on a disk nor reached through one (what it
     // leads to would be copied onto the disk); logged when it is.

@@ -1,6 +1,7 @@
 #include "system/ImageUtils.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <cctype>
@@ -12,6 +13,7 @@
 #include "storage/FileStatus.h"
 #include "storage/ReplacementFile.h"
 #include "system/CommonUtils.h"
+#include "system/HeldFolder.h"
 #include "system/Log.h"
 
 namespace talvern {
@@ -112,9 +114,15 @@ bool identify(const std::string& source, const std::string& quotedSource, std::s
 }
 
 // A file that convert left empty is no thumbnail.
-bool holdsData(const std::string& path) {
+bool holdsData(FILE* file) {
     FileStatus status;
-    return FileStatus::sOfPath(path, status) == 0 && status.size > 0;
+    return FileStatus::sOfDescriptor(fileno(file), status) == 0 && status.size > 0;
+}
+
+// A name of the file open as file that leads to that file itself, whatever is
+// renamed or planted at its own name: the shell's redirection opens it.
+std::string nameOfOpenFile(FILE* file) {
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fileno(file));
 }
 
 // The geometry identify printed behind name, as width and height; false (and
@@ -203,7 +211,11 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
 
     // convert writes a new file beside the target, which then takes its
     // place: a link or FIFO planted at the target is never written through.
-    ReplacementFile replacement(target);
+    // The new file is made in the folder walked here and written through the
+    // descriptor open on it, so that no link planted on the disk, on the way
+    // or at the new file's own name, leads the write elsewhere.
+    const HeldFolder folder(target);
+    ReplacementFile replacement(folder.descriptor(), folder.name());
     if (replacement.stream() == NULL) {
         QLOG(INFO) << "resize image, can't write beside " << target;
         return kResizeFailed;
@@ -213,9 +225,9 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     std::ostringstream command;
     command << "convert -define jpeg:size=80x80 " << input << " -thumbnail " << width << "x"
             << height << " " << written << " < " << quotedSource << " > "
-            << sQuoteForShell(replacement.temporaryPath());
+            << sQuoteForShell(nameOfOpenFile(replacement.stream()));
     QLOG(INFO) << "resize image command is: " << command.str();
-    return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.temporaryPath()) &&
+    return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.stream()) &&
                    replacement.commitKeepingOwner(false)
                ? kResizeDone
                : kResizeFailed;

@@ -4,6 +4,8 @@
 #include <libconfig.h++>
 #include <string>
 
+#include "system/HeldFolder.h"
+
 namespace talvern {
 
 class DiskFolders;
@@ -17,12 +19,12 @@ class DiskFolders;
 class SettingsFile {
 public:
     SettingsFile(const DiskFolders& disks, const std::string& path);
-    virtual ~SettingsFile();
+    virtual ~SettingsFile() {}
 
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return folder_.path(); }
     // false when a link planted on a disk lies on the way to the folder:
     // then nothing is read or written there.
-    bool isReached() const { return reached_; }
+    bool isReached() const { return folder_.isReached(); }
     // Whether something is at the file's name in the folder reached; a link
     // is followed where the folder is off the disks. Where the folder could
     // not be held, whether the path names something.
@@ -45,12 +47,7 @@ private:
     SettingsFile(const SettingsFile&);
     SettingsFile& operator=(const SettingsFile&);
 
-    std::string path_;
-    std::string name_;
-    // The folder held open; -1 when it is not reached or doesn't exist.
-    int folder_;
-    bool reached_;
-    bool onDisk_;
+    HeldFolder folder_;
 };
 
 }  // namespace talvern

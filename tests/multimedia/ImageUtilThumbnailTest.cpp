@@ -384,3 +384,37 @@ TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroug
     EXPECT_EQ("", util_.generateThumbPath(png, THUMBNAIL_SMALL, ""));
     EXPECT_EQ(0, shell("test -z \"$(ls -A '" + elsewhere + "')\""));
 }
+
+// A disk user who swaps a folder of the tree for a link once the thumbnail's
+// path is made: every write route walks the folder again as it writes, and
+// writes, rewrites or removes nothing where the link leads (each did).
+TEST_F(ImageUtilThumbnailTest, AFolderSwappedForALinkLeadsNoWriteElsewhereRegression) {
+    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
+    const std::string elsewhere = root() + "/elsewhere";
+    const std::string data = ConfigInfo::sGetInstance()->getUserdiskDataPath();
+    const std::string jpeg = photo("small.jpg", 64, 48, false, 0);
+    const std::string png = photo("small.png", 300, 200, false, 0);
+    const std::string other = photo("other.jpg", 80, 60, false, 0);
+    ASSERT_EQ(0, shell("mkdir -p '" + elsewhere + "' '" + data + "' && ln -s '" + elsewhere +
+                       "' '" + data + "/swapped'"));
+    const std::string before = slurp(other);
+    const std::string target = data + "/swapped/x.jpg";
+    const std::string block(ImageUtil::kChunkSize, 'x');
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(block.data());
+    const std::pair<std::string, std::function<bool()>> routes[] = {
+        {"jpeg", [&] { return util_.save_to_jpeg_file(bytes, block.size(), target, 0) == -1; }},
+        {"empty jpeg", [&] { return util_.save_to_jpeg_file(bytes, 0, target, 0) == -1; }},
+        {"rotate", [&] { return util_.rotateImage(target, 90) == -1; }},
+        {"copy", [&] { return resize(util_, jpeg, target) == "-1 64x48 64x48"; }},
+        {"convert",
+         [&] {
+             return ImageUtils().resizeImage(png, target, 40, 30) == ImageUtils::kResizeFailed;
+         }},
+    };
+    for (const auto& route : routes) {
+        writeAll(elsewhere + "/x.jpg", before);
+        EXPECT_TRUE(route.second()) << route.first;
+        EXPECT_EQ("x.jpg\n", capture("ls -A '" + elsewhere + "'")) << route.first;
+        EXPECT_TRUE(slurp(elsewhere + "/x.jpg") == before) << route.first;
+    }
+}
