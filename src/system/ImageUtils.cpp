@@ -223,8 +223,10 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     std::string written;
     convertEnds(source, target, input, written);
     std::ostringstream command;
-    command << "convert -define jpeg:size=80x80 " << input << " -thumbnail " << width << "x"
-            << height << " " << written << " < " << quotedSource << " > "
+    command << "convert -limit memory " << kConvertMaxMemory << " -limit map " << kConvertMaxMemory
+            << " -limit disk 0 -limit list-length " << kConvertMaxFrames
+            << " -define jpeg:size=80x80 " << input << " -thumbnail " << width << "x" << height
+            << " " << written << " < " << quotedSource << " > "
             << sQuoteForShell(nameOfOpenFile(replacement.stream()));
     QLOG(INFO) << "resize image command is: " << command.str();
     return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.stream()) &&

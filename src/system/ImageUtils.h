@@ -17,6 +17,12 @@ public:
     static constexpr int kResizeRefused = 2;
     // Longest side resizeImage accepts; 2001 is refused.
     static constexpr unsigned int kMaxSide = 2000;
+    // What convert may hold of the pictures it reads, in memory and mapped
+    // files, with nothing spilled to a file (a router's /tmp is memory too).
+    // A source that needs more, such as an animated GIF of many large frames
+    // (ten frames of 2000x2000 in 38 KB took 427 MB), fails instead.
+    static constexpr unsigned long kConvertMaxMemory = 128UL * 1024 * 1024;
+    static constexpr unsigned int kConvertMaxFrames = 300;
 
     virtual ~ImageUtils() {}
 
@@ -27,7 +33,8 @@ public:
     // format and frames; another extension gives that format, first frame.
     // kResizeDone, kResizeRefused for a source larger than kMaxSide on a side,
     // kResizeFailed when identify failed, printed no readable geometry,
-    // convert failed or wrote nothing, or source is not a readable regular file.
+    // convert failed (beyond its limits too) or wrote nothing, or source is
+    // not a readable regular file.
     int resizeImage(const std::string& source, const std::string& target, int width, int height);
 
     // path between double quotes for the shell, with ", \, $ and ` escaped so
