@@ -50,6 +50,12 @@ public:
     // Commands go to the shell as they stand: callers escape what they pass.
     // Exit code of the command run by system(); -1 when no shell could run.
     static int sCallSystem(const std::string& command);
+    // sCallSystem(command) with the command's standard input and output bound
+    // to the descriptors input and output, which nothing reopens by a name
+    // that could be swapped meanwhile. shown is the command as logged, with
+    // what the descriptors stand for (say "command < \"source\"").
+    static int sCallSystemWith(const std::string& command, int input, int output,
+                               const std::string& shown);
     // true when the command could be started; output holds its trimmed
     // standard output (whatever the exit status).
     static bool sCallSystem(const std::string& command, std::string& output);

@@ -1,8 +1,11 @@
 #include <errno.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string.hpp>
 #include <boost/lexical_cast.hpp>
@@ -62,6 +65,14 @@ int evaluateStatus(int status, const std::string& command) {
     return exitCode;
 }
 
+// 0 with the child's wait status, -1 when it can't be waited for.
+int waitForChild(pid_t child, int& status) {
+    pid_t waited;
+    while ((waited = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
+    }
+    return waited == child ? 0 : -1;
+}
+
 int closeAndEvaluate(FILE* stream, const std::string& command) {
     const int status = pclose(stream);
     if (status == -1) {
@@ -102,6 +113,31 @@ int CommonUtils::sCallSystem(const std::string& command) {
         return -1;
     }
     return evaluateStatus(status, command);
+}
+
+// Started as system() starts a command, through "/bin/sh -c"; posix_spawn
+// rather than fork, as other threads may hold locks a forked copy would keep.
+int CommonUtils::sCallSystemWith(const std::string& command, int input, int output,
+                                 const std::string& shown) {
+    QLOG(WARNING) << "begin execute system command : " << shown;
+    signal(SIGCHLD, SIG_DFL);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    const char* const arguments[] = {"sh", "-c", command.c_str(), NULL};
+    pid_t child = -1;
+    const int error = posix_spawn(&child, "/bin/sh", &actions, NULL,
+                                  const_cast<char* const*>(arguments), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    if (error != 0 || waitForChild(child, status) != 0) {
+        QLOG(ERROR) << "execute system command :" << shown
+                    << " fail,system error and return code:" << -1
+                    << " and error number is:" << strerror(error != 0 ? error : errno);
+        return -1;
+    }
+    return evaluateStatus(status, shown);
 }
 
 bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {

@@ -1,11 +1,15 @@
 #include "system/ImageUtils.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <boost/algorithm/string.hpp>
 #include <boost/lexical_cast.hpp>
 #include <cctype>
 #include <cstdio>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -21,10 +25,13 @@ namespace talvern {
 namespace {
 
 // The tools read the source as their standard input and write the result
-// to their standard output, which the shell opens by name: ImageMagick takes
-// "[", "*", "?" and "%" in a file name as frame lists, patterns and counters,
-// so no name of the disk ever reaches it. identify prints this name.
+// to their standard output, both descriptors of ours: ImageMagick takes "[",
+// "*", "?" and "%" in a file name as frame lists, patterns and counters, so
+// no name of the disk ever reaches it. identify prints this name.
 const char* const kSourceName = "/dev/stdin";
+// What identify may print for one frame; its line is some 100 bytes.
+const std::size_t kMaxCapturedBytes = 64 * 1024;
+const std::size_t kReadBlock = 4096;
 
 // The lower-case extension of path's last component, "" for none.
 std::string extensionOf(const std::string& path) {
@@ -78,14 +85,48 @@ bool isNamedOnlyFormat(const std::string& extension) {
     return false;
 }
 
+// What a command wrote into capture, its first kMaxCapturedBytes.
+void readBack(int capture, std::string& output) {
+    char block[kReadBlock];
+    ssize_t got = 0;
+    if (lseek(capture, 0, SEEK_SET) != 0) {
+        return;
+    }
+    while (output.size() < kMaxCapturedBytes && (got = read(capture, block, sizeof block)) > 0) {
+        output.append(block, std::min<std::size_t>(got, kMaxCapturedBytes - output.size()));
+    }
+}
+
+// Runs command with the source open as source for its standard input, from
+// its start, and its standard output into capture, a file of memory; output
+// holds that output with outer blanks and line ends trimmed. false when the
+// command could not run.
+bool runCapturing(const std::string& command, int source, const std::string& shown,
+                  std::string& output) {
+    output.clear();
+    const int capture = memfd_create("identify", MFD_CLOEXEC);
+    if (capture < 0 || lseek(source, 0, SEEK_SET) != 0 ||
+        CommonUtils::sCallSystemWith(command, source, capture, shown) == -1) {
+        if (capture >= 0) {
+            close(capture);
+        }
+        return false;
+    }
+    readBack(capture, output);
+    close(capture);
+    boost::algorithm::trim_if(output, boost::algorithm::is_any_of("\r\n "));
+    return true;
+}
+
 // identify's output for the first frame of standard input read under the
 // name input, "/dev/stdin FORMAT WxH ..."; false when identify could not be
 // run. Every frame would cost it memory: a file of 100,000 tiny frames made
 // it hold 2.3 GB.
-bool identifyFirstFrame(const std::string& input, const std::string& quotedSource,
+bool identifyFirstFrame(const std::string& input, int source, const std::string& quotedSource,
                         std::string& output) {
     const std::string frame = input + "[0]";
-    if (!CommonUtils::sCallSystem("identify " + frame + " < " + quotedSource, output)) {
+    const std::string command = "identify " + frame;
+    if (!runCapturing(command, source, command + " < " + quotedSource, output)) {
         return false;
     }
     // "/dev/stdin[0]=>/dev/stdin PNG 30x20 ...": what was asked for, first.
@@ -96,33 +137,27 @@ bool identifyFirstFrame(const std::string& input, const std::string& quotedSourc
     return true;
 }
 
-// identify's output for the source, read as standard input under the name
-// input; false when identify could not be run. A source in a format known
-// by name only gives no output, and is tried once more as that format;
-// input says so.
-bool identify(const std::string& source, const std::string& quotedSource, std::string& input,
-              std::string& output) {
+// identify's output for the source open as source, read as standard input
+// under the name input; false when identify could not be run. A source in a
+// format known by name only gives no output, and is tried once more as that
+// format; input says so.
+bool identify(const std::string& path, int source, const std::string& quotedSource,
+              std::string& input, std::string& output) {
     input = kSourceName;
-    if (!identifyFirstFrame(input, quotedSource, output)) {
+    if (!identifyFirstFrame(input, source, quotedSource, output)) {
         return false;
     }
-    if (!output.empty() || !isNamedOnlyFormat(extensionOf(source))) {
+    if (!output.empty() || !isNamedOnlyFormat(extensionOf(path))) {
         return true;
     }
-    input = extensionOf(source) + ":" + kSourceName;
-    return identifyFirstFrame(input, quotedSource, output);
+    input = extensionOf(path) + ":" + kSourceName;
+    return identifyFirstFrame(input, source, quotedSource, output);
 }
 
 // A file that convert left empty is no thumbnail.
 bool holdsData(FILE* file) {
     FileStatus status;
     return FileStatus::sOfDescriptor(fileno(file), status) == 0 && status.size > 0;
-}
-
-// A name of the file open as file that leads to that file itself, whatever is
-// renamed or planted at its own name: the shell's redirection opens it.
-std::string nameOfOpenFile(FILE* file) {
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fileno(file));
 }
 
 // The geometry identify printed behind name, as width and height; false (and
@@ -179,22 +214,52 @@ std::string ImageUtils::sQuoteForShell(const std::string& path) {
     return quoted;
 }
 
+namespace {
+
+// convert run on the source open as source, from its start, into the new
+// file open as thumbnail. Its budget holds every frame of an ordinary
+// picture; one of many large frames fails it, and then gets the first frame
+// only (emptied of what the failed run left).
+bool convertInto(const std::string& command, const std::string& input, const std::string& written,
+                 int source, const std::string& quotedSource, FILE* thumbnail,
+                 const std::string& quotedTarget) {
+    for (const std::string& frames : {input, input + "[0]"}) {
+        const std::string run = command + " " + frames + written;
+        const std::string shown = run + " < " + quotedSource + " > " + quotedTarget;
+        QLOG(INFO) << "resize image command is: " << shown;
+        if (lseek(source, 0, SEEK_SET) == 0 && ftruncate(fileno(thumbnail), 0) == 0 &&
+            lseek(fileno(thumbnail), 0, SEEK_SET) == 0 &&
+            CommonUtils::sCallSystemWith(run, source, fileno(thumbnail), shown) == 0 &&
+            holdsData(thumbnail)) {
+            return true;
+        }
+        if (CommonUtils::endWith(input, "[0]")) {
+            break;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 int ImageUtils::resizeImage(const std::string& source, const std::string& target, int width,
                             int height) {
-    // identify would wait forever on a FIFO; only regular files go to the tools.
-    FILE* probe = File::sOpenRegularFile(source);
-    if (probe == NULL) {
+    // Read through this one descriptor by both tools: a source swapped for a
+    // FIFO (on which they would wait for ever) or for a link once checked
+    // reaches neither.
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(File::sOpenRegularFile(source), fclose);
+    if (file == NULL) {
         QLOG(INFO) << "resize image, " << source << " is not a readable regular file";
         return kResizeFailed;
     }
-    fclose(probe);
+    const int sourceFd = fileno(file.get());
 
-    // Both names go to the shell only, inside double quotes with ", \, $ and `
-    // escaped, so no name can end the quotes or run a command.
+    // Both names go to the log only, inside double quotes with ", \, $ and `
+    // escaped, as a shell would take them.
     const std::string quotedSource = sQuoteForShell(source);
     std::string input;
     std::string output;
-    if (!identify(source, quotedSource, input, output)) {
+    if (!identify(source, sourceFd, quotedSource, input, output)) {
         QLOG(INFO) << "identify fail. ";
         return kResizeFailed;
     }
@@ -223,13 +288,12 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     std::string written;
     convertEnds(source, target, input, written);
     std::ostringstream command;
-    command << "convert -limit memory " << kConvertMaxMemory << " -limit map " << kConvertMaxMemory
-            << " -limit disk 0 -limit list-length " << kConvertMaxFrames
-            << " -define jpeg:size=80x80 " << input << " -thumbnail " << width << "x" << height
-            << " " << written << " < " << quotedSource << " > "
-            << sQuoteForShell(nameOfOpenFile(replacement.stream()));
-    QLOG(INFO) << "resize image command is: " << command.str();
-    return CommonUtils::sCallSystem(command.str()) == 0 && holdsData(replacement.stream()) &&
+    command << "convert -limit memory " << kConvertMaxMemory << " -limit disk 0 -limit list-length "
+            << kConvertMaxFrames << " -define jpeg:size=80x80";
+    std::ostringstream ends;
+    ends << " -thumbnail " << width << "x" << height << " " << written;
+    return convertInto(command.str(), input, ends.str(), sourceFd, quotedSource,
+                       replacement.stream(), sQuoteForShell(target)) &&
                    replacement.commitKeepingOwner(false)
                ? kResizeDone
                : kResizeFailed;

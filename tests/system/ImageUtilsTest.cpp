@@ -68,7 +68,8 @@ std::string repeatFrames(const std::string& one, int frames) {
 // Small sources whose frames cost the tools much. identify held every frame:
 // 100,000 tiny ones in 800 KB took 2.3 GB; only the first frame is looked at
 // now. convert held every frame of an animated GIF, ten of 2000x2000 in
-// 38 KB, in 427 MB and 160 MB of /tmp; it now fails within its budget.
+// 38 KB, in 427 MB and 160 MB of /tmp; beyond its budget it now makes a
+// thumbnail of the first frame.
 TEST_F(ImageUtilsTest, ManyFramesCostTheToolsLittleRegression) {
     std::string frames;
     for (int i = 0; i < 100000; ++i) {
@@ -79,8 +80,9 @@ TEST_F(ImageUtilsTest, ManyFramesCostTheToolsLittleRegression) {
               ImageUtils().resizeImage(root() + "/tiny.pbm", root() + "/t.png", 40, 30));
     ASSERT_TRUE(makeImage("-size 2000x2000 xc:red", root() + "/one.gif"));
     writeAll(root() + "/anim.gif", repeatFrames(readFile("/one.gif"), 10));
-    EXPECT_EQ(ImageUtils::kResizeFailed,
+    EXPECT_EQ(ImageUtils::kResizeDone,
               ImageUtils().resizeImage(root() + "/anim.gif", root() + "/t.gif", 400, 300));
+    EXPECT_EQ("300x300", geometryOf(root() + "/t.gif"));
     struct rusage tools;
     ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &tools));
     EXPECT_LT(tools.ru_maxrss, 200 * 1024) << "KiB";
@@ -138,4 +140,21 @@ TEST_F(ImageUtilsTest, UnreadableSourcesAndOddIdentifyOutputFailAndTheSideLimitH
             << c.output;
         EXPECT_EQ(1, log_.count(c.line)) << c.output;
     }
+    // A source swapped once checked, for a link to a file outside or for a
+    // FIFO, reaches neither tool: convert made a thumbnail of the link's
+    // file, or waited on the FIFO for ever (regression).
+    alarm(30);
+    writeAll(tools + "/convert", "#!/bin/sh\ncat\n");
+    writeAll(tools + "/identify.out", piped + " PNG 10x10\n");
+    writeAll(root() + "/secret", "secret");
+    for (const std::string& swap : {"ln -s '" + root() + "/secret'", std::string("mkfifo")}) {
+        writeAll(source, "picture");
+        writeAll(tools + "/identify", "#!/bin/sh\ncat '" + tools + "/identify.out'\nrm '" + source +
+                                          "' && " + swap + " '" + source + "'\n");
+        EXPECT_EQ(ImageUtils::kResizeDone,
+                  ImageUtils().resizeImage(source, root() + "/t.jpg", 400, 300))
+            << swap;
+        EXPECT_EQ("picture", readFile("/t.jpg")) << swap;
+    }
+    alarm(0);
 }
