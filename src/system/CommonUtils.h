@@ -56,6 +56,10 @@ public:
     // what the descriptors stand for (say "command < \"source\"").
     static int sCallSystemWith(const std::string& command, int input, int output,
                                const std::string& shown);
+    // sCallSystem(command, output) with the command's standard input bound
+    // to the descriptor input, shown as above.
+    static bool sCallSystemWith(const std::string& command, int input, std::string& output,
+                                const std::string& shown);
     // true when the command could be started; output holds its trimmed
     // standard output (whatever the exit status).
     static bool sCallSystem(const std::string& command, std::string& output);

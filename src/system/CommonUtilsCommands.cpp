@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -28,6 +29,8 @@ const char* const kCountryCodeFile = "/tmp/commonutils.config.tmp";
 const char* const kCountryCodeKey = "code";
 const char* const kReleaseChannel = "release";
 const size_t kVersionParts = 3;
+// Above standard input, output and error.
+const int kFirstFreeDescriptor = 3;
 
 std::string hex(int value) {
     std::ostringstream text;
@@ -63,6 +66,35 @@ int evaluateStatus(int status, const std::string& command) {
                     << hex(status) << "]" << " and error msg is:" << strerror(errno);
     }
     return exitCode;
+}
+
+// "/bin/sh -c command" started as system() starts it, with its standard
+// input and output the descriptors input and output; its pid, or -1 with
+// errno. posix_spawn rather than fork: other threads may hold locks that a
+// forked copy would keep. Each descriptor is first copied above the standard
+// ones, so that binding one to 0 or 1 never overwrites the other there.
+pid_t spawnShell(const std::string& command, int input, int output) {
+    const int from[] = {fcntl(input, F_DUPFD_CLOEXEC, kFirstFreeDescriptor),
+                        fcntl(output, F_DUPFD_CLOEXEC, kFirstFreeDescriptor)};
+    pid_t child = -1;
+    int error = EBADF;
+    if (from[0] >= 0 && from[1] >= 0) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, from[0], STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, from[1], STDOUT_FILENO);
+        const char* const arguments[] = {"sh", "-c", command.c_str(), NULL};
+        error = posix_spawn(&child, "/bin/sh", &actions, NULL, const_cast<char* const*>(arguments),
+                            environ);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    for (const int fd : from) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    errno = error;
+    return error == 0 ? child : -1;
 }
 
 // 0 with the child's wait status, -1 when it can't be waited for.
@@ -115,29 +147,44 @@ int CommonUtils::sCallSystem(const std::string& command) {
     return evaluateStatus(status, command);
 }
 
-// Started as system() starts a command, through "/bin/sh -c"; posix_spawn
-// rather than fork, as other threads may hold locks a forked copy would keep.
 int CommonUtils::sCallSystemWith(const std::string& command, int input, int output,
                                  const std::string& shown) {
     QLOG(WARNING) << "begin execute system command : " << shown;
     signal(SIGCHLD, SIG_DFL);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    const char* const arguments[] = {"sh", "-c", command.c_str(), NULL};
-    pid_t child = -1;
-    const int error = posix_spawn(&child, "/bin/sh", &actions, NULL,
-                                  const_cast<char* const*>(arguments), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    const pid_t child = spawnShell(command, input, output);
     int status = 0;
-    if (error != 0 || waitForChild(child, status) != 0) {
+    if (child < 0 || waitForChild(child, status) != 0) {
         QLOG(ERROR) << "execute system command :" << shown
                     << " fail,system error and return code:" << -1
-                    << " and error number is:" << strerror(error != 0 ? error : errno);
+                    << " and error number is:" << strerror(errno);
         return -1;
     }
     return evaluateStatus(status, shown);
+}
+
+bool CommonUtils::sCallSystemWith(const std::string& command, int input, std::string& output,
+                                  const std::string& shown) {
+    QLOG(INFO) << "excuete cmd: " << shown;
+    signal(SIGCHLD, SIG_DFL);
+    int pipeEnds[2];
+    pid_t child = -1;
+    if (pipe2(pipeEnds, O_CLOEXEC) == 0) {
+        child = spawnShell(command, input, pipeEnds[1]);
+        close(pipeEnds[1]);
+        FILE* stream = fdopen(pipeEnds[0], "r");
+        if (stream == NULL) {
+            close(pipeEnds[0]);
+        } else {
+            readOutput(stream, output);
+            fclose(stream);
+        }
+    }
+    int status = 0;
+    if (child < 0 || waitForChild(child, status) != 0) {
+        QLOG(INFO) << "excute cmd fail: " << shown;
+        return false;
+    }
+    return true;
 }
 
 bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {

@@ -1,11 +1,8 @@
 #include "system/ImageUtils.h"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <boost/algorithm/string.hpp>
 #include <boost/lexical_cast.hpp>
 #include <cctype>
 #include <cstdio>
@@ -29,9 +26,6 @@ namespace {
 // "*", "?" and "%" in a file name as frame lists, patterns and counters, so
 // no name of the disk ever reaches it. identify prints this name.
 const char* const kSourceName = "/dev/stdin";
-// What identify may print for one frame; its line is some 100 bytes.
-const std::size_t kMaxCapturedBytes = 64 * 1024;
-const std::size_t kReadBlock = 4096;
 
 // The lower-case extension of path's last component, "" for none.
 std::string extensionOf(const std::string& path) {
@@ -85,39 +79,6 @@ bool isNamedOnlyFormat(const std::string& extension) {
     return false;
 }
 
-// What a command wrote into capture, its first kMaxCapturedBytes.
-void readBack(int capture, std::string& output) {
-    char block[kReadBlock];
-    ssize_t got = 0;
-    if (lseek(capture, 0, SEEK_SET) != 0) {
-        return;
-    }
-    while (output.size() < kMaxCapturedBytes && (got = read(capture, block, sizeof block)) > 0) {
-        output.append(block, std::min<std::size_t>(got, kMaxCapturedBytes - output.size()));
-    }
-}
-
-// Runs command with the source open as source for its standard input, from
-// its start, and its standard output into capture, a file of memory; output
-// holds that output with outer blanks and line ends trimmed. false when the
-// command could not run.
-bool runCapturing(const std::string& command, int source, const std::string& shown,
-                  std::string& output) {
-    output.clear();
-    const int capture = memfd_create("identify", MFD_CLOEXEC);
-    if (capture < 0 || lseek(source, 0, SEEK_SET) != 0 ||
-        CommonUtils::sCallSystemWith(command, source, capture, shown) == -1) {
-        if (capture >= 0) {
-            close(capture);
-        }
-        return false;
-    }
-    readBack(capture, output);
-    close(capture);
-    boost::algorithm::trim_if(output, boost::algorithm::is_any_of("\r\n "));
-    return true;
-}
-
 // identify's output for the first frame of standard input read under the
 // name input, "/dev/stdin FORMAT WxH ..."; false when identify could not be
 // run. Every frame would cost it memory: a file of 100,000 tiny frames made
@@ -126,7 +87,8 @@ bool identifyFirstFrame(const std::string& input, int source, const std::string&
                         std::string& output) {
     const std::string frame = input + "[0]";
     const std::string command = "identify " + frame;
-    if (!runCapturing(command, source, command + " < " + quotedSource, output)) {
+    if (lseek(source, 0, SEEK_SET) != 0 ||
+        !CommonUtils::sCallSystemWith(command, source, output, command + " < " + quotedSource)) {
         return false;
     }
     // "/dev/stdin[0]=>/dev/stdin PNG 30x20 ...": what was asked for, first.
@@ -219,7 +181,9 @@ namespace {
 // convert run on the source open as source, from its start, into the new
 // file open as thumbnail. Its budget holds every frame of an ordinary
 // picture; one of many large frames fails it, and then gets the first frame
-// only (emptied of what the failed run left).
+// only (emptied of what the failed run left). convert tells no failure from
+// another by its exit code, so a damaged picture of several frames whose
+// first frame reads gets a thumbnail of that frame too.
 bool convertInto(const std::string& command, const std::string& input, const std::string& written,
                  int source, const std::string& quotedSource, FILE* thumbnail,
                  const std::string& quotedTarget) {

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <boost/thread/thread.hpp>
 #include <string>
@@ -18,17 +20,21 @@ TEST_F(CommandsTest, ExitCodeFormsAgreeAndSurviveAnIgnoredSigchld) {
     const struct { const char* command; int code; } cases[] = {
         {"exit 0", 0}, {"exit 3", 3}, {"kill -9 $$", 0}, {"quorvia-no-such-tool 2>/dev/null", 127},
     };
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
         std::string output = "stale";
         signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallSystem(c.command));
         signal(SIGCHLD, SIG_IGN);
+        EXPECT_EQ(c.code, CommonUtils::sCallSystemWith(c.command, null, null, c.command));
+        signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallPopenNoOutput(c.command));
         signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallPopenWithOutput(c.command, output));
         EXPECT_EQ("", output);
     }
+    close(null);
 }
 
 TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyWhateverTheExitStatus) {
@@ -39,6 +45,29 @@ TEST_F(CommandsTest, OutputIsTrimmedAtTheEndsOnlyWhateverTheExitStatus) {
 
     EXPECT_TRUE(CommonUtils::sCallSystem("printf '%5000s\\n' '' | tr ' ' x; exit 1", output));
     EXPECT_EQ(std::string(5000, 'x'), output);
+}
+
+// The command reads and writes the descriptors given, whatever their
+// numbers: an output at 0 was overwritten by the input bound there first,
+// and the input became the command's standard output (a picture was
+// overwritten by its thumbnail).
+TEST_F(CommandsTest, TheDescriptorFormsBindTheirDescriptorsEvenAtZeroRegression) {
+    writeFile("/in", " text\n");
+    const int in = open(path("/in").c_str(), O_RDONLY | O_CLOEXEC);
+    const int saved = dup(STDIN_FILENO);
+    const int out = open(path("/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_EQ(STDIN_FILENO, dup2(out, STDIN_FILENO));
+    EXPECT_EQ(0, CommonUtils::sCallSystemWith("cat", in, STDIN_FILENO, "cat"));
+    ASSERT_EQ(STDIN_FILENO, dup2(saved, STDIN_FILENO));
+    EXPECT_EQ(" text\n", readFile("/in"));
+    EXPECT_EQ(" text\n", readFile("/out"));
+    std::string output;
+    ASSERT_EQ(0, lseek(in, 0, SEEK_SET));
+    EXPECT_TRUE(CommonUtils::sCallSystemWith("cat; exit 1", in, output, "cat"));
+    EXPECT_EQ("text", output);
+    for (const int fd : {in, saved, out}) {
+        close(fd);
+    }
 }
 
 TEST_F(CommandsTest, CountryCodeFirstAskedByManyThreadsIsFilledOnceAndCachedForTheProcess) {

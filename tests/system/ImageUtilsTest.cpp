@@ -42,8 +42,13 @@ TEST_F(ImageUtilsTest, ResizesThroughTheToolsWhateverTheName) {
     // A format known by its name alone was refused (regression); a name
     // picks no other coder, such as one that reads the files a script names.
     ASSERT_TRUE(makeImage("-size 800x600 xc:red", root() + "/photo.tga"));
+    log_.clear();
     EXPECT_EQ(ImageUtils::kResizeDone, ImageUtils().resizeImage("photo.tga", "t.jpg", 400, 300));
     EXPECT_EQ("400x300", geometryOf(root() + "/t.jpg"));
+    // identify, asked twice here, logs as a command whose output is read:
+    // its exit code is not judged.
+    EXPECT_EQ(1, log_.count("excuete cmd: identify /dev/stdin[0] < \"photo.tga\""));
+    EXPECT_FALSE(log_.contains("fail,and return code"));
     writeAll(root() + "/script.mvg", "\nviewbox 0 0 400 300 image over 0,0 0,0 'photo.tga'\n");
     EXPECT_EQ(ImageUtils::kResizeFailed, ImageUtils().resizeImage("script.mvg", "s.jpg", 40, 30));
 }
