@@ -29,6 +29,8 @@ TEST_F(CommandsTest, ExitCodeFormsAgreeAndSurviveAnIgnoredSigchld) {
         signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallSystemWith(c.command, null, null, c.command));
         signal(SIGCHLD, SIG_IGN);
+        EXPECT_TRUE(CommonUtils::sCallSystemWith(c.command, null, output, c.command));
+        signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallPopenNoOutput(c.command));
         signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(c.code, CommonUtils::sCallPopenWithOutput(c.command, output));
