@@ -38,16 +38,32 @@ std::string hex(int value) {
     return text.str();
 }
 
-// Reads the whole stream and trims line ends and blanks from the ends of the
-// whole text only, so inner lines keep their line ends.
+// Trims line ends and blanks from the ends of the whole text only, so inner
+// lines keep their line ends, and logs what is left.
+void trimAndLog(std::string& output) {
+    boost::algorithm::trim_if(output, boost::algorithm::is_any_of("\r\n "));
+    QLOG(INFO) << "excuete cmd output: " << output;
+}
+
+// Reads the whole stream.
 void readOutput(FILE* stream, std::string& output) {
     output.clear();
     char buffer[kOutputBufferSize];
     while (fgets(buffer, sizeof(buffer), stream) != NULL) {
         output.append(buffer);
     }
-    boost::algorithm::trim_if(output, boost::algorithm::is_any_of("\r\n "));
-    QLOG(INFO) << "excuete cmd output: " << output;
+    trimAndLog(output);
+}
+
+// Reads the pipe fd to its end; a signal that breaks into a read is no end.
+void readPipe(int fd, std::string& output) {
+    output.clear();
+    char buffer[kOutputBufferSize];
+    ssize_t got;
+    while ((got = read(fd, buffer, sizeof(buffer))) > 0 || (got < 0 && errno == EINTR)) {
+        output.append(buffer, got > 0 ? got : 0);
+    }
+    trimAndLog(output);
 }
 
 // Decodes a wait status from system() or pclose(): the exit code, or bits 8
@@ -68,16 +84,23 @@ int evaluateStatus(int status, const std::string& command) {
     return exitCode;
 }
 
+// fd itself when it lies above the standard descriptors, else a copy of it
+// there; -1 with errno when no copy can be made.
+int aboveStandard(int fd) {
+    return fd >= kFirstFreeDescriptor ? fd : fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+}
+
 // "/bin/sh -c command" started as system() starts it, with its standard
 // input and output the descriptors input and output; its pid, or -1 with
 // errno. posix_spawn rather than fork: other threads may hold locks that a
-// forked copy would keep. Each descriptor is first copied above the standard
-// ones, so that binding one to 0 or 1 never overwrites the other there.
+// forked copy would keep. A descriptor among the standard ones is first
+// copied above them, so that binding one to 0 or 1 never overwrites the
+// other there.
 pid_t spawnShell(const std::string& command, int input, int output) {
-    const int from[] = {fcntl(input, F_DUPFD_CLOEXEC, kFirstFreeDescriptor),
-                        fcntl(output, F_DUPFD_CLOEXEC, kFirstFreeDescriptor)};
+    const int given[] = {input, output};
+    const int from[] = {aboveStandard(input), aboveStandard(output)};
+    int error = errno;
     pid_t child = -1;
-    int error = EBADF;
     if (from[0] >= 0 && from[1] >= 0) {
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
@@ -88,9 +111,9 @@ pid_t spawnShell(const std::string& command, int input, int output) {
                             environ);
         posix_spawn_file_actions_destroy(&actions);
     }
-    for (const int fd : from) {
-        if (fd >= 0) {
-            close(fd);
+    for (int i = 0; i < 2; ++i) {
+        if (from[i] >= 0 && from[i] != given[i]) {
+            close(from[i]);
         }
     }
     errno = error;
@@ -166,18 +189,16 @@ bool CommonUtils::sCallSystemWith(const std::string& command, int input, std::st
                                   const std::string& shown) {
     QLOG(INFO) << "excuete cmd: " << shown;
     signal(SIGCHLD, SIG_DFL);
+    output.clear();
     int pipeEnds[2];
     pid_t child = -1;
     if (pipe2(pipeEnds, O_CLOEXEC) == 0) {
         child = spawnShell(command, input, pipeEnds[1]);
         close(pipeEnds[1]);
-        FILE* stream = fdopen(pipeEnds[0], "r");
-        if (stream == NULL) {
-            close(pipeEnds[0]);
-        } else {
-            readOutput(stream, output);
-            fclose(stream);
+        if (child >= 0) {
+            readPipe(pipeEnds[0], output);
         }
+        close(pipeEnds[0]);
     }
     int status = 0;
     if (child < 0 || waitForChild(child, status) != 0) {

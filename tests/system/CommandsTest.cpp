@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <boost/thread/thread.hpp>
@@ -10,6 +11,8 @@
 #include "system/CommonUtils.h"
 
 namespace {
+
+void ignoreAlarm(int) {}
 
 class CommandsTest : public quorvia_test::DeviceRootTest {};
 
@@ -112,6 +115,29 @@ TEST_F(CommandsTest, VersionComparisonIsNumericPartByPart) {
         EXPECT_EQ(c.lowerOrEqual, CommonUtils::sCheckIsLowerVersionThanCurrentRom(c.version))
             << c.version;
     }
+}
+
+// A signal whose handler doesn't restart calls broke off the read of the
+// output, which came back empty (every resize of a program with a profiling
+// timer failed). A command that can't start has no output to log.
+TEST_F(CommandsTest, TheOutputFormReadsPastSignalsAndLogsNoOutputOfACommandNotStartedRegression) {
+    struct sigaction handler = {};
+    struct sigaction saved;
+    handler.sa_handler = ignoreAlarm;
+    ASSERT_EQ(0, sigaction(SIGALRM, &handler, &saved));
+    const struct itimerval every50ms = {{0, 50000}, {0, 50000}}, off = {};
+    ASSERT_EQ(0, setitimer(ITIMER_REAL, &every50ms, NULL));
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    std::string output;
+    EXPECT_TRUE(CommonUtils::sCallSystemWith("sleep 0.2; echo late", null, output, "late"));
+    EXPECT_EQ("late", output);
+    setitimer(ITIMER_REAL, &off, NULL);
+    sigaction(SIGALRM, &saved, NULL);
+    close(null);
+    log_.clear();
+    EXPECT_FALSE(CommonUtils::sCallSystemWith("echo never", -1, output, "never"));
+    EXPECT_EQ(1, log_.count("excute cmd fail: never"));
+    EXPECT_FALSE(log_.contains("excuete cmd output"));
 }
 
 }  // namespace
