@@ -387,9 +387,10 @@ TEST_F(ImageUtilThumbnailTest, PlantedLinksAndFifosAreReplacedNeverWrittenThroug
 
 // A disk user who swaps a folder of the tree for a link once the thumbnail's
 // path is made: every write route walks the folder again as it writes, and
-// writes, rewrites or removes nothing where the link leads (each did).
+// writes, rewrites or removes nothing where the link leads (each did). Run
+// under qemu-user too, where only the rotation's row proves nothing (it
+// finds no coders).
 TEST_F(ImageUtilThumbnailTest, AFolderSwappedForALinkLeadsNoWriteElsewhereRegression) {
-    SKIP_WHERE_MAGICK_HAS_NO_CODERS();
     const std::string elsewhere = root() + "/elsewhere";
     const std::string data = ConfigInfo::sGetInstance()->getUserdiskDataPath();
     const std::string jpeg = photo("small.jpg", 64, 48, false, 0);
