@@ -184,11 +184,12 @@ namespace {
 // only (emptied of what the failed run left). convert tells no failure from
 // another by its exit code, so a damaged picture of several frames whose
 // first frame reads gets a thumbnail of that frame too.
-bool convertInto(const std::string& command, const std::string& input, const std::string& written,
+// command runs as its words up to the input, the input, then tail.
+bool convertInto(const std::string& command, const std::string& input, const std::string& tail,
                  int source, const std::string& quotedSource, FILE* thumbnail,
                  const std::string& quotedTarget) {
     for (const std::string& frames : {input, input + "[0]"}) {
-        const std::string run = command + " " + frames + written;
+        const std::string run = command + " " + frames + tail;
         const std::string shown = run + " < " + quotedSource + " > " + quotedTarget;
         QLOG(INFO) << "resize image command is: " << shown;
         if (lseek(source, 0, SEEK_SET) == 0 && ftruncate(fileno(thumbnail), 0) == 0 &&
@@ -254,9 +255,9 @@ int ImageUtils::resizeImage(const std::string& source, const std::string& target
     std::ostringstream command;
     command << "convert -limit memory " << kConvertMaxMemory << " -limit disk 0 -limit list-length "
             << kConvertMaxFrames << " -define jpeg:size=80x80";
-    std::ostringstream ends;
-    ends << " -thumbnail " << width << "x" << height << " " << written;
-    return convertInto(command.str(), input, ends.str(), sourceFd, quotedSource,
+    std::ostringstream tail;
+    tail << " -thumbnail " << width << "x" << height << " " << written;
+    return convertInto(command.str(), input, tail.str(), sourceFd, quotedSource,
                        replacement.stream(), sQuoteForShell(target)) &&
                    replacement.commitKeepingOwner(false)
                ? kResizeDone
