@@ -33,32 +33,62 @@ void QuorviaScanner::start_scanner(const std::vector<std::string>& roots) {
     }
 }
 
+// Entries in the order each folder lists them, a subfolder walked at its
+// entry as a recursion would, but with the open folders kept in a list
+// rather than on the stack: a chain of folders a few hundred levels deep
+// overflowed the 128 KiB stack a router gives a thread.
 void QuorviaScanner::scanDiskDirRecursive(const std::string& dir) {
-    QLOG(INFO) << "Scanner: begin scan " << dir;
-    for (fs::directory_iterator it(dir), end; it != end; ++it) {
-        // Not boost's symlink_status(): see FileStatus. An entry gone
-        // meanwhile (its folder too) is passed over without a word.
-        const std::string path = it->path().string();
-        talvern::FileStatus status;
-        const int error = talvern::FileStatus::sOfPath(path, status, false);
-        if (error != 0) {
-            if (error != ENOENT && error != ENOTDIR) {
-                QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << path << ": "
-                            << std::strerror(error);
-            }
+    std::vector<OpenFolder> open;
+    open.push_back(openFolder(dir));
+    while (!open.empty()) {
+        OpenFolder& folder = open.back();
+        if (folder.visited) {
+            ++folder.entry;
+        }
+        folder.visited = true;
+        if (folder.entry == fs::directory_iterator()) {
+            open.pop_back();
             continue;
         }
-        const std::string name = it->path().filename().string();
-        if (status.isRegular()) {
-            if ((CommonUtils::endWith(path, ".jpg") || CommonUtils::endWith(path, ".jpeg")) &&
-                (name.empty() || name[0] != '.')) {
-                notifyObserverInGroup(path);
-            }
-        } else if (status.isDirectory() && name != "." && name != ".." &&
-                   !CommonUtils::isFilterDir(name) && path != dir) {
-            scanDiskDirRecursive(path);
+        const std::string subfolder = visit(folder.path, *folder.entry);
+        if (!subfolder.empty()) {
+            open.push_back(openFolder(subfolder));
         }
     }
+}
+
+QuorviaScanner::OpenFolder QuorviaScanner::openFolder(const std::string& dir) {
+    QLOG(INFO) << "Scanner: begin scan " << dir;
+    OpenFolder folder;
+    folder.path = dir;
+    folder.entry = fs::directory_iterator(dir);
+    return folder;
+}
+
+std::string QuorviaScanner::visit(const std::string& dir, const fs::directory_entry& entry) {
+    // Not boost's symlink_status(): see FileStatus. An entry gone meanwhile
+    // (its folder too) is passed over without a word.
+    const std::string path = entry.path().string();
+    talvern::FileStatus status;
+    const int error = talvern::FileStatus::sOfPath(path, status, false);
+    if (error != 0) {
+        if (error != ENOENT && error != ENOTDIR) {
+            QLOG(ERROR) << "In scanDiskDirRecursive catch exception: " << path << ": "
+                        << std::strerror(error);
+        }
+        return std::string();
+    }
+    const std::string name = entry.path().filename().string();
+    if (status.isRegular()) {
+        if ((CommonUtils::endWith(path, ".jpg") || CommonUtils::endWith(path, ".jpeg")) &&
+            (name.empty() || name[0] != '.')) {
+            notifyObserverInGroup(path);
+        }
+    } else if (status.isDirectory() && name != "." && name != ".." &&
+               !CommonUtils::isFilterDir(name) && path != dir) {
+        return path;
+    }
+    return std::string();
 }
 
 void QuorviaScanner::notifyObserverInGroup(const std::string& path) {

@@ -1,6 +1,7 @@
 #ifndef QUORVIA_MULTIMEDIA_QUORVIASCANNER_H
 #define QUORVIA_MULTIMEDIA_QUORVIASCANNER_H
 
+#include <boost/filesystem.hpp>
 #include <boost/shared_ptr.hpp>
 #include <string>
 #include <vector>
@@ -33,6 +34,20 @@ public:
     void notifyObserver();
 
 private:
+    // A folder of the walk and the entry it is at; visited once that entry
+    // has been looked at.
+    struct OpenFolder {
+        OpenFolder() : visited(false) {}
+        std::string path;
+        boost::filesystem::directory_iterator entry;
+        bool visited;
+    };
+
+    static OpenFolder openFolder(const std::string& dir);
+    // Reports entry if it is a JPEG file to report; its path if it is a
+    // subfolder to walk, else "".
+    std::string visit(const std::string& dir, const boost::filesystem::directory_entry& entry);
+
     std::vector<FileChangeItem> changePaths_;
     boost::shared_ptr<IFileChangeMonitorObserver> observer_;
 };

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <boost/thread/thread.hpp>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -340,10 +341,14 @@ TEST_F(FileChangeMonitorTest, AFolderReplacedByANewcomerTakesItsSubfoldersAlong)
 }
 
 // The walk once held a folder open per level: a tree a few hundred levels
-// deep took every descriptor the process may have, and went unwatched.
-TEST_F(FileChangeMonitorTest, ADeepTreeIsWalkedOneOpenFolderAtATimeRegression) {
+// deep took every descriptor the process may have, and went unwatched. It
+// then went down by recursion: a chain of some hundred folders overflowed
+// the 128 KiB stack a router gives a thread, and the daemon died at every
+// start. Here the chain is deeper and the stack twice that.
+TEST_F(FileChangeMonitorTest, ADeepTreeIsWalkedOneOpenFolderAtATimeOnASmallStackRegression) {
+    const int levels = 1500;
     std::string deep;
-    for (int level = 0; level < 300; ++level) {
+    for (int level = 0; level < levels; ++level) {
         deep += "d/";
     }
     mkdirs(deep);
@@ -351,9 +356,12 @@ TEST_F(FileChangeMonitorTest, ADeepTreeIsWalkedOneOpenFolderAtATimeRegression) {
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
     const struct rlimit few = {quorvia_test::openDescriptors() + 100, saved.rlim_max};
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
-    start(false);
+    boost::thread::attributes smallStack;
+    smallStack.set_stack_size(256 * 1024);
+    boost::thread walker(smallStack, [this] { start(false); });
+    walker.join();
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
-    EXPECT_EQ(301u, watched().size());
+    EXPECT_EQ(levels + 1u, watched().size());
 }
 
 // A folder of 30,000 indexed files deleted at once overflowed the kernel's

@@ -1,13 +1,13 @@
-#include "multimedia/QuorviaScanner.h"
-
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <boost/thread/thread.hpp>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "backup/MonitorTestSupport.h"
+#include "multimedia/QuorviaScanner.h"
 #include "support/DeviceRootTest.h"
 
 namespace {
@@ -44,6 +44,26 @@ TEST_F(QuorviaScannerTest, ReportsVisibleJpegFilesInBatchesOfTen) {
     }
     scanner.start_scanner({data + "/many"});
     EXPECT_EQ(std::vector<std::size_t>({2, 10, 10}), observer->sizes());
+}
+
+// The walk went down by recursion: a chain of some hundred folders overflowed
+// the 128 KiB stack a router gives a thread. Here the chain is deeper and the
+// stack twice that.
+TEST_F(QuorviaScannerTest, ADeepChainIsWalkedOnASmallStackRegression) {
+    std::string deep = "/userdisk/data";
+    for (int level = 0; level < 800; ++level) {
+        deep += "/d";
+    }
+    writeFile(deep + "/bottom.jpg", "");
+    boost::shared_ptr<monitor_test::RecordingObserver> observer(
+        new monitor_test::RecordingObserver);
+    quorvia::QuorviaScanner scanner;
+    scanner.registerObserver(observer);
+    boost::thread::attributes smallStack;
+    smallStack.set_stack_size(256 * 1024);
+    boost::thread walker(smallStack, [&] { scanner.start_scanner({path("/userdisk/data")}); });
+    walker.join();
+    EXPECT_EQ(std::vector<std::size_t>({1}), observer->sizes());
 }
 
 }  // namespace

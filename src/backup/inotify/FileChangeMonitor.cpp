@@ -78,18 +78,34 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
 
 // The walk itself: its subdirectories were just seen by their parent's scan,
 // so they skip the existence check (a stat per folder of the tree); one that
-// goes in between fails at its watch and takes the same retry road.
-bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
-    if (!placeWatch(dir)) {
-        delayAddDirs_[dir] = 1;
-        return false;
+// goes in between fails at its watch and takes the same retry road. Depth
+// first, each folder's subdirectories in the order they were listed, kept in
+// a list of pending folders rather than on the stack: a chain of folders a
+// few hundred levels deep overflowed a router thread's 128 KiB stack.
+bool FileChangeMonitor::scanFoundDir(const std::string& top) {
+    std::vector<std::string> pending(1, top);
+    bool placed = true;
+    while (!pending.empty()) {
+        const std::string dir = pending.back();
+        pending.pop_back();
+        if (!placeWatch(dir)) {
+            delayAddDirs_[dir] = 1;
+            placed = placed && dir != top;
+            continue;
+        }
+        const std::size_t firstChild = pending.size();
+        listSubdirs(dir, pending);
+        std::reverse(pending.begin() + firstChild, pending.end());
     }
-    // A directory that vanishes or can't be read while it is walked goes to
-    // the retry table; the thread that follows the disk must live on. Its
-    // subdirectories are walked once it is closed: a deep tree holds one
-    // open directory at a time, not one per level (a tree some thousand
-    // levels deep took every descriptor of the daemon).
-    std::vector<std::string> subdirs;
+    return placed;
+}
+
+// A directory that vanishes or can't be read while it is listed goes to the
+// retry table; the thread that follows the disk must live on. The listing is
+// closed before any subdirectory is walked: a deep tree holds one open
+// directory at a time, not one per level (a tree some thousand levels deep
+// took every descriptor of the daemon).
+void FileChangeMonitor::listSubdirs(const std::string& dir, std::vector<std::string>& subdirs) {
     try {
         for (fs::directory_iterator it(dir), end; it != end; ++it) {
             // Not boost's symlink_status(): see FileStatus. An entry gone
@@ -115,10 +131,6 @@ bool FileChangeMonitor::scanFoundDir(const std::string& dir) {
         QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
         delayAddDirs_[dir] = 1;
     }
-    for (const std::string& subdir : subdirs) {
-        scanFoundDir(subdir);
-    }
-    return true;
 }
 
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {

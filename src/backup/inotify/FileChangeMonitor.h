@@ -148,7 +148,9 @@ private:
     // made it.
     bool placeWatch(const std::string& dir);
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
-    bool scanFoundDir(const std::string& dir);
+    bool scanFoundDir(const std::string& top);
+    // Appends dir's subdirectories that the monitor follows to subdirs.
+    void listSubdirs(const std::string& dir, std::vector<std::string>& subdirs);
     bool gateShut();
     // After the kernel's queue overflowed: the roots are scanned again (what
     // was made meanwhile is followed from then on) and the observer told.
