@@ -1,5 +1,6 @@
 #include "thriftwrapper/QuorviaServer.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <thrift/concurrency/ThreadFactory.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -22,6 +23,7 @@ const char* const QuorviaServer::BIND_ADDRESS_ = "127.0.0.1";
 const int QuorviaServer::PORT_;
 const size_t QuorviaServer::WORKER_COUNT_;
 const size_t QuorviaServer::PENDING_TASK_LIMIT_;
+const size_t QuorviaServer::WORKER_STACK_SIZE_;
 const size_t QuorviaServer::MAX_FRAME_SIZE_;
 const size_t QuorviaServer::MAX_CONNECTIONS_;
 const size_t QuorviaServer::IDLE_READ_BUFFER_LIMIT_;
@@ -92,6 +94,34 @@ private:
     std::shared_ptr<TProcessor> processor_;
 };
 
+// While it stands, threads are made with the workers' stack size; after,
+// with what the process had before. Should the default not be readable, the
+// workers get the system's.
+class WorkerStackSize {
+public:
+    WorkerStackSize() : saved_(pthread_getattr_default_np(&previous_) == 0) {
+        pthread_attr_t workers;
+        if (saved_ && pthread_attr_init(&workers) == 0) {
+            pthread_attr_setstacksize(&workers, QuorviaServer::WORKER_STACK_SIZE_);
+            pthread_setattr_default_np(&workers);
+            pthread_attr_destroy(&workers);
+        }
+    }
+    virtual ~WorkerStackSize() {
+        if (saved_) {
+            pthread_setattr_default_np(&previous_);
+            pthread_attr_destroy(&previous_);
+        }
+    }
+
+private:
+    WorkerStackSize(const WorkerStackSize&);
+    WorkerStackSize& operator=(const WorkerStackSize&);
+
+    pthread_attr_t previous_;
+    const bool saved_;
+};
+
 // A thread manager whose start failed: it counts the workers that never
 // started, and its destructor would wait for them for ever, so it is never
 // destroyed (the process is about to end).
@@ -99,11 +129,13 @@ std::shared_ptr<ThreadManager>* gUnstartedManager = NULL;
 
 // Detached worker threads. The thread factory of this Thrift generation has
 // no scheduling policy, priority or stack size to set: the workers run with
-// the system's defaults.
+// the system's default policy and priority, and get their stack size from
+// the process's default for new threads, set for the time they are started.
 std::shared_ptr<ThreadManager> makeStartedThreadManager() {
     std::shared_ptr<ThreadManager> threadManager = ThreadManager::newSimpleThreadManager(
         QuorviaServer::WORKER_COUNT_, QuorviaServer::PENDING_TASK_LIMIT_);
     threadManager->threadFactory(std::make_shared<ThreadFactory>(true));
+    const WorkerStackSize stackSize;
     try {
         threadManager->start();
     } catch (...) {

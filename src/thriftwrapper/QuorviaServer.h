@@ -22,6 +22,9 @@ public:
     // queue, which has no limit (0), so a request is never refused for load.
     static const size_t WORKER_COUNT_ = 3;
     static const size_t PENDING_TASK_LIMIT_ = 0;
+    // Each worker's stack, whatever the system's default for threads (8 MiB
+    // with glibc, 128 KiB with some router C libraries).
+    static const size_t WORKER_STACK_SIZE_ = 1024 * 1024;
 
     // Limits that keep one peer from costing the others memory or service.
     // A request holds a path, a name and a hash: a few KiB even with every

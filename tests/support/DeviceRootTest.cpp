@@ -1,5 +1,6 @@
 #include "support/DeviceRootTest.h"
 
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -72,6 +73,16 @@ std::string quoted(std::string text) {
 
 size_t openDescriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+size_t currentStackSize() {
+    pthread_attr_t attributes;
+    size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+        pthread_attr_getstacksize(&attributes, &size);
+        pthread_attr_destroy(&attributes);
+    }
+    return size;
 }
 
 namespace {

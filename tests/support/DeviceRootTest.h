@@ -52,6 +52,8 @@ std::string capture(const std::string& command);
 std::string quoted(std::string text);
 // Descriptors this process has open: a leak shows as growth.
 size_t openDescriptors();
+// The stack size of the calling thread; 0 if it can't be read.
+size_t currentStackSize();
 
 }  // namespace quorvia_test
 

@@ -29,10 +29,15 @@ using ::testing::Field;
 using ::testing::StartsWith;
 
 // Echoes the request; a request "slow" takes half a second, and the handler
-// notes the most that ran at once.
+// notes the most that ran at once; "stack" answers with the size of the
+// worker's stack.
 class SlowHandler : virtual public talvern::TalvernIf {
 public:
     virtual void request(std::string& result, const std::string& parameter) {
+        if (parameter == "stack") {
+            result = std::to_string(quorvia_test::currentStackSize());
+            return;
+        }
         if (parameter == "slow") {
             const int now = ++running_;
             int most = mostAtOnce_;
@@ -89,6 +94,15 @@ TEST_F(QuorviaServerTest, FourSlowRequestsRunThreeAtATimeAndTheFourthIsServed) {
         EXPECT_EQ(reply("slow"), slow.get());
     }
     EXPECT_EQ(static_cast<int>(QuorviaServer::WORKER_COUNT_), handler_->mostAtOnce_.load());
+}
+
+// The workers ran on the system's default stack: 128 KiB with some router C
+// libraries. Threads made later get the process's default again.
+TEST_F(QuorviaServerTest, WorkersRunOnTheirOwnStackSizeRegression) {
+    EXPECT_EQ(reply(std::to_string(QuorviaServer::WORKER_STACK_SIZE_)), call("stack"));
+    std::size_t later = 0;
+    std::thread([&later] { later = quorvia_test::currentStackSize(); }).join();
+    EXPECT_NE(QuorviaServer::WORKER_STACK_SIZE_, later);
 }
 
 TEST_F(QuorviaServerTest, FramesAndNamesBeyondTheLimitCloseOnlyTheirConnectionRegression) {
