@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "system/BuildAbi.h"
+
 namespace talvern {
 
 // What the file system says of a file, read with statx. Where time_t has 32

@@ -6,10 +6,11 @@
 #include <sys/stat.h>
 
 #include <boost/lexical_cast.hpp>
-
 #include <set>
 #include <string>
 #include <vector>
+
+#include "system/BuildAbi.h"
 
 // Static helpers of the shared tree, without state. One header; the
 // implementation is split by family (CommonUtils*.cpp). Every function may be

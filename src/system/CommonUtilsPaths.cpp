@@ -189,8 +189,12 @@ void CommonUtils::sConvertToValidLibconfigKey(std::string& key) {
 
 namespace {
 
-time_t fittingTime(int64_t seconds) {
-    return seconds == static_cast<time_t>(seconds) ? static_cast<time_t>(seconds) : 0;
+// seconds as a Time, or 0 when a Time can't hold it. Each result is checked
+// against its own type: some 32-bit C libraries have a 64-bit time_t and a
+// 32-bit long.
+template <typename Time>
+Time fitting(int64_t seconds) {
+    return seconds == static_cast<Time>(seconds) ? static_cast<Time>(seconds) : 0;
 }
 
 }  // namespace
@@ -199,9 +203,7 @@ time_t fittingTime(int64_t seconds) {
 // file any of whose times is past 2038. A time that a long can't hold is 0.
 long CommonUtils::sGetFileModifyTime(const std::string& path) {
     talvern::FileStatus status;
-    return talvern::FileStatus::sOfPath(path, status) == 0
-               ? static_cast<long>(fittingTime(status.modifyTime))
-               : 0;
+    return talvern::FileStatus::sOfPath(path, status) == 0 ? fitting<long>(status.modifyTime) : 0;
 }
 
 int CommonUtils::sSetFileModifyTime(const std::string& path, long time) {
@@ -233,9 +235,9 @@ struct stat64 CommonUtils::sGetFileStat(const std::string& path) {
         info.st_uid = status.owner;
         info.st_gid = status.group;
         info.st_size = static_cast<off64_t>(status.size);
-        info.st_atime = fittingTime(status.accessTime);
-        info.st_mtime = fittingTime(status.modifyTime);
-        info.st_ctime = fittingTime(status.changeTime);
+        info.st_atime = fitting<time_t>(status.accessTime);
+        info.st_mtime = fitting<time_t>(status.modifyTime);
+        info.st_ctime = fitting<time_t>(status.changeTime);
     }
     QLOG(INFO) << "the device id of " << path << " is :" << info.st_dev;
     return info;
@@ -254,7 +256,7 @@ std::string CommonUtils::sConvertTimeFormat(long time) {
 }
 
 std::string CommonUtils::sGetNowTimeStamp() {
-    const long now = static_cast<long>(::time(NULL));
+    const long long now = ::time(NULL);
     QLOG(INFO) << "get now time stamp: " << now;
     std::ostringstream text;
     text << now;

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "system/BuildAbi.h"
+
 namespace talvern {
 
 // One finished log line as its statement said it, before anything formats
