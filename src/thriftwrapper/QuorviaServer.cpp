@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <thrift/concurrency/ThreadFactory.h>
 #include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSocket.h>
 
 #include "thriftwrapper/GuardedServerSocket.h"
@@ -16,6 +17,7 @@ using apache::thrift::protocol::TProtocol;
 using apache::thrift::protocol::TProtocolFactory;
 using apache::thrift::server::TNonblockingServer;
 using apache::thrift::server::TServerEventHandler;
+using apache::thrift::transport::TMemoryBuffer;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransport;
 
@@ -37,15 +39,26 @@ struct ConnectionContext {
     int socket;
 };
 
-// Gives each connection a context and, before each call, the socket.
+// Gives each connection a context and, before each call, the socket. When a
+// connection ends, its reply buffer is cut back: the library does so only
+// after a reply was sent whole, so a peer that reset before its big reply
+// went out left that buffer with the connection object, which the library
+// keeps for the next peer (500 such peers held some 250 MiB).
 class ConnectionTracker : public TServerEventHandler {
 public:
+    explicit ConnectionTracker(uint32_t replyBufferSize) : replyBufferSize_(replyBufferSize) {}
+
     virtual void* createContext(std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
         return new ConnectionContext;
     }
     virtual void deleteContext(void* context, std::shared_ptr<TProtocol>,
-                               std::shared_ptr<TProtocol>) {
+                               std::shared_ptr<TProtocol> output) {
         delete static_cast<ConnectionContext*>(context);
+        std::shared_ptr<TMemoryBuffer> replies =
+            std::dynamic_pointer_cast<TMemoryBuffer>(output->getTransport());
+        if (replies && replies->getBufferSize() > QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_) {
+            replies->resetBuffer(replyBufferSize_);
+        }
     }
     virtual void processContext(void* context, std::shared_ptr<TTransport> transport) {
         std::shared_ptr<TSocket> socket = std::dynamic_pointer_cast<TSocket>(transport);
@@ -53,6 +66,9 @@ public:
             static_cast<ConnectionContext*>(context)->socket = socket->getSocketFD();
         }
     }
+
+private:
+    const uint32_t replyBufferSize_;
 };
 
 // A message that is neither a call nor a one-way call makes the processor
@@ -165,7 +181,8 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
     server_.reset(new TNonblockingServer(processor, protocolFactory,
                                          std::make_shared<GuardedServerSocket>(BIND_ADDRESS_, port),
                                          threadManager_));
-    server_->setServerEventHandler(std::make_shared<ConnectionTracker>());
+    server_->setServerEventHandler(std::make_shared<ConnectionTracker>(
+        static_cast<uint32_t>(server_->getWriteBufferDefaultSize())));
     server_->setMaxFrameSize(MAX_FRAME_SIZE_);
     // The library refuses a new connection once more than its limit are open,
     // counting before the new one: one less makes MAX_CONNECTIONS_ the most

@@ -28,14 +28,30 @@ using ::testing::Contains;
 using ::testing::Field;
 using ::testing::StartsWith;
 
+// mallinfo2 counts the main arena only: every thread allocates there, so that
+// the buffers that a worker grows are counted too.
+const int kOneArena = mallopt(M_ARENA_MAX, 1);
+
+// Bytes allocated, in the heap and in blocks of their own.
+size_t allocated() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 // Echoes the request; a request "slow" takes half a second, and the handler
 // notes the most that ran at once; "stack" answers with the size of the
-// worker's stack.
+// worker's stack; "big" answers after 50 ms with 512 KiB.
 class SlowHandler : virtual public talvern::TalvernIf {
 public:
     virtual void request(std::string& result, const std::string& parameter) {
         if (parameter == "stack") {
             result = std::to_string(quorvia_test::currentStackSize());
+            return;
+        }
+        if (parameter == "big") {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            result.assign(512 * 1024, 'x');
+            ++bigAnswered_;
             return;
         }
         if (parameter == "slow") {
@@ -52,6 +68,7 @@ public:
 
     std::atomic<int> running_{0};
     std::atomic<int> mostAtOnce_{0};
+    std::atomic<size_t> bigAnswered_{0};
 };
 
 class QuorviaServerTest : public ::testing::Test {
@@ -160,6 +177,31 @@ TEST_F(QuorviaServerTest, IdleConnectionsGiveTheirBigBuffersBackRegression) {
     }
     EXPECT_LT(mallinfo2().uordblks - before, peers * (QuorviaServer::IDLE_READ_BUFFER_LIMIT_ +
                                                       QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_));
+}
+
+// The library cuts a connection's reply buffer back only after a reply was
+// sent whole: peers that reset before their big reply went out left 512 KiB
+// each with the connection objects it keeps for later peers.
+TEST_F(QuorviaServerTest, PeersThatResetBeforeABigReplyLeaveNoBufferBehindRegression) {
+    const size_t peers = 16, before = allocated();
+    const size_t bound =
+        peers * (QuorviaServer::IDLE_READ_BUFFER_LIMIT_ + QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_);
+    std::list<RawConnection> gone;
+    for (size_t peer = 0; peer < peers; ++peer) {
+        gone.emplace_back(port_);
+        ASSERT_TRUE(gone.back().send(requestCall("big")));
+        gone.back().reset();
+    }
+    // Once answered, the replies are written and fail at once; the memory
+    // they held is given back then or never.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while ((handler_->bigAnswered_ < peers || allocated() - before >= bound) &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(peers, handler_->bigAnswered_.load());
+    EXPECT_EQ(reply("still"), call("still"));
+    EXPECT_LT(allocated() - before, bound);
 }
 
 // A worker still ending a call whose connection it dropped (it reports the

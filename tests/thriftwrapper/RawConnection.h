@@ -93,6 +93,14 @@ public:
         return got == 0 || (got < 0 && errno == ECONNRESET);
     }
 
+    // Closes with a reset, as a peer that vanishes does.
+    void reset() {
+        const struct linger now = {1, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+        close(fd_);
+        fd_ = -1;
+    }
+
 private:
     int fd_;
     bool connected_;
