@@ -5,6 +5,7 @@
 
 #include "backup/inotify/FileChangeMonitor.h"
 #include "multimedia/quorviatask/BatchOrder.h"
+#include "multimedia/quorviatask/QuorviaMoveDirTask.h"
 #include "multimedia/quorviatask/QuorviaReconcileTask.h"
 #include "multimedia/quorviatask/QuorviaTaskFactory.h"
 #include "system/CommonUtils.h"
@@ -68,12 +69,18 @@ void QuorviaManager::update(std::vector<FileChangeItem>* changes, MonitorType ty
     }
 }
 
-void QuorviaManager::eventsLost(const std::vector<std::string>& roots) {
+void QuorviaManager::eventsLost(const std::vector<std::string>& roots,
+                                const std::vector<FolderMove>& moves) {
+    if (!dispatcher_) {
+        return;
+    }
+    for (const FolderMove& move : moves) {
+        dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(
+            new QuorviaMoveDirTask(move.from, move.to, MONITOR_TYPE_INOTIFY)));
+    }
     for (const std::string& root : roots) {
-        boost::shared_ptr<Dispatchable> task(new QuorviaReconcileTask(root, MONITOR_TYPE_INOTIFY));
-        if (dispatcher_) {
-            dispatcher_->dispatch(task);
-        }
+        dispatcher_->dispatch(
+            boost::shared_ptr<Dispatchable>(new QuorviaReconcileTask(root, MONITOR_TYPE_INOTIFY)));
     }
 }
 

@@ -43,9 +43,11 @@ public:
     // halves go to the factory first, then its last change, of which content
     // changes count for JPEG files only; the batch's events in BatchOrder.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
-    // Lost events under roots: each root's rows are checked against the disk
-    // by a task queued behind the changes delivered before.
-    virtual void eventsLost(const std::vector<std::string>& roots);
+    // Lost events under roots: the folders found moved take their rows along,
+    // then each root's rows are checked against the disk, by tasks queued
+    // behind the changes delivered before.
+    virtual void eventsLost(const std::vector<std::string>& roots,
+                            const std::vector<FolderMove>& moves);
     // One change to the queue (dropped when the queue isn't made yet).
     void dispatcherTask(const std::string& path, WatchMask mask, bool isDir, MonitorType type,
                         uint32_t cookie = 0);

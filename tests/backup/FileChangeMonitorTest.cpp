@@ -369,14 +369,24 @@ TEST_F(FileChangeMonitorTest, ADeepTreeIsWalkedOneOpenFolderAtATimeOnASmallStack
 // delivered, the tree is watched anew (a folder made meanwhile included) and
 // the observer is told, once, to check the store against the disk.
 TEST_F(FileChangeMonitorTest, AnOverflowedQueueRewatchesTheTreeAndSaysEventsWereLostRegression) {
+    mkdirs("album/sub/deeper");
     start(false);
+    // Made, and renamed twice over, while the queue was overflowing: the
+    // renamed folders once lost their rows to the check against the disk.
     mkdirs("made/while/lost");
+    fs::rename(data() + "/album", data() + "/holiday");
+    fs::rename(data() + "/holiday/sub", data() + "/holiday/under");
     fake_->queued.push_back(records(wd(), {{IN_DELETE, "gone.jpg"}}) +
                             records(-1, {{IN_Q_OVERFLOW, ""}}));
     EXPECT_EQ(Lines({"DELETE gone.jpg"}), batchAfterPasses(1));
     monitor_->runPass();
     EXPECT_EQ(std::vector<Lines>(1, Lines(1, data())), observer_->lost);
-    EXPECT_EQ(Lines({"", "made/", "made/while/", "made/while/lost/"}), watched());
+    EXPECT_EQ(Lines({data() + "/album/ > " + data() + "/holiday/",
+                     data() + "/holiday/sub/ > " + data() + "/holiday/under/"}),
+              observer_->foundMoves);
+    EXPECT_EQ(Lines({"", "holiday/", "holiday/under/", "holiday/under/deeper/", "made/",
+                     "made/while/", "made/while/lost/"}),
+              watched());
 }
 
 // A data folder that refused its watch was tried, and logged, every second

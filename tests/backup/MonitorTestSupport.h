@@ -19,7 +19,13 @@ public:
         }
         batches.push_back(*changes);
     }
-    virtual void eventsLost(const std::vector<std::string>& roots) { lost.push_back(roots); }
+    virtual void eventsLost(const std::vector<std::string>& roots,
+                            const std::vector<FolderMove>& moves) {
+        lost.push_back(roots);
+        for (const FolderMove& move : moves) {
+            foundMoves.push_back(move.from + " > " + move.to);
+        }
+    }
     std::vector<std::size_t> sizes() const {
         std::vector<std::size_t> sizes;
         for (const std::vector<FileChangeItem>& batch : batches) {
@@ -29,6 +35,7 @@ public:
     }
     std::vector<std::vector<FileChangeItem> > batches;
     std::vector<std::vector<std::string> > lost;
+    std::vector<std::string> foundMoves;  // "FROM > TO"
     std::string failure;  // when set, update() throws it
 };
 

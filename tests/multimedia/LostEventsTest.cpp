@@ -2,12 +2,14 @@
 // trusted: after an overflow every row of a file that is gone leaves, and a
 // deleted folder takes the rows still below it.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string/replace.hpp>
 #include <string>
 #include <vector>
 
 #include "multimedia/QuorviaDBMgr.h"
+#include "multimedia/QuorviaManager.h"
 #include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
 #include "multimedia/quorviatask/QuorviaReconcileTask.h"
 #include "support/DeviceRootTest.h"
@@ -57,6 +59,23 @@ TEST_F(LostEventsTest, RowsOfFilesGoneLeaveAndAFolderGoneTakesItsRest) {
 
     quorvia::QuorviaDeleteDirTask(data() + "/dir/", MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("~/keep.jpg\n~/dirx/z.jpg\n/elsewhere/w.jpg\n", left());
+}
+
+// Folders renamed while events were lost: their rows once went to the check
+// against the disk, though every file was still there.
+TEST_F(LostEventsTest, FoldersFoundMovedTakeTheirRowsBeforeTheCheckRegression) {
+    rows({"~/album/a.jpg", "~/album/sub/b.jpg", "~/album/gone.jpg"});
+    writeFile("/userdisk/data/holiday/a.jpg", "x");
+    writeFile("/userdisk/data/holiday/under/b.jpg", "x");
+    quorvia::QuorviaManager manager;
+    manager.startDispatcher();
+    manager.eventsLost({data()}, {{data() + "/album/", data() + "/holiday/"},
+                                  {data() + "/holiday/sub/", data() + "/holiday/under/"}});
+    const std::string expected = "~/holiday/a.jpg\n~/holiday/under/b.jpg\n";
+    for (int i = 0; i < 500 && left() != expected; ++i) {
+        usleep(10 * 1000);
+    }
+    EXPECT_EQ(expected, left());
 }
 
 // Slices of the store's lock: a folder's rows go a thousand at a time.

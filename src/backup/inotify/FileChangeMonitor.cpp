@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/filesystem.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/thread.hpp>
@@ -52,6 +53,7 @@ FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel)
       initErrno_(0),
       watchLimitWarned_(false),
       eventsLost_(false),
+      rewatching_(false),
       changesNotified_(false) {
     inotifyFd_ = kernel_->init();
     if (inotifyFd_ < 0) {
@@ -153,6 +155,9 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     // place is scanned later: the kernel keeps it until the delivery.
     boost::unordered_map<int, std::string>::iterator byWd = wdToPath_.find(wd);
     if (byWd != wdToPath_.end() && byWd->second != path) {
+        if (rewatching_) {
+            noteFoundMove(byWd->second, path);
+        }
         forgetPath(byWd->second, wd);
     }
     boost::unordered_map<std::string, int>::iterator byPath = pathToWd_.find(path);
@@ -704,19 +709,46 @@ void FileChangeMonitor::recoverLostEvents() {
     eventsLost_ = false;
     QLOG(WARNING) << "inotify dropped events (its queue overflowed): the folders are watched "
                      "anew and the index is checked against the disk";
+    // A folder renamed while events were lost would otherwise lose its rows
+    // to the check against the disk, though every file is still there.
+    foundMoves_.clear();
+    rewatching_ = true;
     for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
         if (talvern::Directory::sExists(watchDirs_[i])) {
             scanFoundDir(watchDirs_[i]);
         }
     }
+    rewatching_ = false;
     if (!observer_) {
         return;
     }
     try {
-        observer_->eventsLost(watchDirs_);
+        observer_->eventsLost(watchDirs_, foundMoves_);
     } catch (const std::exception& e) {
         QLOG(ERROR) << "FileChangeMonitor: observer raised an exception: " << e.what();
     }
+}
+
+void FileChangeMonitor::noteFoundMove(const std::string& from, const std::string& to) {
+    talvern::FileStatus before, now;
+    if (talvern::FileStatus::sOfPath(from, before, false) == 0 &&
+        talvern::FileStatus::sOfPath(to, now, false) == 0 && before.device == now.device &&
+        before.inode == now.inode) {
+        return;
+    }
+    // The tasks run in this order: a folder below one moved earlier is
+    // named by where that move leaves it.
+    std::string moved = from;
+    for (const FolderMove& earlier : foundMoves_) {
+        if (boost::starts_with(moved, earlier.from)) {
+            moved = earlier.to + moved.substr(earlier.from.size());
+        }
+    }
+    if (moved == to) {
+        return;
+    }
+    QLOG(INFO) << "folder " << from << " found at " << to << " after events were lost";
+    foundMoves_.push_back(FolderMove{moved, to});
 }
 
 // An observer that throws must not end the thread that follows the disk.

@@ -6,6 +6,13 @@
 
 #include "backup/inotify/FileChangeItem.h"
 
+// A folder that the monitor found at another path than the one it watched it
+// by, once it placed its watches anew: both paths end in "/".
+struct FolderMove {
+    std::string from;
+    std::string to;
+};
+
 // Receives batches of changes from the monitor or the scanner.
 class IFileChangeMonitorObserver {
 public:
@@ -18,9 +25,15 @@ public:
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type) = 0;
     // The source lost events (the kernel's queue overflowed) under these
     // roots, after the changes it had were delivered and its watches placed
-    // anew: what the store holds there must be checked against the disk.
-    // Same thread as update. Ignored unless overridden.
-    virtual void eventsLost(const std::vector<std::string>& roots) { (void)roots; }
+    // anew: the folders in moves went there meanwhile (outermost only, in the
+    // order found), and what the store holds under the roots must then be
+    // checked against the disk. Same thread as update. Ignored unless
+    // overridden.
+    virtual void eventsLost(const std::vector<std::string>& roots,
+                            const std::vector<FolderMove>& moves) {
+        (void)roots;
+        (void)moves;
+    }
 };
 
 #endif
