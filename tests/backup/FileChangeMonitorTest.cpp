@@ -32,6 +32,9 @@ public:
         return initErrno != 0 ? -1 : 1000;
     }
     int addWatch(int, const std::string& path, uint32_t) override {
+        if (beforeWatch) {
+            beforeWatch(path);
+        }
         if (refuse.count(path) != 0) {
             errno = refuse[path];
             return -1;
@@ -66,6 +69,7 @@ public:
     void close(int) override {}
 
     int initErrno = 0;
+    std::function<void(const std::string&)> beforeWatch;  // called with each path to watch
     std::deque<std::string> queued;     // what read() hands out, one per call
     std::map<std::string, int> refuse;  // path with "/" -> errno
     std::map<std::string, int> wds;     // the last watch placed for each path
@@ -281,6 +285,42 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
     EXPECT_TRUE(log_.contains(
         "The disk is not being followed: inotify_init failed: " + std::string(strerror(EMFILE)),
         google::GLOG_ERROR));
+}
+
+// A folder swapped for a link before its watch or its listing: the link was
+// followed, so a link to the data folder watched it again under the link's
+// name (its rows then stopped following it) and a link to a folder outside
+// had that folder watched.
+TEST_F(FileChangeMonitorTest, AFolderSwappedForALinkIsNeitherWatchedNorWalkedRegression) {
+    writeFile("/outside/inside/x", "");
+    const std::string outside = path("/outside");
+    for (const char* dir : {"P", "A/sub"}) {
+        mkdirs(dir);
+    }
+    const auto swapForLink = [&](const std::string& name, const std::string& target) {
+        fs::rename(data() + "/" + name, data() + "/" + name + ".old");
+        fs::create_symlink(target, data() + "/" + name);
+    };
+    fake_->refuse[data() + "/P/"] = ENOSPC;
+    // The walk: A is swapped once its watch is asked for, before its listing.
+    fake_->beforeWatch = [&](const std::string& path) {
+        if (path == data() + "/A/" && !fs::is_symlink(path.substr(0, path.size() - 1))) {
+            swapForLink("A", outside);
+        }
+    };
+    start(false);
+    // A's watch went where the kernel found the link in that moment; what
+    // lies behind it is not walked.
+    EXPECT_EQ(Lines({"", "A/"}), watched());
+    // The retry of a refused folder.
+    swapForLink("P", ".");
+    fake_->refuse.clear();
+    monitor_->delayAddWatchDiskDir();
+    // A folder's arrival.
+    fs::create_symlink(outside, data() + "/X");
+    fold({{IN_CREATE | IN_ISDIR, "X"}});
+    EXPECT_EQ(Lines({"", "A/"}), watched());
+    EXPECT_EQ(data() + "/", monitor_->watchedPath(wd()));
 }
 
 // A copy that never left a quiet second kept every path in the list until

@@ -1,13 +1,15 @@
 #include "backup/inotify/FileChangeMonitor.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/filesystem.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/thread.hpp>
 #include <cstdio>
@@ -16,8 +18,6 @@
 #include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
-
-namespace fs = boost::filesystem;
 
 namespace {
 
@@ -78,65 +78,117 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
     return scanFoundDir(dir);
 }
 
-// The walk itself: its subdirectories were just seen by their parent's scan,
-// so they skip the existence check (a stat per folder of the tree); one that
-// goes in between fails at its watch and takes the same retry road. Depth
-// first, each folder's subdirectories in the order they were listed, kept in
-// a list of pending folders rather than on the stack: a chain of folders a
-// few hundred levels deep overflowed a router thread's 128 KiB stack.
+// The walk itself: its subdirectories were just seen by their parent's
+// listing, so they skip the existence check (a stat per folder of the tree);
+// one that goes in between fails at its opening and takes the same retry
+// road. Depth first, each folder's subdirectories in the order they were
+// listed, kept in a list of pending folders rather than on the stack: a
+// chain of folders a few hundred levels deep overflowed a router thread's
+// 128 KiB stack.
 bool FileChangeMonitor::scanFoundDir(const std::string& top) {
-    std::vector<std::string> pending(1, top);
+    std::vector<FoundFolder> pending(1, FoundFolder(top));
     bool placed = true;
     while (!pending.empty()) {
-        const std::string dir = pending.back();
+        const FoundFolder found = pending.back();
         pending.pop_back();
-        if (!placeWatch(dir)) {
-            delayAddDirs_[dir] = 1;
-            placed = placed && dir != top;
-            continue;
-        }
-        const std::size_t firstChild = pending.size();
-        listSubdirs(dir, pending);
-        std::reverse(pending.begin() + firstChild, pending.end());
+        const bool watched = watchAndList(found, pending);
+        placed = placed && (watched || found.path != top);
     }
     return placed;
 }
 
-// A directory that vanishes or can't be read while it is listed goes to the
-// retry table; the thread that follows the disk must live on. The listing is
-// closed before any subdirectory is walked: a deep tree holds one open
-// directory at a time, not one per level (a tree some thousand levels deep
-// took every descriptor of the daemon).
-void FileChangeMonitor::listSubdirs(const std::string& dir, std::vector<std::string>& subdirs) {
-    try {
-        for (fs::directory_iterator it(dir), end; it != end; ++it) {
-            // Not boost's symlink_status(): see FileStatus. An entry gone
-            // meanwhile (its folder too) is passed over without a word.
-            talvern::FileStatus status;
-            const int error = talvern::FileStatus::sOfPath(it->path().string(), status, false);
-            if (error != 0 && error != ENOENT && error != ENOTDIR) {
-                QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: "
-                            << it->path().string() << ": " << std::strerror(error);
-                continue;
-            }
-            if (error != 0 || !status.isDirectory()) {
-                continue;
-            }
-            const std::string name = it->path().filename().string();
-            if (name == "." || name == ".." || CommonUtils::isFilterDir(name) ||
-                it->path().string() == dir) {
-                continue;
-            }
-            subdirs.push_back(it->path().string());
+// A folder below a root is opened, watched and listed only as itself: one
+// that is a link (planted, or swapped in after its parent was listed) would
+// lead the watch and the walk out of the tree, or back onto a folder watched
+// under another path, whose rows would then stop following it. A root may
+// itself be a link: those are the device's. The kernel is still given the
+// path (its watch follows a link swapped in within the moment between).
+int FileChangeMonitor::openFolder(const std::string& dir) const {
+    if (isRoot(withSlash(dir))) {
+        return ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
+    // A trailing "/" would have the kernel follow a link at the last name.
+    const std::string name =
+        dir.size() > 1 && dir.back() == '/' ? dir.substr(0, dir.size() - 1) : dir;
+    return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+}
+
+bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending) {
+    const int folder = openFolder(found.path);
+    if (folder < 0) {
+        // A link or a file now stands there: its own events tell what came.
+        if (errno != ELOOP && errno != ENOTDIR) {
+            delayAddDirs_[found.path] = 1;
         }
-    } catch (const fs::filesystem_error& e) {
-        QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << e.what();
+        return false;
+    }
+    talvern::FileStatus status;
+    if (talvern::FileStatus::sOfDescriptor(folder, status) != 0 ||
+        (found.listed && (status.device != found.device || status.inode != found.inode))) {
+        close(folder);
+        return false;
+    }
+    if (!placeWatch(found.path)) {
+        delayAddDirs_[found.path] = 1;
+        close(folder);
+        return false;
+    }
+    const std::size_t firstChild = pending.size();
+    listSubdirs(folder, found.path, pending);
+    std::reverse(pending.begin() + firstChild, pending.end());
+    return true;
+}
+
+// Takes folder over and closes it before any subdirectory is walked: a deep
+// tree holds one open directory at a time, not one per level (a tree some
+// thousand levels deep took every descriptor of the daemon). A directory
+// that can't be read on goes to the retry table; the thread that follows
+// the disk must live on.
+void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
+                                    std::vector<FoundFolder>& subdirs) {
+    DIR* stream = fdopendir(folder);
+    if (stream == NULL) {
+        logUnreadable(dir, errno);
+        close(folder);
+        delayAddDirs_[dir] = 1;
+        return;
+    }
+    const std::string parent = withSlash(dir);
+    errno = 0;
+    while (const struct dirent* entry = readdir(stream)) {
+        const std::string name = entry->d_name;
+        // An entry gone meanwhile (its folder too) is passed over without a
+        // word; links are passed over as what they are.
+        talvern::FileStatus status;
+        const int error = name == "." || name == ".." || CommonUtils::isFilterDir(name)
+                              ? ENOENT
+                              : talvern::FileStatus::sOfEntry(folder, name, status, false);
+        if (error != 0 && error != ENOENT && error != ENOTDIR) {
+            logUnreadable(parent + name, error);
+        } else if (error == 0 && status.isDirectory()) {
+            subdirs.push_back(FoundFolder(parent + name, status));
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        logUnreadable(dir, errno);
         delayAddDirs_[dir] = 1;
     }
+    closedir(stream);
+}
+
+void FileChangeMonitor::logUnreadable(const std::string& path, int error) {
+    QLOG(ERROR) << "In scanAndAddWatchDiskDirRecursive catch exception: " << path << ": "
+                << std::strerror(error);
 }
 
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
-    return talvern::Directory::sExists(dir) && placeWatch(dir);
+    const int folder = openFolder(dir);
+    if (folder < 0) {
+        return false;
+    }
+    close(folder);
+    return placeWatch(dir);
 }
 
 bool FileChangeMonitor::placeWatch(const std::string& dir) {

@@ -6,10 +6,10 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <chrono>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/unordered_map.hpp>
+#include <chrono>
 #include <map>
 #include <string>
 #include <utility>
@@ -19,6 +19,7 @@
 #include "backup/inotify/FileChangeItem.h"
 #include "backup/inotify/IFileChangeMonitorObserver.h"
 #include "backup/inotify/InotifyKernel.h"
+#include "storage/FileStatus.h"
 
 // Follows directory trees with inotify: one watch per directory, kept true
 // while directories appear, vanish and move, and the events folded into a
@@ -147,10 +148,28 @@ private:
     // addWatchDiskDir without the existence test, for the scan that just
     // made it.
     bool placeWatch(const std::string& dir);
+    // A folder to watch; listed: seen by its parent's listing as device and
+    // inode, which it must still be.
+    struct FoundFolder {
+        explicit FoundFolder(const std::string& p) : path(p), listed(false), device(0), inode(0) {}
+        FoundFolder(const std::string& p, const talvern::FileStatus& status)
+            : path(p), listed(true), device(status.device), inode(status.inode) {}
+        std::string path;
+        bool listed;
+        dev_t device;
+        ino_t inode;
+    };
+
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
     bool scanFoundDir(const std::string& top);
-    // Appends dir's subdirectories that the monitor follows to subdirs.
-    void listSubdirs(const std::string& dir, std::vector<std::string>& subdirs);
+    // The folder at dir opened for listing, not through a link at dir unless
+    // dir is a root; -1 with errno (ELOOP: a link) otherwise.
+    int openFolder(const std::string& dir) const;
+    // Watches found and appends its subdirectories that the monitor follows
+    // to pending; true when it was watched.
+    bool watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending);
+    void listSubdirs(int folder, const std::string& dir, std::vector<FoundFolder>& subdirs);
+    static void logUnreadable(const std::string& path, int error);
     bool gateShut();
     // After the kernel's queue overflowed: the roots are scanned again (what
     // was made meanwhile is followed from then on) and the observer told.
