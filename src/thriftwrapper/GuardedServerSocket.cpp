@@ -9,14 +9,17 @@
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransportException;
 
-GuardedServerSocket::GuardedServerSocket(const std::string& address, int port)
-    : TNonblockingServerSocket(address, port), lastLog_(), failuresSinceLog_(0) {}
+GuardedServerSocket::GuardedServerSocket(const std::string& address, int port,
+                                         const std::shared_ptr<ConnectionRoom>& room)
+    : TNonblockingServerSocket(address, port), room_(room), lastLog_(), failuresSinceLog_(0) {}
 
 GuardedServerSocket::~GuardedServerSocket() {}
 
 std::shared_ptr<TSocket> GuardedServerSocket::acceptImpl() {
     try {
-        return TNonblockingServerSocket::acceptImpl();
+        std::shared_ptr<TSocket> socket = TNonblockingServerSocket::acceptImpl();
+        room_->accepted(socket->getSocketFD());
+        return socket;
     } catch (const TTransportException& e) {
         noteFailure(e.what());
         usleep(kFailurePauseMilliseconds * 1000);

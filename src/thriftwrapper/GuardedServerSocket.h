@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "thriftwrapper/ConnectionRoom.h"
+
 // The server's listening socket, for which a failed accept is no reason to
 // end. The router's other components share the descriptor table: when
 // accept fails (EMFILE, ENFILE, a peer gone before it was taken), the server
@@ -14,6 +16,9 @@
 // serving the connections it has. Each failure costs the I/O thread a short
 // pause, so that a peer left pending while descriptors are short does not
 // make it spin, and the failures are logged once a second at most.
+//
+// Each socket accepted is told to the room, which may shut an idle
+// connection down to make place for it.
 //
 // Called on the server's I/O thread only.
 class GuardedServerSocket : public apache::thrift::transport::TNonblockingServerSocket {
@@ -23,7 +28,8 @@ public:
     // At most one WARNING line about failed accepts in this time.
     static constexpr int kLogEverySeconds = 1;
 
-    GuardedServerSocket(const std::string& address, int port);
+    GuardedServerSocket(const std::string& address, int port,
+                        const std::shared_ptr<ConnectionRoom>& room);
     virtual ~GuardedServerSocket();
 
 protected:
@@ -32,6 +38,7 @@ protected:
 private:
     void noteFailure(const std::string& what);
 
+    std::shared_ptr<ConnectionRoom> room_;
     std::chrono::steady_clock::time_point lastLog_;
     unsigned long failuresSinceLog_;
 };

@@ -5,8 +5,8 @@
 #include <thrift/concurrency/ThreadFactory.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TSocket.h>
 
+#include "thriftwrapper/ConnectionRoom.h"
 #include "thriftwrapper/GuardedServerSocket.h"
 
 using apache::thrift::TProcessor;
@@ -18,8 +18,6 @@ using apache::thrift::protocol::TProtocolFactory;
 using apache::thrift::server::TNonblockingServer;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::transport::TMemoryBuffer;
-using apache::thrift::transport::TSocket;
-using apache::thrift::transport::TTransport;
 
 const char* const QuorviaServer::BIND_ADDRESS_ = "127.0.0.1";
 const int QuorviaServer::PORT_;
@@ -28,49 +26,45 @@ const size_t QuorviaServer::PENDING_TASK_LIMIT_;
 const size_t QuorviaServer::WORKER_STACK_SIZE_;
 const size_t QuorviaServer::MAX_FRAME_SIZE_;
 const size_t QuorviaServer::MAX_CONNECTIONS_;
+const size_t QuorviaServer::ROOM_FOR_;
 const size_t QuorviaServer::IDLE_READ_BUFFER_LIMIT_;
 const size_t QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_;
 
 namespace {
 
-// The socket of the connection whose call a worker is processing.
-struct ConnectionContext {
-    ConnectionContext() : socket(-1) {}
-    int socket;
-};
+typedef ConnectionRoom::Connection Connection;
 
-// Gives each connection a context and, before each call, the socket. When a
-// connection ends, its reply buffer is cut back: the library does so only
-// after a reply was sent whole, so a peer that reset before its big reply
-// went out left that buffer with the connection object, which the library
-// keeps for the next peer (500 such peers held some 250 MiB).
+// Gives each connection its record in the room. When a connection ends, its
+// reply buffer is cut back: the library does so only after a reply was sent
+// whole, so a peer that reset before its big reply went out left that
+// buffer with the connection object, which the library keeps for the next
+// peer (500 such peers held some 250 MiB).
 class ConnectionTracker : public TServerEventHandler {
 public:
-    explicit ConnectionTracker(uint32_t replyBufferSize) : replyBufferSize_(replyBufferSize) {}
+    ConnectionTracker(const std::shared_ptr<ConnectionRoom>& room, uint32_t replyBufferSize)
+        : room_(room), replyBufferSize_(replyBufferSize) {}
 
     virtual void* createContext(std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
-        return new ConnectionContext;
+        return room_->opened();
     }
     virtual void deleteContext(void* context, std::shared_ptr<TProtocol>,
                                std::shared_ptr<TProtocol> output) {
-        delete static_cast<ConnectionContext*>(context);
+        room_->closed(static_cast<Connection*>(context));
         std::shared_ptr<TMemoryBuffer> replies =
             std::dynamic_pointer_cast<TMemoryBuffer>(output->getTransport());
         if (replies && replies->getBufferSize() > QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_) {
             replies->resetBuffer(replyBufferSize_);
         }
     }
-    virtual void processContext(void* context, std::shared_ptr<TTransport> transport) {
-        std::shared_ptr<TSocket> socket = std::dynamic_pointer_cast<TSocket>(transport);
-        if (context != NULL && socket) {
-            static_cast<ConnectionContext*>(context)->socket = socket->getSocketFD();
-        }
-    }
 
 private:
+    const std::shared_ptr<ConnectionRoom> room_;
     const uint32_t replyBufferSize_;
 };
 
+// Tells the room when each call begins and ends, so that a connection in a
+// call is never shut down to make room.
+//
 // A message that is neither a call nor a one-way call makes the processor
 // answer false, which should drop the connection; this server's workers only
 // stop reading that frame. A frame that breaks the protocol (a bad version
@@ -82,32 +76,32 @@ private:
 // generated code turns them into exception replies.
 class DroppingProcessor : public TProcessor {
 public:
-    explicit DroppingProcessor(const std::shared_ptr<TProcessor>& processor)
-        : processor_(processor) {}
+    DroppingProcessor(const std::shared_ptr<TProcessor>& processor,
+                      const std::shared_ptr<ConnectionRoom>& room)
+        : processor_(processor), room_(room) {}
 
     virtual bool process(std::shared_ptr<TProtocol> in, std::shared_ptr<TProtocol> out,
                          void* context) {
+        Connection* connection = static_cast<Connection*>(context);
+        room_->callBegins(connection);
         bool served = false;
         try {
             served = processor_->process(in, out, context);
         } catch (...) {
-            drop(context);
+            room_->callEnds(connection);
+            shutdown(connection->socket, SHUT_RDWR);
             throw;
         }
+        room_->callEnds(connection);
         if (!served) {
-            drop(context);
+            shutdown(connection->socket, SHUT_RDWR);
         }
         return served;
     }
 
 private:
-    static void drop(void* context) {
-        if (context != NULL && static_cast<ConnectionContext*>(context)->socket >= 0) {
-            shutdown(static_cast<ConnectionContext*>(context)->socket, SHUT_RDWR);
-        }
-    }
-
     std::shared_ptr<TProcessor> processor_;
+    const std::shared_ptr<ConnectionRoom> room_;
 };
 
 // While it stands, threads are made with the workers' stack size; after,
@@ -173,16 +167,17 @@ std::shared_ptr<TProtocolFactory> QuorviaServer::sMakeProtocolFactory() {
 }
 
 QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
-    std::shared_ptr<TProcessor> processor =
-        std::make_shared<DroppingProcessor>(std::make_shared<talvern::TalvernProcessor>(handler));
+    std::shared_ptr<ConnectionRoom> room = std::make_shared<ConnectionRoom>(ROOM_FOR_);
+    std::shared_ptr<TProcessor> processor = std::make_shared<DroppingProcessor>(
+        std::make_shared<talvern::TalvernProcessor>(handler), room);
     std::shared_ptr<TProtocolFactory> protocolFactory = sMakeProtocolFactory();
     threadManager_ = makeStartedThreadManager();
     // The server socket takes the address: that is what binds loopback only.
-    server_.reset(new TNonblockingServer(processor, protocolFactory,
-                                         std::make_shared<GuardedServerSocket>(BIND_ADDRESS_, port),
-                                         threadManager_));
+    server_.reset(new TNonblockingServer(
+        processor, protocolFactory,
+        std::make_shared<GuardedServerSocket>(BIND_ADDRESS_, port, room), threadManager_));
     server_->setServerEventHandler(std::make_shared<ConnectionTracker>(
-        static_cast<uint32_t>(server_->getWriteBufferDefaultSize())));
+        room, static_cast<uint32_t>(server_->getWriteBufferDefaultSize())));
     server_->setMaxFrameSize(MAX_FRAME_SIZE_);
     // The library refuses a new connection once more than its limit are open,
     // counting before the new one: one less makes MAX_CONNECTIONS_ the most

@@ -30,15 +30,19 @@ public:
     // A request holds a path, a name and a hash: a few KiB even with every
     // character escaped, so a frame of 64 KiB is ample and a larger one is
     // refused by closing that connection. 512 connections of at most one
-    // frame each bound the buffers to 32 MiB, while hundreds of idle peers
-    // still leave room for the busy ones; past the limit new connections are
-    // closed at accept, and accepting resumes below 80% of it (the library's
-    // hysteresis). A connection that carried a big frame gives its buffers
-    // back beyond 8 KiB as soon as the reply is sent: the library checks
-    // every 512 calls by default, so one big request per peer would hold
-    // both buffers for as long as the peer stays connected.
+    // frame each bound the read buffers to 32 MiB. Once ROOM_FOR_ are open,
+    // each new one shuts down the connection that has waited longest for a
+    // call (see ConnectionRoom), so idle or slow peers can't hold every
+    // place; past MAX_CONNECTIONS_ (a burst of new ones faster than the shut
+    // ones close) new connections are closed at accept, and accepting
+    // resumes below 80% of it (the library's hysteresis), which ROOM_FOR_
+    // stays under. A connection that carried a big frame or reply gives its
+    // buffers back beyond 8 KiB as soon as the reply is sent, or it ends:
+    // the library checks every 512 calls by default, so one big request per
+    // peer would hold both buffers for as long as the peer stays connected.
     static const size_t MAX_FRAME_SIZE_ = 64 * 1024;
     static const size_t MAX_CONNECTIONS_ = 512;
+    static const size_t ROOM_FOR_ = MAX_CONNECTIONS_ * 3 / 4;
     static const size_t IDLE_READ_BUFFER_LIMIT_ = 8 * 1024;
     static const size_t IDLE_WRITE_BUFFER_LIMIT_ = 8 * 1024;
     static const int RESIZE_BUFFER_EVERY_N_ = 1;

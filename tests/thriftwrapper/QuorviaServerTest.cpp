@@ -142,7 +142,10 @@ TEST_F(QuorviaServerTest, FramesAndNamesBeyondTheLimitCloseOnlyTheirConnectionRe
     EXPECT_LT(quorvia_test::peakResidentKiB() - before, 64 * 1024);
 }
 
-TEST_F(QuorviaServerTest, ConnectionsBeyondTheLimitAreClosedAtAccept) {
+// Peers that connected and never called held every place, and no other
+// peer was served until they left: a new connection now shuts down the one
+// that waited longest for a call, and one that calls keeps its place.
+TEST_F(QuorviaServerTest, IdleConnectionsMakeRoomForNewOnesRegression) {
     // Both ends of every connection live in this process.
     const rlim_t needed = 2 * QuorviaServer::MAX_CONNECTIONS_ + 64;
     struct rlimit limit;
@@ -152,15 +155,23 @@ TEST_F(QuorviaServerTest, ConnectionsBeyondTheLimitAreClosedAtAccept) {
     }
     limit.rlim_cur = std::max(limit.rlim_cur, needed);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    RawConnection idlest(port_), calling(port_);
     std::list<RawConnection> idle;
-    // The last connection within the limit is served, the next one closed.
-    while (idle.size() < QuorviaServer::MAX_CONNECTIONS_ - 1) {
+    while (idle.size() < QuorviaServer::ROOM_FOR_ - 2) {
         idle.emplace_back(port_);
     }
-    EXPECT_EQ(reply("busy"), call("busy"));
-    idle.emplace_back(port_);
-    RawConnection refused(port_);
-    EXPECT_TRUE(refused.closedByPeer());
+    // A byte now and then is no call.
+    ASSERT_TRUE(idlest.send(std::string(1, '\0')));
+    ASSERT_TRUE(calling.send(requestCall("first")));
+    ASSERT_EQ(reply("first"), calling.readFrame());
+    EXPECT_EQ(reply("newcomer"), call("newcomer"));
+    EXPECT_TRUE(idlest.closedByPeer());
+    ASSERT_TRUE(calling.send(requestCall("again")));
+    EXPECT_EQ(reply("again"), calling.readFrame());
+    EXPECT_TRUE(log_.contains(std::to_string(QuorviaServer::ROOM_FOR_) +
+                                  " connections open: 1 idle one(s) shut down to make room since "
+                                  "the last line",
+                              google::GLOG_WARNING));
 }
 
 // A peer that sent one big request and went quiet keeps neither the frame it

@@ -1,0 +1,84 @@
+#include "thriftwrapper/ConnectionRoom.h"
+
+#include <sys/socket.h>
+
+#include <boost/thread/lock_guard.hpp>
+
+#include "system/Log.h"
+
+ConnectionRoom::ConnectionRoom(size_t roomFor)
+    : roomFor_(roomFor), shutOpen_(0), lastAccepted_(-1), lastLog_(), shutSinceLog_(0) {}
+
+ConnectionRoom::~ConnectionRoom() {
+    for (Connection* connection : open_) {
+        delete connection;
+    }
+}
+
+void ConnectionRoom::accepted(int socket) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    lastAccepted_ = socket;
+    // Those already shut are on their way out: the room counts the others.
+    if (open_.size() - shutOpen_ >= roomFor_ && shutIdlest()) {
+        noteShut();
+    }
+}
+
+ConnectionRoom::Connection* ConnectionRoom::opened() {
+    Connection* connection = new Connection;
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    connection->socket = lastAccepted_;
+    connection->lastCall = std::chrono::steady_clock::now();
+    open_.push_back(connection);
+    return connection;
+}
+
+void ConnectionRoom::closed(Connection* connection) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    open_.remove(connection);
+    shutOpen_ -= connection->shut ? 1 : 0;
+    delete connection;
+}
+
+void ConnectionRoom::callBegins(Connection* connection) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    connection->inCall = true;
+    connection->lastCall = std::chrono::steady_clock::now();
+}
+
+void ConnectionRoom::callEnds(Connection* connection) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    connection->inCall = false;
+    connection->lastCall = std::chrono::steady_clock::now();
+}
+
+// Shutting the socket down, not closing it: the I/O thread still owns the
+// descriptor, and closes it at its next read.
+bool ConnectionRoom::shutIdlest() {
+    Connection* idlest = NULL;
+    for (Connection* connection : open_) {
+        if (!connection->inCall && !connection->shut &&
+            (idlest == NULL || connection->lastCall < idlest->lastCall)) {
+            idlest = connection;
+        }
+    }
+    if (idlest == NULL) {
+        return false;
+    }
+    shutdown(idlest->socket, SHUT_RDWR);
+    idlest->shut = true;
+    ++shutOpen_;
+    return true;
+}
+
+void ConnectionRoom::noteShut() {
+    ++shutSinceLog_;
+    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+    if (now - lastLog_ < std::chrono::seconds(kLogEverySeconds)) {
+        return;
+    }
+    QLOG(WARNING) << roomFor_ << " connections open: " << shutSinceLog_
+                  << " idle one(s) shut down to make room since the last line";
+    lastLog_ = now;
+    shutSinceLog_ = 0;
+}

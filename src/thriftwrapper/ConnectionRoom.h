@@ -1,0 +1,64 @@
+#ifndef QUORVIA_THRIFTWRAPPER_CONNECTIONROOM_H
+#define QUORVIA_THRIFTWRAPPER_CONNECTIONROOM_H
+
+#include <stddef.h>
+
+#include <boost/thread/mutex.hpp>
+#include <chrono>
+#include <list>
+
+// The server's open connections, and room for new ones: once a new one
+// finds roomFor open, the open connection that has waited longest for a call
+// (and is not in one) is shut down. Peers that connect and never send, or
+// send a byte now and then, would otherwise hold every place and shut out
+// the others for as long as they stay; a peer that calls now and then keeps
+// its connection while idler ones are there.
+//
+// accepted, opened and closed are called on the server's I/O thread;
+// callBegins and callEnds on the worker that runs the call.
+class ConnectionRoom {
+public:
+    // One connection's record, the server's context for it. Owned by the
+    // room from opened to closed.
+    struct Connection {
+        int socket = -1;
+        std::chrono::steady_clock::time_point lastCall;
+        bool inCall = false;
+        bool shut = false;  // shut down to make room; closing
+    };
+
+    // At most one WARNING line about connections shut in this time.
+    static constexpr int kLogEverySeconds = 1;
+
+    explicit ConnectionRoom(size_t roomFor);
+    virtual ~ConnectionRoom();
+
+    // The listening socket accepted socket; with roomFor connections open,
+    // one is shut down to make room for it.
+    void accepted(int socket);
+    // The record of the connection accepted last.
+    Connection* opened();
+    // The connection ended; its record goes.
+    void closed(Connection* connection);
+    void callBegins(Connection* connection);
+    void callEnds(Connection* connection);
+
+private:
+    ConnectionRoom(const ConnectionRoom&);
+    ConnectionRoom& operator=(const ConnectionRoom&);
+
+    // Shuts down the connection idle longest; false when every one is in a
+    // call or already shut.
+    bool shutIdlest();
+    void noteShut();
+
+    const size_t roomFor_;
+    boost::mutex mutex_;
+    std::list<Connection*> open_;
+    size_t shutOpen_;  // connections of open_ shut and not yet closed
+    int lastAccepted_;
+    std::chrono::steady_clock::time_point lastLog_;
+    unsigned long shutSinceLog_;
+};
+
+#endif
