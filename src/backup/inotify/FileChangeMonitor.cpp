@@ -12,6 +12,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/thread.hpp>
+#include <boost/unordered_set.hpp>
 #include <cstdio>
 
 #include "storage/Directory.h"
@@ -284,20 +285,41 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
 
 // Left in place, the watches of a directory moved out of the tree would name
 // its files by paths that now belong to nobody (or to a newcomer).
+// One pass over the table for all the folders that left: a pass per folder
+// took 13 s for 30,000 sibling folders moved out at once.
 void FileChangeMonitor::dropDirectoriesMovedOut() {
+    boost::unordered_set<std::string> gone;
     for (boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
          it != movedDirs_.end(); ++it) {
         boost::unordered_map<int, std::string>::iterator moved = wdToPath_.find(it->second);
-        if (moved == wdToPath_.end()) {
-            continue;
+        if (moved != wdToPath_.end()) {
+            gone.insert(moved->second);
         }
-        const std::string path = moved->second;
-        removeWatchesBelow(path);
-        kernel_->removeWatch(inotifyFd_, it->second);
-        forgetPath(path, it->second);
-        wdToPath_.erase(it->second);
     }
     movedDirs_.clear();
+    std::vector<int> below;
+    for (boost::unordered_map<int, std::string>::iterator it = wdToPath_.begin();
+         it != wdToPath_.end(); ++it) {
+        if (liesIn(it->second, gone)) {
+            below.push_back(it->first);
+        }
+    }
+    for (int wd : below) {
+        kernel_->removeWatch(inotifyFd_, wd);
+        forgetPath(wdToPath_[wd], wd);
+        wdToPath_.erase(wd);
+    }
+}
+
+bool FileChangeMonitor::liesIn(const std::string& path,
+                               const boost::unordered_set<std::string>& folders) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        if (folders.count(path.substr(0, slash + 1)) != 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Watches that lost their path since the last quiet pass and were not

@@ -9,6 +9,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/unordered_map.hpp>
+#include <boost/unordered_set.hpp>
 #include <chrono>
 #include <map>
 #include <string>
@@ -183,6 +184,8 @@ private:
     // quiet: delivered on a quiet pass, not as a slice of a full batch.
     void deliverChanges(bool quiet);
     void forgetPath(const std::string& path, int wd);
+    // true when path (ending in "/") is one of folders or lies below one.
+    static bool liesIn(const std::string& path, const boost::unordered_set<std::string>& folders);
     void forgetWatch(int wd);
     void removeWatchesBelow(const std::string& dir);
     // Takes down the watches of directories that moved out of the tree: the
