@@ -87,13 +87,13 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
 // chain of folders a few hundred levels deep overflowed a router thread's
 // 128 KiB stack.
 bool FileChangeMonitor::scanFoundDir(const std::string& top) {
-    std::vector<FoundFolder> pending(1, FoundFolder(top));
+    std::vector<std::string> pending(1, top);
     bool placed = true;
     while (!pending.empty()) {
-        const FoundFolder found = pending.back();
+        const std::string dir = pending.back();
         pending.pop_back();
-        const bool watched = watchAndList(found, pending);
-        placed = placed && (watched || found.path != top);
+        const bool watched = watchAndList(dir, pending);
+        placed = placed && (watched || dir != top);
     }
     return placed;
 }
@@ -114,28 +114,22 @@ int FileChangeMonitor::openFolder(const std::string& dir) const {
     return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
 }
 
-bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending) {
-    const int folder = openFolder(found.path);
+bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::string>& pending) {
+    const int folder = openFolder(dir);
     if (folder < 0) {
         // A link or a file now stands there: its own events tell what came.
         if (errno != ELOOP && errno != ENOTDIR) {
-            delayAddDirs_[found.path] = 1;
+            delayAddDirs_[dir] = 1;
         }
         return false;
     }
-    talvern::FileStatus status;
-    if (talvern::FileStatus::sOfDescriptor(folder, status) != 0 ||
-        (found.listed && (status.device != found.device || status.inode != found.inode))) {
-        close(folder);
-        return false;
-    }
-    if (!placeWatch(found.path)) {
-        delayAddDirs_[found.path] = 1;
+    if (!placeWatch(dir)) {
+        delayAddDirs_[dir] = 1;
         close(folder);
         return false;
     }
     const std::size_t firstChild = pending.size();
-    listSubdirs(folder, found.path, pending);
+    listSubdirs(folder, dir, pending);
     std::reverse(pending.begin() + firstChild, pending.end());
     return true;
 }
@@ -146,7 +140,7 @@ bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<Found
 // that can't be read on goes to the retry table; the thread that follows
 // the disk must live on.
 void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
-                                    std::vector<FoundFolder>& subdirs) {
+                                    std::vector<std::string>& subdirs) {
     DIR* stream = fdopendir(folder);
     if (stream == NULL) {
         logUnreadable(dir, errno);
@@ -167,7 +161,7 @@ void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
         if (error != 0 && error != ENOENT && error != ENOTDIR) {
             logUnreadable(parent + name, error);
         } else if (error == 0 && status.isDirectory()) {
-            subdirs.push_back(FoundFolder(parent + name, status));
+            subdirs.push_back(parent + name);
         }
         errno = 0;
     }
@@ -208,6 +202,11 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     // place is scanned later: the kernel keeps it until the delivery.
     boost::unordered_map<int, std::string>::iterator byWd = wdToPath_.find(wd);
     if (byWd != wdToPath_.end() && byWd->second != path) {
+        if (isStillWatchedAs(byWd->second, path)) {
+            QLOG(ERROR) << dir << " leads to the folder watched as " << byWd->second
+                        << ", which stays watched as it is";
+            return false;
+        }
         if (rewatching_) {
             noteFoundMove(byWd->second, path);
         }
@@ -309,6 +308,19 @@ void FileChangeMonitor::dropDirectoriesMovedOut() {
         forgetPath(wdToPath_[wd], wd);
         wdToPath_.erase(wd);
     }
+}
+
+// The watch holds the folder's inode, so its number stays the same while it
+// is compared, on file systems that number inodes as they load them too.
+bool FileChangeMonitor::isStillWatchedAs(const std::string& watched,
+                                         const std::string& path) const {
+    // A root may be a link; any other folder is itself or gone.
+    const bool root = isRoot(watched);
+    const std::string name = root ? watched : watched.substr(0, watched.size() - 1);
+    talvern::FileStatus there, found;
+    return talvern::FileStatus::sOfPath(name, there, root) == 0 && there.isDirectory() &&
+           talvern::FileStatus::sOfPath(path, found) == 0 && there.device == found.device &&
+           there.inode == found.inode;
 }
 
 bool FileChangeMonitor::liesIn(const std::string& path,
@@ -804,12 +816,6 @@ void FileChangeMonitor::recoverLostEvents() {
 }
 
 void FileChangeMonitor::noteFoundMove(const std::string& from, const std::string& to) {
-    talvern::FileStatus before, now;
-    if (talvern::FileStatus::sOfPath(from, before, false) == 0 &&
-        talvern::FileStatus::sOfPath(to, now, false) == 0 && before.device == now.device &&
-        before.inode == now.inode) {
-        return;
-    }
     // The tasks run in this order: a folder below one moved earlier is
     // named by where that move leaves it.
     std::string moved = from;

@@ -20,7 +20,6 @@
 #include "backup/inotify/FileChangeItem.h"
 #include "backup/inotify/IFileChangeMonitorObserver.h"
 #include "backup/inotify/InotifyKernel.h"
-#include "storage/FileStatus.h"
 
 // Follows directory trees with inotify: one watch per directory, kept true
 // while directories appear, vanish and move, and the events folded into a
@@ -149,41 +148,32 @@ private:
     // addWatchDiskDir without the existence test, for the scan that just
     // made it.
     bool placeWatch(const std::string& dir);
-    // A folder to watch; listed: seen by its parent's listing as device and
-    // inode, which it must still be.
-    struct FoundFolder {
-        explicit FoundFolder(const std::string& p) : path(p), listed(false), device(0), inode(0) {}
-        FoundFolder(const std::string& p, const talvern::FileStatus& status)
-            : path(p), listed(true), device(status.device), inode(status.inode) {}
-        std::string path;
-        bool listed;
-        dev_t device;
-        ino_t inode;
-    };
-
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
     bool scanFoundDir(const std::string& top);
     // The folder at dir opened for listing, not through a link at dir unless
     // dir is a root; -1 with errno (ELOOP: a link) otherwise.
     int openFolder(const std::string& dir) const;
-    // Watches found and appends its subdirectories that the monitor follows
-    // to pending; true when it was watched.
-    bool watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending);
-    void listSubdirs(int folder, const std::string& dir, std::vector<FoundFolder>& subdirs);
+    // Watches dir and appends its subdirectories that the monitor follows to
+    // pending; true when it was watched.
+    bool watchAndList(const std::string& dir, std::vector<std::string>& pending);
+    void listSubdirs(int folder, const std::string& dir, std::vector<std::string>& subdirs);
     static void logUnreadable(const std::string& path, int error);
     bool gateShut();
     // After the kernel's queue overflowed: the roots are scanned again (what
     // was made meanwhile is followed from then on) and the observer told.
     void recoverLostEvents();
-    // Notes that the folder watched as from is now at to, unless it is
-    // still at from (a second way to the same folder) or the move of a
-    // folder above it already takes it along.
+    // Notes that the folder watched as from is now at to, unless the move of
+    // a folder above it already takes it along.
     void noteFoundMove(const std::string& from, const std::string& to);
     void drain();
     bool batchIsFull() const;
     // quiet: delivered on a quiet pass, not as a slice of a full batch.
     void deliverChanges(bool quiet);
     void forgetPath(const std::string& path, int wd);
+    // true when the folder watched as watched (a path with its "/") is still
+    // there as itself, and so is what the kernel found at path: a second way
+    // to it (a link swapped in at path in the moment before its watch).
+    bool isStillWatchedAs(const std::string& watched, const std::string& path) const;
     // true when path (ending in "/") is one of folders or lies below one.
     static bool liesIn(const std::string& path, const boost::unordered_set<std::string>& folders);
     void forgetWatch(int wd);
