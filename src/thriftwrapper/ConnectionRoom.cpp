@@ -6,8 +6,14 @@
 
 #include "system/Log.h"
 
-ConnectionRoom::ConnectionRoom(size_t roomFor)
-    : roomFor_(roomFor), shutOpen_(0), lastAccepted_(-1), lastLog_(), shutSinceLog_(0) {}
+ConnectionRoom::ConnectionRoom(size_t roomFor, const std::function<size_t()>& callsInFlight)
+    : roomFor_(roomFor),
+      callsInFlight_(callsInFlight),
+      shutOpen_(0),
+      inCalls_(0),
+      lastAccepted_(-1),
+      lastLog_(),
+      shutSinceLog_(0) {}
 
 ConnectionRoom::~ConnectionRoom() {
     for (Connection* connection : open_) {
@@ -19,7 +25,7 @@ void ConnectionRoom::accepted(int socket) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     lastAccepted_ = socket;
     // Those already shut are on their way out: the room counts the others.
-    if (open_.size() - shutOpen_ >= roomFor_ && shutIdlest()) {
+    if (open_.size() - shutOpen_ >= roomFor_ && callsInFlight_() == inCalls_ && shutIdlest()) {
         noteShut();
     }
 }
@@ -37,18 +43,21 @@ void ConnectionRoom::closed(Connection* connection) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     open_.remove(connection);
     shutOpen_ -= connection->shut ? 1 : 0;
+    inCalls_ -= connection->inCall ? 1 : 0;
     delete connection;
 }
 
 void ConnectionRoom::callBegins(Connection* connection) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     connection->inCall = true;
+    ++inCalls_;
     connection->lastCall = std::chrono::steady_clock::now();
 }
 
 void ConnectionRoom::callEnds(Connection* connection) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     connection->inCall = false;
+    --inCalls_;
     connection->lastCall = std::chrono::steady_clock::now();
 }
 

@@ -5,6 +5,7 @@
 
 #include <boost/thread/mutex.hpp>
 #include <chrono>
+#include <functional>
 #include <list>
 
 // The server's open connections, and room for new ones: once a new one
@@ -13,6 +14,10 @@
 // send a byte now and then, would otherwise hold every place and shut out
 // the others for as long as they stay; a peer that calls now and then keeps
 // its connection while idler ones are there.
+//
+// A connection whose request waits for a worker looks idle too: while any
+// call is queued, or started and not yet begun here, none is shut down (and
+// the server's own limit stands for a while).
 //
 // accepted, opened and closed are called on the server's I/O thread;
 // callBegins and callEnds on the worker that runs the call.
@@ -30,7 +35,9 @@ public:
     // At most one WARNING line about connections shut in this time.
     static constexpr int kLogEverySeconds = 1;
 
-    explicit ConnectionRoom(size_t roomFor);
+    // callsInFlight: the calls queued for the workers or running on them (a
+    // worker between two calls may count as running).
+    ConnectionRoom(size_t roomFor, const std::function<size_t()>& callsInFlight);
     virtual ~ConnectionRoom();
 
     // The listening socket accepted socket; with roomFor connections open,
@@ -53,9 +60,11 @@ private:
     void noteShut();
 
     const size_t roomFor_;
+    const std::function<size_t()> callsInFlight_;
     boost::mutex mutex_;
     std::list<Connection*> open_;
     size_t shutOpen_;  // connections of open_ shut and not yet closed
+    size_t inCalls_;   // connections of open_ between callBegins and callEnds
     int lastAccepted_;
     std::chrono::steady_clock::time_point lastLog_;
     unsigned long shutSinceLog_;

@@ -167,11 +167,16 @@ std::shared_ptr<TProtocolFactory> QuorviaServer::sMakeProtocolFactory() {
 }
 
 QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
-    std::shared_ptr<ConnectionRoom> room = std::make_shared<ConnectionRoom>(ROOM_FOR_);
-    std::shared_ptr<TProcessor> processor = std::make_shared<DroppingProcessor>(
-        std::make_shared<talvern::TalvernProcessor>(handler), room);
     std::shared_ptr<TProtocolFactory> protocolFactory = sMakeProtocolFactory();
     threadManager_ = makeStartedThreadManager();
+    const std::weak_ptr<ThreadManager> workers = threadManager_;
+    std::shared_ptr<ConnectionRoom> room =
+        std::make_shared<ConnectionRoom>(ROOM_FOR_, [workers]() -> size_t {
+            const std::shared_ptr<ThreadManager> pool = workers.lock();
+            return pool ? pool->totalTaskCount() : 0;
+        });
+    std::shared_ptr<TProcessor> processor = std::make_shared<DroppingProcessor>(
+        std::make_shared<talvern::TalvernProcessor>(handler), room);
     // The server socket takes the address: that is what binds loopback only.
     server_.reset(new TNonblockingServer(
         processor, protocolFactory,

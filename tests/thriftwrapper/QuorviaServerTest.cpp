@@ -144,7 +144,8 @@ TEST_F(QuorviaServerTest, FramesAndNamesBeyondTheLimitCloseOnlyTheirConnectionRe
 
 // Peers that connected and never called held every place, and no other
 // peer was served until they left: a new connection now shuts down the one
-// that waited longest for a call, and one that calls keeps its place.
+// that waited longest for a call, never one whose call waits for a worker,
+// and one that calls keeps its place.
 TEST_F(QuorviaServerTest, IdleConnectionsMakeRoomForNewOnesRegression) {
     // Both ends of every connection live in this process.
     const rlim_t needed = 2 * QuorviaServer::MAX_CONNECTIONS_ + 64;
@@ -155,16 +156,31 @@ TEST_F(QuorviaServerTest, IdleConnectionsMakeRoomForNewOnesRegression) {
     }
     limit.rlim_cur = std::max(limit.rlim_cur, needed);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-    RawConnection idlest(port_), calling(port_);
+    RawConnection queued(port_), calling(port_), idlest(port_);
+    ASSERT_TRUE(calling.send(requestCall("first")));
+    ASSERT_EQ(reply("first"), calling.readFrame());
+    // Every worker busy, and one more call waiting for them.
+    std::list<RawConnection> busy;
+    while (busy.size() < QuorviaServer::WORKER_COUNT_) {
+        busy.emplace_back(port_);
+        ASSERT_TRUE(busy.back().send(requestCall("slow")));
+    }
+    while (handler_->running_ < static_cast<int>(QuorviaServer::WORKER_COUNT_)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(queued.send(requestCall("slow")));
     std::list<RawConnection> idle;
-    while (idle.size() < QuorviaServer::ROOM_FOR_ - 2) {
+    while (idle.size() + busy.size() + 3 < QuorviaServer::ROOM_FOR_) {
         idle.emplace_back(port_);
     }
     // A byte now and then is no call.
     ASSERT_TRUE(idlest.send(std::string(1, '\0')));
-    ASSERT_TRUE(calling.send(requestCall("first")));
-    ASSERT_EQ(reply("first"), calling.readFrame());
     EXPECT_EQ(reply("newcomer"), call("newcomer"));
+    EXPECT_EQ(reply("slow"), queued.readFrame());
+    for (RawConnection& connection : busy) {
+        EXPECT_EQ(reply("slow"), connection.readFrame());
+    }
+    EXPECT_EQ(reply("later"), call("later"));
     EXPECT_TRUE(idlest.closedByPeer());
     ASSERT_TRUE(calling.send(requestCall("again")));
     EXPECT_EQ(reply("again"), calling.readFrame());
