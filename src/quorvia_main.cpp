@@ -13,6 +13,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <thrift/TOutput.h>
 
 #include "multimedia/MediaReadGuard.h"
 #include "multimedia/Metadata.h"
@@ -50,6 +51,11 @@ void keepStandardDescriptorsOpen() {
         }
     }
 }
+
+// Thrift's own notes (a message of a type no server takes, a peer gone in
+// the middle of a frame) go to the daemon's log, not to a standard error
+// that a service may drop.
+void logThriftNote(const char* text) { QLOG(INFO) << text; }
 
 // The store's folder, where the media-read markers are kept; -1 (no markers
 // yet) while it is missing or a link planted on the disk leads it elsewhere.
@@ -112,6 +118,7 @@ int main(int argc, char** argv) {
         leave(1);
     }
     try {
+        apache::thrift::GlobalOutput.setOutputFunction(logThriftNote);
         std::shared_ptr<talvern::TalvernIf> handler = std::make_shared<QuorviaHandler>();
         QuorviaServer server(handler, QuorviaServer::PORT_);
         server.serve();

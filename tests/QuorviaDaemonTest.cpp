@@ -165,6 +165,8 @@ TEST_F(QuorviaDaemonTest, WireCasesFromRawBytes) {
     ASSERT_TRUE(closing.send(frame(head("request", 2, 1) + stringStruct(1, UNMOUNT))));
     EXPECT_TRUE(closing.closedByPeer());
     EXPECT_EQ(DONE, ThriftClient::sCallQuorvia(UNMOUNT));
+    // Thrift's note of it is in the daemon's log, as a line of its own.
+    EXPECT_TRUE(daemonSaid("] received invalid message type 2 from client"));
 }
 
 // Whichever thread can't start (a process limit, no memory for its stack),
