@@ -1,5 +1,6 @@
 #include "multimedia/QuorviaManager.h"
 
+#include <algorithm>
 #include <boost/bind/bind.hpp>
 #include <boost/thread/lock_guard.hpp>
 
@@ -13,6 +14,7 @@
 
 namespace quorvia {
 
+constexpr const char* QuorviaManager::kMovingPrefix;
 boost::shared_ptr<QuorviaManager> QuorviaManager::sInstance_;
 boost::mutex QuorviaManager::instanceMutex_;
 
@@ -74,9 +76,17 @@ void QuorviaManager::eventsLost(const std::vector<std::string>& roots,
     if (!dispatcher_) {
         return;
     }
-    for (const FolderMove& move : moves) {
-        dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(
-            new QuorviaMoveDirTask(move.from, move.to, MONITOR_TYPE_INOTIFY)));
+    std::vector<FolderMove> deepestFirst(moves);
+    std::stable_sort(
+        deepestFirst.begin(), deepestFirst.end(),
+        [](const FolderMove& a, const FolderMove& b) { return a.from.size() > b.from.size(); });
+    for (std::size_t i = 0; i < deepestFirst.size(); ++i) {
+        dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(new QuorviaMoveDirTask(
+            deepestFirst[i].from, kMovingPrefix + std::to_string(i) + "/", MONITOR_TYPE_INOTIFY)));
+    }
+    for (std::size_t i = 0; i < deepestFirst.size(); ++i) {
+        dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(new QuorviaMoveDirTask(
+            kMovingPrefix + std::to_string(i) + "/", deepestFirst[i].to, MONITOR_TYPE_INOTIFY)));
     }
     for (const std::string& root : roots) {
         dispatcher_->dispatch(

@@ -21,6 +21,10 @@ namespace quorvia {
 class QuorviaManager : public IFileChangeMonitorObserver,
                        public boost::enable_shared_from_this<QuorviaManager> {
 public:
+    // Where rows wait between the two steps of a folder's move after lost
+    // events: no path that a row has starts so.
+    static constexpr const char* kMovingPrefix = ":moving:";
+
     // The one manager, made at the first call. Any thread.
     static boost::shared_ptr<QuorviaManager> sGetInstance();
 
@@ -43,9 +47,12 @@ public:
     // halves go to the factory first, then its last change, of which content
     // changes count for JPEG files only; the batch's events in BatchOrder.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
-    // Lost events under roots: the folders found moved take their rows along,
-    // then each root's rows are checked against the disk, by tasks queued
-    // behind the changes delivered before.
+    // Lost events under roots: the folders found moved take their rows along
+    // (each folder's rows first to a name of its own, kMovingPrefix and a
+    // number, deepest folder first, then to where it is: the moves happened
+    // at once, and may swap names), then each root's rows are checked
+    // against the disk; all by tasks queued behind the changes delivered
+    // before.
     virtual void eventsLost(const std::vector<std::string>& roots,
                             const std::vector<FolderMove>& moves);
     // One change to the queue (dropped when the queue isn't made yet).

@@ -62,16 +62,21 @@ TEST_F(LostEventsTest, RowsOfFilesGoneLeaveAndAFolderGoneTakesItsRest) {
 }
 
 // Folders renamed while events were lost: their rows once went to the check
-// against the disk, though every file was still there.
+// against the disk, though every file was still there. The moves happened
+// at once: a folder renamed inside a renamed one, and two that swapped names.
 TEST_F(LostEventsTest, FoldersFoundMovedTakeTheirRowsBeforeTheCheckRegression) {
-    rows({"~/album/a.jpg", "~/album/sub/b.jpg", "~/album/gone.jpg"});
-    writeFile("/userdisk/data/holiday/a.jpg", "x");
-    writeFile("/userdisk/data/holiday/under/b.jpg", "x");
+    rows({"~/album/a.jpg", "~/album/sub/b.jpg", "~/album/gone.jpg", "~/x/p.jpg", "~/y/q.jpg"});
+    for (const char* file : {"holiday/a.jpg", "holiday/under/b.jpg", "y/p.jpg", "x/q.jpg"}) {
+        writeFile("/userdisk/data/" + std::string(file), "x");
+    }
     quorvia::QuorviaManager manager;
     manager.startDispatcher();
-    manager.eventsLost({data()}, {{data() + "/album/", data() + "/holiday/"},
-                                  {data() + "/holiday/sub/", data() + "/holiday/under/"}});
-    const std::string expected = "~/holiday/a.jpg\n~/holiday/under/b.jpg\n";
+    const std::string d = data() + "/";
+    manager.eventsLost({data()}, {{d + "album/", d + "holiday/"},
+                                  {d + "album/sub/", d + "holiday/under/"},
+                                  {d + "x/", d + "y/"},
+                                  {d + "y/", d + "x/"}});
+    const std::string expected = "~/holiday/a.jpg\n~/holiday/under/b.jpg\n~/y/p.jpg\n~/x/q.jpg\n";
     for (int i = 0; i < 500 && left() != expected; ++i) {
         usleep(10 * 1000);
     }

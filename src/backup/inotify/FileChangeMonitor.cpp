@@ -54,7 +54,6 @@ FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel)
       initErrno_(0),
       watchLimitWarned_(false),
       eventsLost_(false),
-      rewatching_(false),
       changesNotified_(false) {
     inotifyFd_ = kernel_->init();
     if (inotifyFd_ < 0) {
@@ -206,9 +205,6 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
             QLOG(ERROR) << dir << " leads to the folder watched as " << byWd->second
                         << ", which stays watched as it is";
             return false;
-        }
-        if (rewatching_) {
-            noteFoundMove(byWd->second, path);
         }
         forgetPath(byWd->second, wd);
     }
@@ -796,39 +792,63 @@ void FileChangeMonitor::recoverLostEvents() {
     QLOG(WARNING) << "inotify dropped events (its queue overflowed): the folders are watched "
                      "anew and the index is checked against the disk";
     // A folder renamed while events were lost would otherwise lose its rows
-    // to the check against the disk, though every file is still there.
-    foundMoves_.clear();
-    rewatching_ = true;
+    // to the check against the disk, though every file is still there: the
+    // watches it kept say where it went.
+    const boost::unordered_map<int, std::string> before = wdToPath_;
     for (std::size_t i = 0; i < watchDirs_.size(); ++i) {
         if (talvern::Directory::sExists(watchDirs_[i])) {
             scanFoundDir(watchDirs_[i]);
         }
     }
-    rewatching_ = false;
+    const std::vector<FolderMove> moves = foundMoves(before);
     if (!observer_) {
         return;
     }
     try {
-        observer_->eventsLost(watchDirs_, foundMoves_);
+        observer_->eventsLost(watchDirs_, moves);
     } catch (const std::exception& e) {
         QLOG(ERROR) << "FileChangeMonitor: observer raised an exception: " << e.what();
     }
 }
 
-void FileChangeMonitor::noteFoundMove(const std::string& from, const std::string& to) {
-    // The tasks run in this order: a folder below one moved earlier is
-    // named by where that move leaves it.
-    std::string moved = from;
-    for (const FolderMove& earlier : foundMoves_) {
-        if (boost::starts_with(moved, earlier.from)) {
-            moved = earlier.to + moved.substr(earlier.from.size());
+// Every watch now under another path is a folder moved, save one that only
+// went along with the folder above it (that folder's move takes it).
+std::vector<FolderMove> FileChangeMonitor::foundMoves(
+    const boost::unordered_map<int, std::string>& before) const {
+    std::map<std::string, std::string> moved;
+    boost::unordered_set<std::string> watched;
+    for (boost::unordered_map<int, std::string>::const_iterator it = before.begin();
+         it != before.end(); ++it) {
+        watched.insert(it->second);
+        boost::unordered_map<int, std::string>::const_iterator now = wdToPath_.find(it->first);
+        if (now != wdToPath_.end() && now->second != it->second) {
+            moved[it->second] = now->second;
         }
     }
-    if (moved == to) {
-        return;
+    std::vector<FolderMove> moves;
+    for (std::map<std::string, std::string>::const_iterator it = moved.begin(); it != moved.end();
+         ++it) {
+        const std::string parent = watchedParent(it->first, watched);
+        std::map<std::string, std::string>::const_iterator up = moved.find(parent);
+        const std::string parentNow = up == moved.end() ? parent : up->second;
+        if (parent.empty() || it->second != parentNow + it->first.substr(parent.size())) {
+            QLOG(INFO) << "folder " << it->first << " found at " << it->second
+                       << " after events were lost";
+            moves.push_back(FolderMove{it->first, it->second});
+        }
     }
-    QLOG(INFO) << "folder " << from << " found at " << to << " after events were lost";
-    foundMoves_.push_back(FolderMove{moved, to});
+    return moves;
+}
+
+std::string FileChangeMonitor::watchedParent(const std::string& path,
+                                             const boost::unordered_set<std::string>& watched) {
+    for (std::size_t slash = path.rfind('/', path.size() - 2);
+         slash != std::string::npos && slash > 0; slash = path.rfind('/', slash - 1)) {
+        if (watched.count(path.substr(0, slash + 1)) != 0) {
+            return path.substr(0, slash + 1);
+        }
+    }
+    return std::string();
 }
 
 // An observer that throws must not end the thread that follows the disk.

@@ -162,9 +162,12 @@ private:
     // After the kernel's queue overflowed: the roots are scanned again (what
     // was made meanwhile is followed from then on) and the observer told.
     void recoverLostEvents();
-    // Notes that the folder watched as from is now at to, unless the move of
-    // a folder above it already takes it along.
-    void noteFoundMove(const std::string& from, const std::string& to);
+    // The folders whose watch is under another path than in before.
+    std::vector<FolderMove> foundMoves(const boost::unordered_map<int, std::string>& before) const;
+    // The nearest folder above path (both ending in "/") among watched; ""
+    // for none.
+    static std::string watchedParent(const std::string& path,
+                                     const boost::unordered_set<std::string>& watched);
     void drain();
     bool batchIsFull() const;
     // quiet: delivered on a quiet pass, not as a slice of a full batch.
@@ -223,10 +226,6 @@ private:
     bool watchLimitWarned_;
     // The kernel dropped events (IN_Q_OVERFLOW) since the last quiet pass.
     bool eventsLost_;
-    // While the watches are placed anew after lost events: the folders whose
-    // watch came back under another path, and so moved meanwhile.
-    bool rewatching_;
-    std::vector<FolderMove> foundMoves_;
     bool changesNotified_;
     ChangeList changePaths_;
     // When the first item of the batch being gathered came.

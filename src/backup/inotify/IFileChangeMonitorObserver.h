@@ -25,9 +25,11 @@ public:
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type) = 0;
     // The source lost events (the kernel's queue overflowed) under these
     // roots, after the changes it had were delivered and its watches placed
-    // anew: the folders in moves went there meanwhile (outermost only, in the
-    // order found), and what the store holds under the roots must then be
-    // checked against the disk. Same thread as update. Ignored unless
+    // anew. The folders in moves went from where they were to where they are
+    // meanwhile, all at once (two folders that swapped names are two moves;
+    // one that only went along with the folder above it is left out), and
+    // what the store holds under the roots must then be checked against the
+    // disk. Same thread as update. Ignored unless
     // overridden.
     virtual void eventsLost(const std::vector<std::string>& roots,
                             const std::vector<FolderMove>& moves) {
