@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string/predicate.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/thread.hpp>
 #include <boost/unordered_set.hpp>
