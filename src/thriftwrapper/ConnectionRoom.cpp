@@ -6,6 +6,12 @@
 
 #include "system/Log.h"
 
+namespace {
+
+int64_t ticksNow() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+}  // namespace
+
 ConnectionRoom::ConnectionRoom(size_t roomFor, const std::function<size_t()>& callsInFlight)
     : roomFor_(roomFor),
       callsInFlight_(callsInFlight),
@@ -25,7 +31,14 @@ void ConnectionRoom::accepted(int socket) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     lastAccepted_ = socket;
     // Those already shut are on their way out: the room counts the others.
-    if (open_.size() - shutOpen_ >= roomFor_ && callsInFlight_() == inCalls_ && shutIdlest()) {
+    if (open_.size() - shutOpen_ < roomFor_) {
+        return;
+    }
+    // The calls in flight are counted before those begun here: a call that
+    // begins or ends between the two counts leaves them unequal, and no new
+    // call is queued meanwhile (this thread queues them).
+    const size_t inFlight = callsInFlight_();
+    if (inFlight == inCalls_.load() && shutIdlest()) {
         noteShut();
     }
 }
@@ -34,7 +47,7 @@ ConnectionRoom::Connection* ConnectionRoom::opened() {
     Connection* connection = new Connection;
     boost::lock_guard<boost::mutex> lock(mutex_);
     connection->socket = lastAccepted_;
-    connection->lastCall = std::chrono::steady_clock::now();
+    connection->lastCall = ticksNow();
     open_.push_back(connection);
     return connection;
 }
@@ -48,17 +61,15 @@ void ConnectionRoom::closed(Connection* connection) {
 }
 
 void ConnectionRoom::callBegins(Connection* connection) {
-    boost::lock_guard<boost::mutex> lock(mutex_);
     connection->inCall = true;
     ++inCalls_;
-    connection->lastCall = std::chrono::steady_clock::now();
+    connection->lastCall = ticksNow();
 }
 
 void ConnectionRoom::callEnds(Connection* connection) {
-    boost::lock_guard<boost::mutex> lock(mutex_);
+    connection->lastCall = ticksNow();
     connection->inCall = false;
     --inCalls_;
-    connection->lastCall = std::chrono::steady_clock::now();
 }
 
 // Shutting the socket down, not closing it: the I/O thread still owns the
@@ -67,7 +78,7 @@ bool ConnectionRoom::shutIdlest() {
     Connection* idlest = NULL;
     for (Connection* connection : open_) {
         if (!connection->inCall && !connection->shut &&
-            (idlest == NULL || connection->lastCall < idlest->lastCall)) {
+            (idlest == NULL || connection->lastCall.load() < idlest->lastCall.load())) {
             idlest = connection;
         }
     }

@@ -2,7 +2,9 @@
 #define QUORVIA_THRIFTWRAPPER_CONNECTIONROOM_H
 
 #include <stddef.h>
+#include <stdint.h>
 
+#include <atomic>
 #include <boost/thread/mutex.hpp>
 #include <chrono>
 #include <functional>
@@ -19,16 +21,19 @@
 // call is queued, or started and not yet begun here, none is shut down (and
 // the server's own limit stands for a while).
 //
-// accepted, opened and closed are called on the server's I/O thread;
-// callBegins and callEnds on the worker that runs the call.
+// accepted, opened and closed are called on the server's I/O thread (closed
+// on a worker too, should a call fail to hand its connection back);
+// callBegins and callEnds on the worker that runs the call, without a lock
+// that the workers would contend for.
 class ConnectionRoom {
 public:
     // One connection's record, the server's context for it. Owned by the
     // room from opened to closed.
     struct Connection {
         int socket = -1;
-        std::chrono::steady_clock::time_point lastCall;
-        bool inCall = false;
+        // When the last call began or ended (steady clock ticks).
+        std::atomic<int64_t> lastCall{0};
+        std::atomic<bool> inCall{false};
         bool shut = false;  // shut down to make room; closing
     };
 
@@ -64,7 +69,8 @@ private:
     boost::mutex mutex_;
     std::list<Connection*> open_;
     size_t shutOpen_;  // connections of open_ shut and not yet closed
-    size_t inCalls_;   // connections of open_ between callBegins and callEnds
+    // Connections between callBegins and callEnds.
+    std::atomic<size_t> inCalls_;
     int lastAccepted_;
     std::chrono::steady_clock::time_point lastLog_;
     unsigned long shutSinceLog_;
