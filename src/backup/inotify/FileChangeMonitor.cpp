@@ -298,11 +298,7 @@ void FileChangeMonitor::dropDirectoriesMovedOut() {
             below.push_back(it->first);
         }
     }
-    for (int wd : below) {
-        kernel_->removeWatch(inotifyFd_, wd);
-        forgetPath(wdToPath_[wd], wd);
-        wdToPath_.erase(wd);
-    }
+    removeWatches(below);
 }
 
 // The watch holds the folder's inode, so its number stays the same while it
@@ -371,10 +367,14 @@ void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {
             below.push_back(it->first);
         }
     }
-    for (std::size_t i = 0; i < below.size(); ++i) {
-        kernel_->removeWatch(inotifyFd_, below[i]);
-        forgetPath(wdToPath_[below[i]], below[i]);
-        wdToPath_.erase(below[i]);
+    removeWatches(below);
+}
+
+void FileChangeMonitor::removeWatches(const std::vector<int>& wds) {
+    for (int wd : wds) {
+        kernel_->removeWatch(inotifyFd_, wd);
+        forgetPath(wdToPath_[wd], wd);
+        wdToPath_.erase(wd);
     }
 }
 

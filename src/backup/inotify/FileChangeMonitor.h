@@ -181,6 +181,8 @@ private:
     static bool liesIn(const std::string& path, const boost::unordered_set<std::string>& folders);
     void forgetWatch(int wd);
     void removeWatchesBelow(const std::string& dir);
+    // Takes the watches down and out of both tables.
+    void removeWatches(const std::vector<int>& wds);
     // Takes down the watches of directories that moved out of the tree: the
     // moves still unpaired in movedDirs_. Before a quiet delivery.
     void dropDirectoriesMovedOut();
