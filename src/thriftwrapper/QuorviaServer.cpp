@@ -6,6 +6,9 @@
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 
+#include <chrono>
+#include <functional>
+
 #include "thriftwrapper/ConnectionRoom.h"
 #include "thriftwrapper/GuardedServerSocket.h"
 
@@ -29,21 +32,25 @@ const size_t QuorviaServer::MAX_CONNECTIONS_;
 const size_t QuorviaServer::ROOM_FOR_;
 const size_t QuorviaServer::IDLE_READ_BUFFER_LIMIT_;
 const size_t QuorviaServer::IDLE_WRITE_BUFFER_LIMIT_;
+const int QuorviaServer::STOP_RETRY_MS_;
 
 namespace {
 
 typedef ConnectionRoom::Connection Connection;
 
-// Gives each connection its record in the room. When a connection ends, its
+// Tells the server when serve has made its I/O thread, and gives each
+// connection its record in the room. When a connection ends, its
 // reply buffer is cut back: the library does so only after a reply was sent
 // whole, so a peer that reset before its big reply went out left that
 // buffer with the connection object, which the library keeps for the next
 // peer (500 such peers held some 250 MiB).
 class ConnectionTracker : public TServerEventHandler {
 public:
-    ConnectionTracker(const std::shared_ptr<ConnectionRoom>& room, uint32_t replyBufferSize)
-        : room_(room), replyBufferSize_(replyBufferSize) {}
+    ConnectionTracker(const std::function<void()>& serving,
+                      const std::shared_ptr<ConnectionRoom>& room, uint32_t replyBufferSize)
+        : serving_(serving), room_(room), replyBufferSize_(replyBufferSize) {}
 
+    virtual void preServe() { serving_(); }
     virtual void* createContext(std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) {
         return room_->opened();
     }
@@ -58,6 +65,7 @@ public:
     }
 
 private:
+    const std::function<void()> serving_;
     const std::shared_ptr<ConnectionRoom> room_;
     const uint32_t replyBufferSize_;
 };
@@ -166,7 +174,8 @@ std::shared_ptr<TProtocolFactory> QuorviaServer::sMakeProtocolFactory() {
     return std::make_shared<TBinaryProtocolFactory>(limit, limit, false, true);
 }
 
-QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port) {
+QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler, int port)
+    : stage_(NOT_STARTED), stopAsked_(false) {
     std::shared_ptr<TProtocolFactory> protocolFactory = sMakeProtocolFactory();
     threadManager_ = makeStartedThreadManager();
     const std::weak_ptr<ThreadManager> workers = threadManager_;
@@ -182,7 +191,8 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
         processor, protocolFactory,
         std::make_shared<GuardedServerSocket>(BIND_ADDRESS_, port, room), threadManager_));
     server_->setServerEventHandler(std::make_shared<ConnectionTracker>(
-        room, static_cast<uint32_t>(server_->getWriteBufferDefaultSize())));
+        [this] { enter(SERVING); }, room,
+        static_cast<uint32_t>(server_->getWriteBufferDefaultSize())));
     server_->setMaxFrameSize(MAX_FRAME_SIZE_);
     // The library refuses a new connection once more than its limit are open,
     // counting before the new one: one less makes MAX_CONNECTIONS_ the most
@@ -199,8 +209,42 @@ QuorviaServer::QuorviaServer(const std::shared_ptr<talvern::TalvernIf>& handler,
 // connection: the workers end before the server goes.
 QuorviaServer::~QuorviaServer() { threadManager_->stop(); }
 
-void QuorviaServer::serve() { server_->serve(); }
+void QuorviaServer::serve() {
+    {
+        const std::lock_guard<std::mutex> lock(stageMutex_);
+        stage_ = stopAsked_ ? SERVED : STARTING;
+        if (stopAsked_) {
+            return;
+        }
+    }
+    try {
+        server_->serve();
+    } catch (...) {
+        enter(SERVED);
+        throw;
+    }
+    enter(SERVED);
+}
 
-void QuorviaServer::stop() { server_->stop(); }
+// The library's stop only wakes a loop whose wake-up pipe exists, which it
+// makes after the listening socket: a stop soon after the port answers was
+// lost, and serve ran on. Its I/O threads are all made once it has told
+// preServe (SERVING), so from then on its stop may be called.
+void QuorviaServer::stop() {
+    std::unique_lock<std::mutex> lock(stageMutex_);
+    stopAsked_ = true;
+    while (stage_ == STARTING || stage_ == SERVING) {
+        if (stage_ == SERVING) {
+            server_->stop();
+        }
+        stageChanged_.wait_for(lock, std::chrono::milliseconds(STOP_RETRY_MS_));
+    }
+}
+
+void QuorviaServer::enter(Stage stage) {
+    const std::lock_guard<std::mutex> lock(stageMutex_);
+    stage_ = stage;
+    stageChanged_.notify_all();
+}
 
 int QuorviaServer::listenPort() { return server_->getListenPort(); }

@@ -2,11 +2,12 @@
 #define QUORVIA_THRIFTWRAPPER_QUORVIASERVER_H
 
 #include <stddef.h>
-
-#include <memory>
-
 #include <thrift/concurrency/ThreadManager.h>
 #include <thrift/server/TNonblockingServer.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 
 #include "Talvern.h"
 
@@ -63,17 +64,32 @@ public:
     virtual ~QuorviaServer();
 
     // Binds and runs the I/O loop on the calling thread; returns only after
-    // stop. Throws apache::thrift::TException when the socket can't be bound.
+    // stop, at once when stop came first. Call it once. Throws
+    // apache::thrift::TException when the socket can't be bound.
     void serve();
-    // Ends serve from any thread.
+    // Ends serve from any thread, whenever it comes: before serve (which
+    // then returns at once), while serve starts, or while it runs. Returns
+    // once serve has returned, or at once when serve has not begun.
     void stop();
     // The port that serve binds: the one asked for, or with port 0 the one
     // taken, 0 until then. It says nothing about whether serve listens yet.
     int listenPort();
 
 private:
+    enum Stage { NOT_STARTED, STARTING, SERVING, SERVED };
+    // The library loses a stop that comes before its loop can be woken: from
+    // SERVING on, stop tells the loop again this often until serve returns.
+    static const int STOP_RETRY_MS_ = 10;
+
     QuorviaServer(const QuorviaServer&);
     QuorviaServer& operator=(const QuorviaServer&);
+
+    void enter(Stage stage);
+
+    std::mutex stageMutex_;
+    std::condition_variable stageChanged_;
+    Stage stage_;
+    bool stopAsked_;
 
     std::shared_ptr<apache::thrift::concurrency::ThreadManager> threadManager_;
     std::unique_ptr<apache::thrift::server::TNonblockingServer> server_;

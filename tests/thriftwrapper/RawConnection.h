@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdint.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -91,6 +92,12 @@ public:
         char byte;
         const ssize_t got = recv(fd_, &byte, 1, 0);
         return got == 0 || (got < 0 && errno == ECONNRESET);
+    }
+
+    // true when data or the peer's end arrives within ms milliseconds.
+    bool readableWithin(int ms) {
+        struct pollfd wait = {fd_, POLLIN, 0};
+        return poll(&wait, 1, ms) == 1;
     }
 
     // Closes with a reset, as a peer that vanishes does.
