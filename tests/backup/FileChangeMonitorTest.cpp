@@ -78,6 +78,14 @@ public:
     int lastWd = 0;
 };
 
+// Time that moves only when a test moves it.
+class FakeClock : public SteadyClock {
+public:
+    TimePoint now() const override { return at; }
+
+    TimePoint at;
+};
+
 struct Event {
     uint32_t mask;
     std::string name;
@@ -108,7 +116,7 @@ protected:
     // the fake one.
     void start(bool realKernel = true) {
         mkdirs("");
-        monitor_.reset(realKernel ? new FileChangeMonitor() : new FileChangeMonitor(fake_));
+        monitor_.reset(realKernel ? new FileChangeMonitor() : new FileChangeMonitor(fake_, clock_));
         monitor_->init({data()});
         monitor_->registerObserver(observer_);
         ASSERT_TRUE(monitor_->beginNotify());
@@ -172,6 +180,7 @@ protected:
 
     boost::shared_ptr<RecordingObserver> observer_{new RecordingObserver};
     boost::shared_ptr<FakeKernel> fake_{new FakeKernel};
+    boost::shared_ptr<FakeClock> clock_{new FakeClock};
     boost::shared_ptr<FileChangeMonitor> monitor_;
 };
 
@@ -366,6 +375,36 @@ TEST_F(FileChangeMonitorTest, EndlessEventsAreDeliveredInSlicesRegression) {
     batchAfterPasses(6);
     monitor_->runPass();
     EXPECT_EQ(Lines(1, ""), watched());
+}
+
+// A disk that never stayed quiet for a second kept what waits for a quiet
+// pass waiting for good: the check after lost events, and the watches of a
+// folder moved out of the tree.
+TEST_F(FileChangeMonitorTest, ABusyDiskIsSettledEveryFewSecondsRegression) {
+    mkdirs("A/s");
+    mkdirs("B/t");
+    start(false);
+    const auto busySecond = [&](const Event& event) {
+        fake_->queued.push_back(records(wd(), {event}));
+        clock_->at += std::chrono::seconds(1);
+        monitor_->runPass();
+    };
+    fs::rename(data() + "/A", root() + "/A");
+    busySecond({IN_MOVED_FROM | IN_ISDIR, "A", 7});
+    fake_->queued.push_back(records(-1, {{IN_Q_OVERFLOW, ""}}));
+    for (int second = 1; second < FileChangeMonitor::kMaxUnsettledSeconds; ++second) {
+        busySecond({IN_CLOSE_WRITE, "song.mp3"});
+    }
+    EXPECT_EQ(1u, observer_->lost.size());
+    EXPECT_EQ(Lines({"", "B/", "B/t/"}), watched());
+
+    // A read that ends between a move's halves waits for the other half.
+    clock_->at += std::chrono::seconds(FileChangeMonitor::kMaxUnsettledSeconds);
+    fs::rename(data() + "/B", data() + "/C");
+    busySecond({IN_MOVED_FROM | IN_ISDIR, "B", 8});
+    busySecond({IN_MOVED_TO | IN_ISDIR, "C", 8});
+    EXPECT_EQ(Lines({"FROM B/", "TO C/"}), batchAfterPasses(2));
+    EXPECT_EQ(Lines({"", "C/", "C/t/"}), watched());
 }
 
 // A folder moved out and a new one of its name made, in one batch: the old

@@ -40,20 +40,25 @@ const int FileChangeMonitor::kMaxWatchRetries;
 const unsigned int FileChangeMonitor::kMaxRootRetryPasses;
 const std::size_t FileChangeMonitor::kMaxBatchItems;
 const int FileChangeMonitor::kMaxBatchSeconds;
+const int FileChangeMonitor::kMaxUnsettledSeconds;
 
 FileChangeMonitor* FileChangeMonitor::sGetInstance() {
     static FileChangeMonitor instance;
     return &instance;
 }
 
-FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel)
+FileChangeMonitor::FileChangeMonitor(boost::shared_ptr<InotifyKernel> kernel,
+                                     boost::shared_ptr<SteadyClock> clock)
     : disableUntil_(0),
       kernel_(kernel),
+      clock_(clock),
       inotifyFd_(-1),
       initErrno_(0),
       watchLimitWarned_(false),
       eventsLost_(false),
-      changesNotified_(false) {
+      changesNotified_(false),
+      lastSettled_(clock_->now()),
+      readEndsInMoveFrom_(false) {
     inotifyFd_ = kernel_->init();
     if (inotifyFd_ < 0) {
         initErrno_ = errno;
@@ -600,17 +605,31 @@ void FileChangeMonitor::runPass() {
         drain();
         if (batchIsFull()) {
             deliverChanges(false);
+        } else if (settleIsOverdue()) {
+            settle();
         }
     } else if (r == 0 || error == EINTR) {
-        checkRootsInPlace();
-        watchMissingRoots();
-        deliverChanges(true);
-        recoverLostEvents();
+        settle();
     } else {
         // A descriptor that fails for good must not turn the loop into a
         // busy one.
         boost::this_thread::sleep_for(boost::chrono::milliseconds(kQuietMilliseconds));
     }
+}
+
+void FileChangeMonitor::settle() {
+    lastSettled_ = clock_->now();
+    checkRootsInPlace();
+    watchMissingRoots();
+    deliverChanges(true);
+    recoverLostEvents();
+}
+
+// A move's halves are queued one after the other: a read that left the
+// queue dry and did not end between them holds both, or neither.
+bool FileChangeMonitor::settleIsOverdue() const {
+    return !readEndsInMoveFrom_ &&
+           clock_->now() - lastSettled_ >= std::chrono::seconds(kMaxUnsettledSeconds);
 }
 
 bool FileChangeMonitor::gateShut() {
@@ -636,7 +655,7 @@ void FileChangeMonitor::drain() {
             return;
         }
         if (changePaths_.empty()) {
-            batchStarted_ = std::chrono::steady_clock::now();
+            batchStarted_ = clock_->now();
         }
         handleEvents(&buffer[0], static_cast<std::size_t>(n));
     }
@@ -644,8 +663,8 @@ void FileChangeMonitor::drain() {
 
 bool FileChangeMonitor::batchIsFull() const {
     return changePaths_.size() >= kMaxBatchItems ||
-           (!changePaths_.empty() && std::chrono::steady_clock::now() - batchStarted_ >=
-                                         std::chrono::seconds(kMaxBatchSeconds));
+           (!changePaths_.empty() &&
+            clock_->now() - batchStarted_ >= std::chrono::seconds(kMaxBatchSeconds));
 }
 
 void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {
@@ -655,6 +674,7 @@ void FileChangeMonitor::handleEvents(const char* buffer, std::size_t length) {
         if (i + kEventHeaderSize + event->len > length) {
             return;
         }
+        readEndsInMoveFrom_ = (event->mask & IN_MOVED_FROM) != 0;
         if (dealWithEvent(event)) {
             addEvent2ChangePath(event);
         }

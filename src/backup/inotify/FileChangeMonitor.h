@@ -20,11 +20,14 @@
 #include "backup/inotify/FileChangeItem.h"
 #include "backup/inotify/IFileChangeMonitorObserver.h"
 #include "backup/inotify/InotifyKernel.h"
+#include "system/SteadyClock.h"
 
 // Follows directory trees with inotify: one watch per directory, kept true
 // while directories appear, vanish and move, and the events folded into a
 // change list (one item per path) that goes to the one observer after a
-// quiet second.
+// quiet second. What waits for a quiet pass (moves out of the tree, roots
+// gone or back, the check after lost events) is done at most
+// kMaxUnsettledSeconds apart on a disk that never goes quiet.
 //
 // Threads: everything except the gate operations (enable/disable...) runs on
 // the one thread inside startNotify (or the thread that drives beginNotify
@@ -51,13 +54,19 @@ public:
     // permission) is tried again after 1, 2, 4 ... quiet passes, at most
     // this many apart: a refusal costs a log line per try, not per second.
     static const unsigned int kMaxRootRetryPasses = 256;
+    // A queue that never stays quiet for a second is settled as on a quiet
+    // pass once this long has passed without one, when a read leaves it dry
+    // and did not end on the first half of a move.
+    static const int kMaxUnsettledSeconds = 10;
 
     // The daemon's instance, built at the first call.
     static FileChangeMonitor* sGetInstance();
 
     // Opens the inotify descriptor through kernel; reads no directory.
     explicit FileChangeMonitor(
-        boost::shared_ptr<InotifyKernel> kernel = boost::shared_ptr<InotifyKernel>(new InotifyKernel));
+        boost::shared_ptr<InotifyKernel> kernel =
+            boost::shared_ptr<InotifyKernel>(new InotifyKernel),
+        boost::shared_ptr<SteadyClock> clock = boost::shared_ptr<SteadyClock>(new SteadyClock));
     // Closes the descriptor.
     virtual ~FileChangeMonitor();
 
@@ -110,7 +119,8 @@ public:
     // followed.
     bool beginNotify();
     // One pass of the loop: waits up to a quiet second for events, reads and
-    // folds them, or delivers the list when the second stayed quiet.
+    // folds them, or settles and delivers the list when the second stayed
+    // quiet (or none has for kMaxUnsettledSeconds).
     void runPass();
     // Walks a buffer of kernel records, adjusting the table and folding.
     void handleEvents(const char* buffer, std::size_t length);
@@ -170,6 +180,10 @@ private:
                                      const boost::unordered_set<std::string>& watched);
     void drain();
     bool batchIsFull() const;
+    // The work of a quiet pass: roots checked, moves out dropped, the list
+    // delivered, lost events recovered.
+    void settle();
+    bool settleIsOverdue() const;
     // quiet: delivered on a quiet pass, not as a slice of a full batch.
     void deliverChanges(bool quiet);
     void forgetPath(const std::string& path, int wd);
@@ -198,6 +212,7 @@ private:
 
     std::atomic<int> disableUntil_;
     boost::shared_ptr<InotifyKernel> kernel_;
+    boost::shared_ptr<SteadyClock> clock_;
     int inotifyFd_;
     int initErrno_;
     std::vector<std::string> watchDirs_;
@@ -231,7 +246,11 @@ private:
     bool changesNotified_;
     ChangeList changePaths_;
     // When the first item of the batch being gathered came.
-    std::chrono::steady_clock::time_point batchStarted_;
+    SteadyClock::TimePoint batchStarted_;
+    SteadyClock::TimePoint lastSettled_;
+    // The last record read was the first half of a move (its other half may
+    // still be queued).
+    bool readEndsInMoveFrom_;
     std::vector<std::string> excludeFolderPaths_;
     boost::shared_ptr<IFileChangeMonitorObserver> observer_;
     boost::mutex mutex_;
