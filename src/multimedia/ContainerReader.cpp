@@ -19,7 +19,8 @@ extern "C" {
 namespace talvern {
 
 const char* const ContainerReader::kDemuxers =
-    "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,avi,mpegts,mpeg,flv,asf,rm,dv,ogg,wav,mp3,aac,flac";
+    "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,avi,mpegts,mpeg,flv,asf,rm,dv,wtv,nut,ogg,wav,mp3,aac,"
+    "flac";
 
 ContainerReader::ContainerReader(const std::string& path,
                                  std::chrono::steady_clock::time_point deadline)

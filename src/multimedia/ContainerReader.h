@@ -30,7 +30,8 @@ class ContainerReader {
 public:
     // libavformat's names of the demuxers taken: the MP4/QuickTime family,
     // Matroska and WebM, AVI, MPEG transport and program streams, FLV,
-    // ASF/WMV, RealMedia, camcorders' DV, Ogg, WAV, MP3, AAC (ADTS) and FLAC.
+    // ASF/WMV, RealMedia, camcorders' DV, recorded TV (WTV), NUT, Ogg, WAV,
+    // MP3, AAC (ADTS) and FLAC.
     // None of them opens a second input. Raw codec streams (".avc") are left
     // out: they carry no duration to read, and opening one only parses the
     // codec. So is MXF: a file of 500 KB that declared index tables again

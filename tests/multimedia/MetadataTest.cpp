@@ -175,6 +175,8 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         {"plain.flv", color + "flv1", "2", kDefault},
         {"plain.webm", color + "libvpx", "2", kDefault},
         {"plain.rmvb", color + "rv20 -f rm", "2", kDefault},
+        {"recorded.wtv", color + "mpeg2video", "2", kDefault},
+        {"plain.nut", v + " -t 2.5", "2", kDefault},
         // A camcorder's DV came back without a duration (regression).
         {"camera.dv", "-f lavfi -i testsrc=size=720x576:rate=25 -t 1 -target pal-dv", "1",
          kDefault},
