@@ -357,12 +357,19 @@ std::string QuorviaDBMgr::searchKeyvaluePairs(const std::string& key) {
 }
 
 bool QuorviaDBMgr::execSql(const std::string& sql) {
+    int code = SQLITE_OK;
+    return execSql(sql, code);
+}
+
+bool QuorviaDBMgr::execSql(const std::string& sql, int& code) {
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    code = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (code != SQLITE_OK) {
         QLOG(ERROR) << "prepare2 errmsg:" << sqlite3_errmsg(db_);
         return false;
     }
-    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    code = sqlite3_step(stmt);
+    const bool result = isSqlSucceed(code);
     sqlite3_finalize(stmt);
     return result;
 }

@@ -69,6 +69,10 @@ public:
     bool insertKeyvaluePairs(const std::string& key, const std::string& value);
     std::string searchKeyvaluePairs(const std::string& key);
     bool execSql(const std::string& sql);
+    // The same, with the result code of the prepare or the step in code: the
+    // connection's own error code may already be another thread's (reads go
+    // without mutex_).
+    bool execSql(const std::string& sql, int& code);
     // true for SQLITE_OK, SQLITE_ROW and SQLITE_DONE; logs any other code.
     bool isSqlSucceed(int code);
     // true when SQLite serialises every call on the open connection itself

@@ -71,8 +71,9 @@ bool QuorviaDBMgr::tryDirMove(std::vector<PathRow>& rows, const std::string& old
     if (rows.empty()) {
         return true;
     }
-    if (!execSql("BEGIN IMMEDIATE;")) {
-        const bool busy = sqlite3_errcode(db_) == SQLITE_BUSY;
+    int begun = SQLITE_OK;
+    if (!execSql("BEGIN IMMEDIATE;", begun)) {
+        const bool busy = begun == SQLITE_BUSY;
         rows.clear();
         return !busy;
     }
