@@ -105,12 +105,16 @@ private:
         return front;
     }
 
-    // A task that throws must not take the worker, and with it every later
-    // file task, down: it is logged and counts as done.
+    // A task that throws (running, or asked whether it recurs) must not take
+    // the worker, and with it every later file task, down: it is logged and
+    // counts as done.
     void runTurn(const boost::shared_ptr<Dispatchable>& task) {
         try {
             if (task->shouldExecute()) {
                 task->run();
+            }
+            if (task->isRecurring()) {
+                dispatch(task);
             }
         } catch (const boost::thread_interrupted&) {
             throw;
@@ -118,9 +122,6 @@ private:
             QLOG(ERROR) << "Dispatcher: task raised an exception: " << e.what();
         } catch (...) {
             QLOG(ERROR) << "Dispatcher: task raised an exception: unknown";
-        }
-        if (task->isRecurring()) {
-            dispatch(task);
         }
     }
 

@@ -1,14 +1,14 @@
-#include "dispatcher/Dispatcher.h"
-
 #include <gtest/gtest.h>
 
 #include <boost/thread.hpp>
 #include <functional>
 #include <future>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "dispatcher/Dispatcher.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -142,16 +142,28 @@ TEST(DispatcherTest, ClearAndDestructorLeaveTheTaskInItsTurnToEnd) {
     EXPECT_EQ(1, slow.use_count());
 }
 
-// A task that throws or stops the dispatcher leaves the worker going; one
+// Runs, then fails when asked whether it runs again, as a requeue that
+// finds no memory would.
+class FailsToRecur : public NoteTask {
+public:
+    explicit FailsToRecur(Journal& journal)
+        : NoteTask(
+              journal, "no room", [] {}, 2, true) {}
+    virtual bool isRecurring() { throw std::bad_alloc(); }
+};
+
+// A task that throws (running or asked whether it recurs: the process ended
+// then) or stops the dispatcher leaves the worker going; one
 // that is interrupted ends it, the queue stays and a new start runs it.
 TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     quorvia_test::LogCapture log;
     Journal journal;
     Dispatcher dispatcher(true);
     dispatcher.dispatch(task(journal, "bad", [] { throw std::runtime_error("disk vanished"); }));
+    dispatcher.dispatch(boost::shared_ptr<Dispatchable>(new FailsToRecur(journal)));
     dispatcher.dispatch(task(journal, "stopper", [&dispatcher] { dispatcher.stop(); }));
     dispatcher.dispatch(task(journal, "next"));
-    EXPECT_EQ(Names({"bad", "stopper", "next"}), journal.waitFor(3));
+    EXPECT_EQ(Names({"bad", "no room", "stopper", "next"}), journal.waitFor(4));
     EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
     EXPECT_TRUE(dispatcher.isRunning());
 
@@ -162,7 +174,7 @@ TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     EXPECT_FALSE(dispatcher.isRunning());
     dispatcher.dispatch(task(journal, "after restart"));
     dispatcher.start();
-    EXPECT_EQ("after restart", journal.waitFor(5).back());
+    EXPECT_EQ("after restart", journal.waitFor(6).back());
 }
 
 }  // namespace
