@@ -7,6 +7,7 @@
 
 #include <boost/lexical_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "multimedia/QuorviaDBMgrSql.h"
 #include "multimedia/SqliteFileStatus.h"
@@ -372,6 +373,22 @@ bool QuorviaDBMgr::execSql(const std::string& sql, int& code) {
     const bool result = isSqlSucceed(code);
     sqlite3_finalize(stmt);
     return result;
+}
+
+bool QuorviaDBMgr::waitingForStore(const std::string& what, const std::string& detail,
+                                   const std::function<int()>& attempt) {
+    for (int attempts = 1;; ++attempts) {
+        const int code = attempt();
+        if (code != SQLITE_BUSY) {
+            return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
+        }
+        if (attempts >= kWriteAttempts) {
+            QLOG(ERROR) << what << " dropped, the store stayed locked" << detail;
+            return false;
+        }
+        QLOG(WARNING) << what << " waits for the store" << detail;
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(kWriteRetryPauseMillis));
+    }
 }
 
 bool QuorviaDBMgr::isSqlSucceed(int code) {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <boost/thread/mutex.hpp>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,14 +35,19 @@ public:
     static constexpr int kBusyTimeoutMillis = 2000;
     // What the write-ahead log keeps on the disk once a checkpoint has
     // emptied it: about what SQLite's automatic checkpoint (1,000 pages)
-    // lets it grow to. A folder of 200,000 files renamed in one transaction
-    // grows it by some 50 MB, which was never given back.
+    // lets it grow to. A transaction larger than that (a reader's snapshot
+    // held long) grows it, and the growth was never given back.
     static constexpr int kMaxKeptLogBytes = 4 * 1024 * 1024;
-    // A directory move whose transaction can't start within the busy timeout
-    // (another process holds the file) is tried again this many times in
-    // all, this long apart, before it is dropped.
-    static constexpr int kMoveAttempts = 10;
-    static constexpr int kMoveRetryPauseMillis = 1000;
+    // A write of the file-following side (a move, a delete) that finds the
+    // store held by another process past the busy timeout is tried again
+    // this many times in all, this long apart, before it is dropped.
+    static constexpr int kWriteAttempts = 10;
+    static constexpr int kWriteRetryPauseMillis = 1000;
+    // A directory move rewrites this many rows per transaction: the log, the
+    // memory and the lock that requests wait for stay small whatever the
+    // folder holds (200,000 rows in one transaction grew the log by 50 MB,
+    // which a nearly full disk refused, and the whole move was lost).
+    static constexpr std::size_t kMoveSliceRows = 1000;
 
     // The daemon's store, on ConfigInfo's database folder; opened on first use.
     static QuorviaDBMgr& sGetInstance();
@@ -86,7 +92,9 @@ public:
     // Fills metadata on a hit and leaves it untouched on a miss; always true.
     bool getMetadataByHash(const std::string& hash, talvern::metadata_s& metadata);
     // Removes every row at exactly that path (one trailing "/" ignored). true
-    // when the statement ran, whether or not a row matched.
+    // when the statement ran, whether or not a row matched. A store held by
+    // another process is waited for (kWriteAttempts); so are the writes below
+    // that the file-following side makes, on its own thread.
     bool deleteMetadataByPath(const std::string& path);
     // Removes the rows of rootPath and below it, matched on whole path
     // components, ASCII case ignored, "%" and "_" literal. Refuses (false,
@@ -96,9 +104,9 @@ public:
     bool updateFilePath(const std::string& oldPath, const std::string& newPath);
     // Repoints the rows below oldDir (exact bytes, whole components; directories
     // used as passed, so a trailing "/" is part of the prefix) to newDir plus
-    // the rest of their path. One transaction: all rows follow or none. A
-    // transaction that can't start because another process holds the store
-    // is tried again (kMoveAttempts); the calling thread waits meanwhile.
+    // the rest of their path, kMoveSliceRows rows per transaction: a slice
+    // that fails moves none of its rows and ends the move, the slices before
+    // it stay moved.
     void updateDirPaths(const std::string& oldDir, const std::string& newDir);
 
     // ---- Rows against the disk ----
@@ -147,16 +155,26 @@ private:
     // as it is. Under init's lock.
     void readReadOnlyStore();
     bool createPathIndex();
-    // Both run under updateDirPaths's lock. updatePath sets each row's newPath
-    // and counts the rows it stepped in rewritten; false when a step failed.
-    void getFileByDir(std::vector<PathRow>& rows, const std::string& dir);
+    // Runs attempt (a write that takes mutex_ and gives SQLite's result code)
+    // until it gives anything but SQLITE_BUSY, kWriteAttempts times at most,
+    // kWriteRetryPauseMillis apart without the lock; what and detail name the
+    // write in the lines said meanwhile. true when the write succeeded.
+    bool waitingForStore(const std::string& what, const std::string& detail,
+                         const std::function<int()>& attempt);
+    int tryDeleteMetadataByPath(const std::string& path);
+    int tryUpdateFilePath(const std::string& oldPath, const std::string& newPath);
+    int tryDeleteRowsBelow(const std::string& dir, std::size_t limit, std::size_t& removed);
+    // Both run under moveSlice's lock: up to kMoveSliceRows rows below dir with
+    // a rowid above afterRowid, in rowid order; updatePath sets each row's
+    // newPath and counts the rows it stepped in rewritten, false when a step
+    // failed.
+    void getFileByDir(std::vector<PathRow>& rows, const std::string& dir, sqlite3_int64 afterRowid);
     bool updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
                     const std::string& newDir, size_t& rewritten);
-    // One attempt of updateDirPaths under mutex_: fills rows, sets rewritten
-    // to the rows that now have their new path. false only when the
-    // transaction could not start because the store was busy.
-    bool tryDirMove(std::vector<PathRow>& rows, const std::string& oldDir,
-                    const std::string& newDir, size_t& rewritten);
+    // One slice of updateDirPaths in a transaction of its own, under mutex_:
+    // fills rows, sets rewritten to the rows that now have their new path.
+    int moveSlice(std::vector<PathRow>& rows, const std::string& oldDir, const std::string& newDir,
+                  sqlite3_int64 afterRowid, size_t& rewritten);
 
     sqlite3* db_;
     // Device and inode of the file opened; whether its loss was logged.

@@ -1,5 +1,4 @@
 #include <boost/thread/lock_guard.hpp>
-#include <boost/thread/thread.hpp>
 
 #include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/QuorviaDBMgrSql.h"
@@ -31,67 +30,72 @@ std::string prefixUpperBound(const std::string& prefix) {
 
 }  // namespace
 
-// Lists the rows first and rewrites each listed row once by rowid, so a new
-// directory below the old one is not rewritten twice; the whole rewrite is one
-// transaction, so a failure or a crash never leaves a half-moved directory.
-// The per-row lines are written once the lock is released: logging can cost
-// more than the rewrite, and requests wait for the lock meanwhile. A store
-// held by another process is waited for between attempts without the lock.
+// Each slice lists its rows first and rewrites each listed row once by
+// rowid, and the next slice lists from the last rowid on, so a new directory
+// below the old one is not rewritten twice and the move ends. The per-row
+// lines of a slice are written once the lock is released: logging can cost
+// more than the rewrite, and requests wait for the lock meanwhile.
 void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& newDir) {
     QLOG(INFO) << "QuorviaDBMgr::updateDirPaths from " << oldDir << ", to " << newDir;
     if (oldDir.empty()) {
         return;
     }
+    const std::string detail = ", from " + oldDir + ", to " + newDir;
     std::vector<PathRow> rows;
-    size_t rewritten = 0;
-    for (int attempt = 1; !tryDirMove(rows, oldDir, newDir, rewritten); ++attempt) {
-        if (attempt >= kMoveAttempts) {
-            QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths dropped, the store stayed locked, from "
-                        << oldDir << ", to " << newDir;
+    sqlite3_int64 after = 0;
+    do {
+        size_t rewritten = 0;
+        const bool moved = waitingForStore("QuorviaDBMgr::updateDirPaths", detail, [&] {
+            return moveSlice(rows, oldDir, newDir, after, rewritten);
+        });
+        for (size_t i = 0; i < rows.size(); ++i) {
+            QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << rows[i].path;
+        }
+        for (size_t i = 0; i < rewritten; ++i) {
+            QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
+                       << " , newPath : " << rows[i].newPath;
+        }
+        if (!moved || rows.empty()) {
             return;
         }
-        QLOG(WARNING) << "QuorviaDBMgr::updateDirPaths waits for the store, from " << oldDir
-                      << ", to " << newDir;
-        boost::this_thread::sleep_for(boost::chrono::milliseconds(kMoveRetryPauseMillis));
-    }
-    for (size_t i = 0; i < rows.size(); ++i) {
-        QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  path : " << rows[i].path;
-    }
-    for (size_t i = 0; i < rewritten; ++i) {
-        QLOG(INFO) << "QuorviaDBMgr::updatePath,  path : " << rows[i].path
-                   << " , newPath : " << rows[i].newPath;
-    }
+        after = rows.back().rowid;
+    } while (rows.size() == kMoveSliceRows);
 }
 
-bool QuorviaDBMgr::tryDirMove(std::vector<PathRow>& rows, const std::string& oldDir,
-                              const std::string& newDir, size_t& rewritten) {
+int QuorviaDBMgr::moveSlice(std::vector<PathRow>& rows, const std::string& oldDir,
+                            const std::string& newDir, sqlite3_int64 afterRowid,
+                            size_t& rewritten) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     rewritten = 0;
-    getFileByDir(rows, oldDir);
+    getFileByDir(rows, oldDir, afterRowid);
     if (rows.empty()) {
-        return true;
+        return SQLITE_DONE;
     }
-    int begun = SQLITE_OK;
-    if (!execSql("BEGIN IMMEDIATE;", begun)) {
-        const bool busy = begun == SQLITE_BUSY;
+    int code = SQLITE_OK;
+    if (!execSql("BEGIN IMMEDIATE;", code)) {
         rows.clear();
-        return !busy;
+        return code;
     }
-    if (!updatePath(rows, oldDir, newDir, rewritten) || !execSql("COMMIT;")) {
-        // Nothing was moved: no row gets an update line.
-        QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to "
-                    << newDir;
+    if (updatePath(rows, oldDir, newDir, rewritten) && execSql("COMMIT;", code)) {
+        return code;
+    }
+    // Nothing of the slice was moved: no row gets an update line. A full
+    // disk has already rolled the transaction back.
+    QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to " << newDir;
+    if (!sqlite3_get_autocommit(db_)) {
         execSql("ROLLBACK;");
-        rewritten = 0;
     }
-    return true;
+    rewritten = 0;
+    return SQLITE_ABORT;
 }
 
 // Exact bytes, case kept: a row that differs from dir in case only stays.
-void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& dir) {
+void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& dir,
+                                sqlite3_int64 afterRowid) {
     rows.clear();
     const std::string sql = "SELECT rowid, Path FROM " + mainTableName_ +
-                            " WHERE Path = ? OR (Path >= ? AND Path < ?) ";
+                            " WHERE rowid > ? AND (Path = ? OR (Path >= ? AND Path < ?)) "
+                            "ORDER BY rowid LIMIT ?";
     sqlite3_stmt* stmt = NULL;
     if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
         QLOG(ERROR) << "QuorviaDBMgr::getFileByDir error : " << sqlite3_errmsg(db_);
@@ -99,9 +103,11 @@ void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& d
     }
     const std::string prefix = componentPrefix(dir);
     const std::string bound = prefixUpperBound(prefix);
-    bindText(stmt, 1, dir);
-    bindText(stmt, 2, prefix);
-    bindText(stmt, 3, bound);
+    sqlite3_bind_int64(stmt, 1, afterRowid);
+    bindText(stmt, 2, dir);
+    bindText(stmt, 3, prefix);
+    bindText(stmt, 4, bound);
+    sqlite3_bind_int64(stmt, 5, static_cast<sqlite3_int64>(kMoveSliceRows));
     QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  sql : " << sql << " , pattern : " << prefix;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
         PathRow row;
@@ -134,14 +140,24 @@ bool QuorviaDBMgr::updatePath(std::vector<PathRow>& rows, const std::string& old
 }
 
 std::size_t QuorviaDBMgr::deleteRowsBelow(const std::string& dir, std::size_t limit) {
+    std::size_t removed = 0;
+    waitingForStore("QuorviaDBMgr::deleteRowsBelow", ", below " + dir,
+                    [&] { return tryDeleteRowsBelow(dir, limit, removed); });
+    return removed;
+}
+
+int QuorviaDBMgr::tryDeleteRowsBelow(const std::string& dir, std::size_t limit,
+                                     std::size_t& removed) {
     boost::lock_guard<boost::mutex> lock(mutex_);
+    removed = 0;
     const std::string sql = "DELETE FROM " + mainTableName_ +
                             " WHERE rowid IN (SELECT rowid FROM " + mainTableName_ +
                             " WHERE Path = ? OR (Path >= ? AND Path < ?) LIMIT ?)";
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    const int prepared = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (prepared != SQLITE_OK) {
         QLOG(ERROR) << "QuorviaDBMgr::deleteRowsBelow error : " << sqlite3_errmsg(db_);
-        return 0;
+        return prepared;
     }
     // Bound texts are not copied: they must outlive the statement.
     const std::string prefix = componentPrefix(dir);
@@ -150,9 +166,12 @@ std::size_t QuorviaDBMgr::deleteRowsBelow(const std::string& dir, std::size_t li
     bindText(stmt, 2, prefix);
     bindText(stmt, 3, bound);
     sqlite3_bind_int64(stmt, 4, static_cast<sqlite3_int64>(limit));
-    const bool done = isSqlSucceed(sqlite3_step(stmt));
+    const int code = sqlite3_step(stmt);
+    if (isSqlSucceed(code)) {
+        removed = static_cast<std::size_t>(sqlite3_changes(db_));
+    }
     sqlite3_finalize(stmt);
-    return done ? static_cast<std::size_t>(sqlite3_changes(db_)) : 0;
+    return code;
 }
 
 bool QuorviaDBMgr::getRowsBelowAfter(const std::string& root, sqlite3_int64 afterRowid,

@@ -85,20 +85,27 @@ bool QuorviaDBMgr::getMetadataByHash(const std::string& hash, talvern::metadata_
 }
 
 bool QuorviaDBMgr::deleteMetadataByPath(const std::string& path) {
+    return waitingForStore("QuorviaDBMgr::deleteMetadataByPath", ", path is " + path,
+                           [&] { return tryDeleteMetadataByPath(path); });
+}
+
+int QuorviaDBMgr::tryDeleteMetadataByPath(const std::string& path) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     const std::string unified = CommonUtils::sUnifyPathStyle(path);
     const std::string sql = "DELETE FROM " + mainTableName_ + " WHERE Path=?;";
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    const int prepared = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (prepared != SQLITE_OK) {
         QLOG(ERROR) << "prepare deleteMetadataByPath error: " << sqlite3_errmsg(db_);
-        return false;
+        return prepared;
     }
     QLOG(INFO) << "QuorviaDBMgr::deleteMetadataByPath sql_str is " << sql << ", path is "
                << unified;
     bindText(stmt, 1, unified);
-    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    const int code = sqlite3_step(stmt);
+    isSqlSucceed(code);
     sqlite3_finalize(stmt);
-    return result;
+    return code;
 }
 
 // The root and everything below it, on whole components: /mnt/usb1 takes
@@ -132,22 +139,29 @@ bool QuorviaDBMgr::deleteMetadataByRootPath(const std::string& rootPath) {
 }
 
 bool QuorviaDBMgr::updateFilePath(const std::string& oldPath, const std::string& newPath) {
+    return waitingForStore("QuorviaDBMgr::updateFilePath", ", from " + oldPath + ", to " + newPath,
+                           [&] { return tryUpdateFilePath(oldPath, newPath); });
+}
+
+int QuorviaDBMgr::tryUpdateFilePath(const std::string& oldPath, const std::string& newPath) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     const std::string from = CommonUtils::sUnifyPathStyle(oldPath);
     const std::string to = CommonUtils::sUnifyPathStyle(newPath);
     const std::string sql = "UPDATE " + mainTableName_ + " SET PATH =? WHERE PATH=?;";
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    const int prepared = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (prepared != SQLITE_OK) {
         QLOG(ERROR) << "prepare updateFilePath error: " << sqlite3_errmsg(db_);
-        return false;
+        return prepared;
     }
     bindText(stmt, 1, to);
     bindText(stmt, 2, from);
     QLOG(INFO) << "QuorviaDBMgr::updateFilePath, sql_str is " << sql << ", from " << from
                << ", to " << to;
-    const bool result = isSqlSucceed(sqlite3_step(stmt));
+    const int code = sqlite3_step(stmt);
+    isSqlSucceed(code);
     sqlite3_finalize(stmt);
-    return result;
+    return code;
 }
 
 }  // namespace quorvia

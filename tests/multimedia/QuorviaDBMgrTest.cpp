@@ -358,16 +358,23 @@ TEST_F(QuorviaDBMgrTest, UpdateDirPathsRewritesRowsBelowTheDirectoryOnly) {
         EXPECT_EQ(after, RawDb(file).column("SELECT PATH FROM quorvia ORDER BY "
                                             "CAST(substr(HASH,2) AS INTEGER)"));
     }
-    // Failing half way moves nothing, and the store stays usable.
+    // A slice that fails moves none of its rows and ends the move; the
+    // slices before it stay moved, and the store stays usable.
     QuorviaDBMgr store(dbPath());
-    fill(store, {"/d/a/1.jpg", "/d/a/2.jpg", "/d/a/3.jpg"});
     RawDb raw(dbPath());
-    raw.exec("CREATE TRIGGER refuse BEFORE UPDATE ON quorvia WHEN NEW.PATH='/n/3.jpg' "
-             "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    const std::size_t slice = QuorviaDBMgr::kMoveSliceRows, rows = slice + 2;
+    raw.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+             std::to_string(rows) +
+             ") INSERT INTO quorvia(HASH, PATH) SELECT 'h' || i, '/d/a/' || i "
+             "FROM n");
+    raw.exec("CREATE TRIGGER refuse BEFORE UPDATE ON quorvia WHEN NEW.PATH='/n/" +
+             std::to_string(rows) + "' BEGIN SELECT RAISE(ABORT, 'refused'); END");
     store.updateDirPaths("/d/a/", "/n/");
-    EXPECT_EQ((Paths{"/d/a/1.jpg", "/d/a/2.jpg", "/d/a/3.jpg"}), raw.paths());
-    EXPECT_TRUE(store.updateFilePath("/d/a/1.jpg", "/z.jpg"));
-    EXPECT_EQ((Paths{"/z.jpg", "/d/a/2.jpg", "/d/a/3.jpg"}), raw.paths());
+    const std::string count = "SELECT count(*) FROM quorvia WHERE PATH LIKE ";
+    EXPECT_EQ(Texts{std::to_string(slice)}, raw.column(count + "'/n/%'"));
+    EXPECT_EQ(Texts{"2"}, raw.column(count + "'/d/a/%'"));
+    EXPECT_TRUE(store.updateFilePath("/d/a/1001", "/z.jpg"));
+    EXPECT_EQ(Texts{"/z.jpg"}, raw.column("SELECT PATH FROM quorvia WHERE HASH = 'h1001'"));
 }
 
 // A folder of many files renamed in one transaction grew the write-ahead log
@@ -379,6 +386,8 @@ TEST_F(QuorviaDBMgrTest, TheLogShrinksBackAfterABigFolderMoveRegression) {
         "INSERT INTO quorvia(HASH, PATH) SELECT 'h' || i, '/big/' || i || '" +
         std::string(100, 'x') + "' FROM n");
     store.updateDirPaths("/big/", "/moved/");
+    EXPECT_EQ(Texts{"20000"},
+              RawDb(dbPath()).column("SELECT count(*) FROM quorvia WHERE PATH LIKE '/moved/%'"));
     ASSERT_TRUE(store.insertToDB(row("small", "/s")));
     struct stat log;
     ASSERT_EQ(0, stat((dbPath() + "-wal").c_str(), &log));
@@ -413,8 +422,8 @@ TEST_F(QuorviaDBMgrTest, FileHashIsCachedByPath) {
 
 // Another process on the file. One holding it for less than
 // kBusyTimeoutMillis delays a delete; it does not make it fail and leave the
-// row. A folder move whose transaction could not start within the busy
-// timeout was dropped with only "database is locked": its rows stayed behind.
+// row. A folder or file move that could not write within the busy timeout
+// was dropped with only "database is locked": its rows stayed behind.
 // An operator's reader with a transaction open (a backup, the sqlite3 shell)
 // neither holds up nor fails the writes: they go on in the log while the
 // reader keeps its snapshot.
@@ -429,8 +438,13 @@ TEST_F(QuorviaDBMgrTest, WritesWaitForAnotherProcessLockAndPassItsOpenReaderRegr
     store.updateDirPaths("/d/old/", "/d/new/");
     release.join();
     EXPECT_EQ((Paths{"/d/b.mp3", "/d/new/a.mp3", "/d/new/b.mp3"}), raw.paths());
-    // The lock outlasted the busy timeout: the move was tried again.
+    release = raw.lockFor(QuorviaDBMgr::kBusyTimeoutMillis * 5 / 4);
+    EXPECT_TRUE(store.updateFilePath("/d/new/b.mp3", "/d/new/c.mp3"));
+    release.join();
+    EXPECT_EQ((Paths{"/d/b.mp3", "/d/new/a.mp3", "/d/new/c.mp3"}), raw.paths());
+    // The lock outlasted the busy timeout: the moves were tried again.
     EXPECT_TRUE(log_.contains("updateDirPaths waits for the store", google::GLOG_WARNING));
+    EXPECT_TRUE(log_.contains("updateFilePath waits for the store", google::GLOG_WARNING));
 
     raw.exec("BEGIN");
     EXPECT_EQ(3u, raw.paths().size());
