@@ -6,6 +6,7 @@
 
 #include "backup/inotify/FileChangeMonitor.h"
 #include "multimedia/quorviatask/BatchOrder.h"
+#include "multimedia/quorviatask/QuorviaDeleteDirTask.h"
 #include "multimedia/quorviatask/QuorviaMoveDirTask.h"
 #include "multimedia/quorviatask/QuorviaReconcileTask.h"
 #include "multimedia/quorviatask/QuorviaTaskFactory.h"
@@ -14,7 +15,7 @@
 
 namespace quorvia {
 
-constexpr const char* QuorviaManager::kMovingPrefix;
+constexpr const char* QuorviaManager::kMovingFolder;
 boost::shared_ptr<QuorviaManager> QuorviaManager::sInstance_;
 boost::mutex QuorviaManager::instanceMutex_;
 
@@ -76,17 +77,22 @@ void QuorviaManager::eventsLost(const std::vector<std::string>& roots,
     if (!dispatcher_) {
         return;
     }
+    if (!moves.empty()) {
+        dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(
+            new QuorviaDeleteDirTask(kMovingFolder, MONITOR_TYPE_INOTIFY)));
+    }
+    const std::string waiting = std::string(kMovingFolder) + "/";
     std::vector<FolderMove> deepestFirst(moves);
     std::stable_sort(
         deepestFirst.begin(), deepestFirst.end(),
         [](const FolderMove& a, const FolderMove& b) { return a.from.size() > b.from.size(); });
     for (std::size_t i = 0; i < deepestFirst.size(); ++i) {
         dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(new QuorviaMoveDirTask(
-            deepestFirst[i].from, kMovingPrefix + std::to_string(i) + "/", MONITOR_TYPE_INOTIFY)));
+            deepestFirst[i].from, waiting + std::to_string(i) + "/", MONITOR_TYPE_INOTIFY)));
     }
     for (std::size_t i = 0; i < deepestFirst.size(); ++i) {
         dispatcher_->dispatch(boost::shared_ptr<Dispatchable>(new QuorviaMoveDirTask(
-            kMovingPrefix + std::to_string(i) + "/", deepestFirst[i].to, MONITOR_TYPE_INOTIFY)));
+            waiting + std::to_string(i) + "/", deepestFirst[i].to, MONITOR_TYPE_INOTIFY)));
     }
     for (const std::string& root : roots) {
         dispatcher_->dispatch(

@@ -21,9 +21,9 @@ namespace quorvia {
 class QuorviaManager : public IFileChangeMonitorObserver,
                        public boost::enable_shared_from_this<QuorviaManager> {
 public:
-    // Where rows wait between the two steps of a folder's move after lost
-    // events: no path that a row has starts so.
-    static constexpr const char* kMovingPrefix = ":moving:";
+    // The folder where rows wait between the two steps of a folder's move
+    // after lost events: no path that a row has starts so.
+    static constexpr const char* kMovingFolder = ":moving:";
 
     // The one manager, made at the first call. Any thread.
     static boost::shared_ptr<QuorviaManager> sGetInstance();
@@ -48,11 +48,12 @@ public:
     // changes count for JPEG files only; the batch's events in BatchOrder.
     virtual void update(std::vector<FileChangeItem>* changes, MonitorType type);
     // Lost events under roots: the folders found moved take their rows along
-    // (each folder's rows first to a name of its own, kMovingPrefix and a
-    // number, deepest folder first, then to where it is: the moves happened
-    // at once, and may swap names), then each root's rows are checked
-    // against the disk; all by tasks queued behind the changes delivered
-    // before.
+    // (each folder's rows first to a numbered folder of kMovingFolder,
+    // deepest folder first, then to where it is: the moves happened at once,
+    // and may swap names), then each root's rows are checked against the
+    // disk; all by tasks queued behind the changes delivered before. Rows
+    // that an earlier such move left waiting (the store stayed locked) are
+    // dropped first: where their files are is no longer known.
     virtual void eventsLost(const std::vector<std::string>& roots,
                             const std::vector<FolderMove>& moves);
     // One change to the queue (dropped when the queue isn't made yet).
