@@ -11,6 +11,7 @@
 
 #include "multimedia/QuorviaDBMgrSql.h"
 #include "multimedia/SqliteFileStatus.h"
+#include "multimedia/SqliteOwnFiles.h"
 #include "storage/Directory.h"
 #include "storage/FileStatus.h"
 #include "system/DeviceMountInfo.h"
@@ -131,6 +132,7 @@ bool QuorviaDBMgr::openDB() {
     // which in the daemon is this open; later calls are refused, harmlessly.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     SqliteFileStatus::sInstall();
+    SqliteOwnFiles::sInstall();
     // No threading flag: the library's default mode applies, which on this
     // platform's SQLite (built SQLITE_THREADSAFE=1) is serialized, so the one
     // connection may be used from several threads (see getMetadataByHash).

@@ -13,6 +13,7 @@
 
 #include "multimedia/QuorviaDBMgr.h"
 #include "multimedia/SqliteFileStatus.h"
+#include "multimedia/SqliteOwnFiles.h"
 #include "support/DeviceRootTest.h"
 
 using quorvia::QuorviaContext;
@@ -190,6 +191,32 @@ TEST_F(QuorviaDBMgrTest, AFolderSwappedForALinkAfterTheCheckLeadsNothingElsewher
     }
     vfs->xSetSystemCall(vfs, "lstat", gLstat);
     EXPECT_EQ(1u, RawDb(path("/disk/moved/quorvia.db")).paths().size());
+}
+
+// SQLite opens a store's journal by name at each write. A hard link planted
+// there once the store was open got the journal, pages of rows included,
+// written into the file it named (regression); nor may a symbolic link or a
+// FIFO take it. Each write fails while the plant stays, and no more.
+TEST_F(QuorviaDBMgrTest, FilesPlantedBesideAnOpenStoreAreNeverWrittenThroughRegression) {
+    quorvia::SqliteOwnFiles::sInstall();
+    RawDb raw(dbPath());
+    raw.exec("PRAGMA journal_mode=DELETE; CREATE TABLE t(x); INSERT INTO t VALUES(0)");
+    writeFile("/victim", "");
+    const std::string journal = quorvia_test::quoted(dbPath() + "-journal");
+    for (const std::string& plant :
+         {"ln " + quorvia_test::quoted(path("/victim")),
+          "ln -s " + quorvia_test::quoted(path("/victim")), std::string("mkfifo")}) {
+        SCOPED_TRACE(plant);
+        ASSERT_EQ(0, shell(plant + " " + journal));
+        sqlite3* db = NULL;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open(dbPath().c_str(), &db));
+        EXPECT_NE(SQLITE_OK, sqlite3_exec(db, "INSERT INTO t VALUES(1)", NULL, NULL, NULL));
+        sqlite3_close(db);
+        EXPECT_EQ("", quorvia_test::slurp(path("/victim")));
+        ASSERT_EQ(0, shell("rm " + journal));
+    }
+    raw.exec("INSERT INTO t VALUES(2)");
+    EXPECT_EQ((Texts{"0", "2"}), raw.column("SELECT x FROM t"));
 }
 
 // A disk remounted read-only (the router's answer to a file system error)

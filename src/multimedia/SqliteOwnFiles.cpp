@@ -1,0 +1,74 @@
+#include "multimedia/SqliteOwnFiles.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <mutex>
+
+#include "storage/FileStatus.h"
+#include "system/Log.h"
+
+namespace quorvia {
+
+namespace {
+
+using talvern::FileStatus;
+
+typedef int (*OpenCall)(const char*, int, int);
+
+OpenCall gOpen = NULL;
+
+// The file open on fd is a folder, or the one regular file of one name that
+// path names, not through a link.
+bool isOwnFile(int fd, const char* path) {
+    FileStatus opened, named;
+    if (FileStatus::sOfDescriptor(fd, opened) != 0) {
+        return false;
+    }
+    if (opened.isDirectory()) {
+        return true;
+    }
+    return opened.isRegular() && opened.links == 1 &&
+           FileStatus::sOfPath(path, named, false) == 0 && named.device == opened.device &&
+           named.inode == opened.inode;
+}
+
+int openOwnFile(const char* path, int flags, int mode) {
+    const int fd = gOpen(path, flags | O_NONBLOCK, mode);
+    if (fd < 0) {
+        return fd;
+    }
+    if (!isOwnFile(fd, path)) {
+        close(fd);
+        QLOG(ERROR) << "the store's file " << path
+                    << " is a link, a second name of another file or no file; not opened";
+        errno = EACCES;
+        return -1;
+    }
+    if ((flags & O_NONBLOCK) == 0) {
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    }
+    return fd;
+}
+
+void install() {
+    sqlite3_vfs* vfs = sqlite3_vfs_find(NULL);
+    if (vfs == NULL || vfs->iVersion < 3 || vfs->xSetSystemCall == NULL) {
+        return;
+    }
+    gOpen = reinterpret_cast<OpenCall>(vfs->xGetSystemCall(vfs, "open"));
+    if (gOpen != NULL) {
+        vfs->xSetSystemCall(vfs, "open", reinterpret_cast<sqlite3_syscall_ptr>(&openOwnFile));
+    }
+}
+
+}  // namespace
+
+void SqliteOwnFiles::sInstall() {
+    static std::once_flag once;
+    std::call_once(once, install);
+}
+
+}  // namespace quorvia
