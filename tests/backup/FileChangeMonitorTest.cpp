@@ -513,12 +513,16 @@ TEST_F(FileChangeMonitorTest, TableFollowsTheTreeThroughMovesChurnAndARemadeData
     }
     fs::create_symlink(data() + "/old", data() + "/old/sub/loop");
     fs::create_directories(root() + "/outside/tree/branch");
+    writeFile("/userdisk/data/.DS_Store", "");
     // Folders dated past 2038 (a restored backup) went unwatched where time_t
     // has 32 bits (regression).
     ASSERT_EQ(0, shell("touch -d 2040-01-01 " + quorvia_test::quoted(data()) + " " +
                        quorvia_test::quoted(data() + "/old/sub/deeper")));
     start();
     ASSERT_EQ(Lines({"", "old/", "old/sub/", "old/sub/deeper/"}), watched());
+    // Only folders are said to be filtered (every file of a name like theirs was).
+    EXPECT_TRUE(log_.contains(".hidden is recycle or hidden directory"));
+    EXPECT_FALSE(log_.contains(".DS_Store is recycle"));
 
     mkdirs("made/a/b");
     EXPECT_EQ(Lines({"CREATE made/"}), batchAfterPasses(1)) << "no items for what the scan found";

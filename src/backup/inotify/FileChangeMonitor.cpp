@@ -122,6 +122,7 @@ bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::st
     if (folder < 0) {
         // A link or a file now stands there: its own events tell what came.
         if (errno != ELOOP && errno != ENOTDIR) {
+            noteRefusedWatch(errno);
             delayAddDirs_[dir] = 1;
         }
         return false;
@@ -156,14 +157,15 @@ void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
     while (const struct dirent* entry = readdir(stream)) {
         const std::string name = entry->d_name;
         // An entry gone meanwhile (its folder too) is passed over without a
-        // word; links are passed over as what they are.
+        // word; links are passed over as what they are. Only a folder is
+        // put to the filter, which logs each name it filters.
         talvern::FileStatus status;
-        const int error = name == "." || name == ".." || CommonUtils::isFilterDir(name)
+        const int error = name == "." || name == ".."
                               ? ENOENT
                               : talvern::FileStatus::sOfEntry(folder, name, status, false);
         if (error != 0 && error != ENOENT && error != ENOTDIR) {
             logUnreadable(parent + name, error);
-        } else if (error == 0 && status.isDirectory()) {
+        } else if (error == 0 && status.isDirectory() && !CommonUtils::isFilterDir(name)) {
             subdirs.push_back(parent + name);
         }
         errno = 0;
@@ -180,9 +182,14 @@ void FileChangeMonitor::logUnreadable(const std::string& path, int error) {
                 << std::strerror(error);
 }
 
+// A folder that can't be opened (no permission, no descriptor left) can't
+// be watched either: it is said as a refused watch.
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
     const int folder = openFolder(dir);
     if (folder < 0) {
+        if (errno != ELOOP && errno != ENOTDIR) {
+            noteRefusedWatch(errno);
+        }
         return false;
     }
     close(folder);
