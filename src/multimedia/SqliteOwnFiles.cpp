@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <mutex>
 
 #include "storage/FileStatus.h"
@@ -19,6 +20,10 @@ using talvern::FileStatus;
 typedef int (*OpenCall)(const char*, int, int);
 
 OpenCall gOpen = NULL;
+
+// The one file outside its folder that SQLite opens: the source of its
+// random numbers.
+const char* const kRandomSource = "/dev/urandom";
 
 // The file open on fd is a folder, or the one regular file of one name that
 // path names, not through a link.
@@ -36,6 +41,9 @@ bool isOwnFile(int fd, const char* path) {
 }
 
 int openOwnFile(const char* path, int flags, int mode) {
+    if (std::strcmp(path, kRandomSource) == 0) {
+        return gOpen(path, flags, mode);
+    }
     const int fd = gOpen(path, flags | O_NONBLOCK, mode);
     if (fd < 0) {
         return fd;

@@ -9,9 +9,10 @@ namespace quorvia {
 // it write pages of the store into the file the link names, a symbolic link
 // wherever that leads, and a FIFO held the writer for ever. Through this,
 // SQLite's default file system layer opens only a file of one name that is
-// the very file at the name it opened (or a folder, for its flushes), and
-// never waits in the open; anything else fails as a file that can't be
-// opened, said at ERROR, and the write it was for fails with it.
+// the very file at the name it opened (or a folder, for its flushes, or its
+// source of random numbers), and never waits in the open; anything else
+// fails as a file that can't be opened, said at ERROR, and the write it was
+// for fails with it.
 class SqliteOwnFiles {
 public:
     virtual ~SqliteOwnFiles() {}

@@ -201,6 +201,9 @@ TEST_F(QuorviaDBMgrTest, FilesPlantedBesideAnOpenStoreAreNeverWrittenThroughRegr
     quorvia::SqliteOwnFiles::sInstall();
     RawDb raw(dbPath());
     raw.exec("PRAGMA journal_mode=DELETE; CREATE TABLE t(x); INSERT INTO t VALUES(0)");
+    // SQLite's source of random numbers is still read (it was refused).
+    raw.exec("SELECT randomblob(16)");
+    EXPECT_FALSE(log_.contains("/dev/urandom"));
     writeFile("/victim", "");
     const std::string journal = quorvia_test::quoted(dbPath() + "-journal");
     for (const std::string& plant :
