@@ -2,14 +2,15 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
-#include <atomic>
 #include <deque>
 #include <exception>
+#include <functional>
 
 #include "system/Log.h"
 
@@ -106,16 +107,24 @@ private:
     }
 
     // A task that throws (running, or asked whether it recurs) must not take
-    // the worker, and with it every later file task, down: it is logged and
-    // counts as done.
+    // the worker, and with it every later file task, down: it is logged, and
+    // a turn that threw still asks whether the task recurs.
     void runTurn(const boost::shared_ptr<Dispatchable>& task) {
-        try {
+        guarded([&task] {
             if (task->shouldExecute()) {
                 task->run();
             }
+        });
+        guarded([this, &task] {
             if (task->isRecurring()) {
                 dispatch(task);
             }
+        });
+    }
+
+    static void guarded(const std::function<void()>& step) {
+        try {
+            step();
         } catch (const boost::thread_interrupted&) {
             throw;
         } catch (const std::exception& e) {

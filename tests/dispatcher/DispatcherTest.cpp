@@ -152,18 +152,20 @@ public:
     virtual bool isRecurring() { throw std::bad_alloc(); }
 };
 
-// A task that throws (running or asked whether it recurs: the process ended
-// then) or stops the dispatcher leaves the worker going; one
-// that is interrupted ends it, the queue stays and a new start runs it.
+// A task that throws (running, and it still recurs; or asked whether it
+// recurs: the process ended then) or stops the dispatcher leaves the worker
+// going; one that is interrupted ends it, the queue stays and a new start
+// runs it.
 TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     quorvia_test::LogCapture log;
     Journal journal;
     Dispatcher dispatcher(true);
-    dispatcher.dispatch(task(journal, "bad", [] { throw std::runtime_error("disk vanished"); }));
+    dispatcher.dispatch(task(
+        journal, "bad", [] { throw std::runtime_error("disk vanished"); }, 2));
     dispatcher.dispatch(boost::shared_ptr<Dispatchable>(new FailsToRecur(journal)));
     dispatcher.dispatch(task(journal, "stopper", [&dispatcher] { dispatcher.stop(); }));
     dispatcher.dispatch(task(journal, "next"));
-    EXPECT_EQ(Names({"bad", "no room", "stopper", "next"}), journal.waitFor(4));
+    EXPECT_EQ(Names({"bad", "no room", "stopper", "next", "bad"}), journal.waitFor(5));
     EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
     EXPECT_TRUE(dispatcher.isRunning());
 
@@ -174,7 +176,7 @@ TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     EXPECT_FALSE(dispatcher.isRunning());
     dispatcher.dispatch(task(journal, "after restart"));
     dispatcher.start();
-    EXPECT_EQ("after restart", journal.waitFor(6).back());
+    EXPECT_EQ("after restart", journal.waitFor(7).back());
 }
 
 }  // namespace
