@@ -58,7 +58,13 @@ public:
         }
         return -1;
     }
-    int waitReadable(int, int) override { return queued.empty() ? 0 : 1; }
+    int waitReadable(int, int) override {
+        if (queued.empty() && !arriving.empty()) {
+            queued.push_back(arriving.front());
+            arriving.pop_front();
+        }
+        return queued.empty() ? 0 : 1;
+    }
     ssize_t read(int, char* buffer, std::size_t size) override {
         if (queued.empty()) {
             return -1;
@@ -72,6 +78,7 @@ public:
     int initErrno = 0;
     std::function<void(const std::string&)> beforeWatch;  // called with each path to watch
     std::deque<std::string> queued;     // what read() hands out, one per call
+    std::deque<std::string> arriving;   // queued one by one at waits that find none
     std::map<std::string, int> refuse;  // path with "/" -> errno
     std::map<std::string, int> wds;     // the last watch placed for each path
     std::map<std::pair<dev_t, ino_t>, int> byInode;
@@ -288,6 +295,10 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
     monitor_->delayAddWatchDiskDir();
     EXPECT_TRUE(monitor_->delayedDirs().empty());
     EXPECT_EQ(Lines({"", "x/"}), watched());
+    // A folder that is gone is no refusal: nothing is said.
+    const int refusals = log_.count("talvern inotify_add_watch error");
+    EXPECT_FALSE(monitor_->addWatchDiskDir(data() + "/gone"));
+    EXPECT_EQ(refusals, log_.count("talvern inotify_add_watch error"));
 
     // Without inotify at all the disk is not followed, and the reason said.
     fake_->initErrno = EMFILE;
@@ -405,6 +416,14 @@ TEST_F(FileChangeMonitorTest, ABusyDiskIsSettledEveryFewSecondsRegression) {
     busySecond({IN_MOVED_TO | IN_ISDIR, "C", 8});
     EXPECT_EQ(Lines({"FROM B/", "TO C/"}), batchAfterPasses(2));
     EXPECT_EQ(Lines({"", "C/", "C/t/"}), watched());
+    // So does a read after which the other half comes at once (another
+    // event was queued between the halves).
+    clock_->at += std::chrono::seconds(FileChangeMonitor::kMaxUnsettledSeconds);
+    fs::rename(data() + "/C", data() + "/D");
+    fake_->queued.push_back(records(wd(), {{IN_MOVED_FROM | IN_ISDIR, "C", 9}}));
+    fake_->arriving.push_back(records(wd(), {{IN_MOVED_TO | IN_ISDIR, "D", 9}}));
+    busySecond({IN_CLOSE_WRITE, "song.mp3"});
+    EXPECT_EQ(Lines({"FROM C/", "MODIFY song.mp3", "TO D/"}), batchAfterPasses(3));
 }
 
 // A folder moved out and a new one of its name made, in one batch: the old

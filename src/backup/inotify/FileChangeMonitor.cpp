@@ -41,6 +41,7 @@ const unsigned int FileChangeMonitor::kMaxRootRetryPasses;
 const std::size_t FileChangeMonitor::kMaxBatchItems;
 const int FileChangeMonitor::kMaxBatchSeconds;
 const int FileChangeMonitor::kMaxUnsettledSeconds;
+const int FileChangeMonitor::kSettleGraceMilliseconds;
 
 FileChangeMonitor* FileChangeMonitor::sGetInstance() {
     static FileChangeMonitor instance;
@@ -122,7 +123,7 @@ bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::st
     if (folder < 0) {
         // A link or a file now stands there: its own events tell what came.
         if (errno != ELOOP && errno != ENOTDIR) {
-            noteRefusedWatch(errno);
+            noteUnopenedFolder(errno);
             delayAddDirs_[dir] = 1;
         }
         return false;
@@ -182,14 +183,10 @@ void FileChangeMonitor::logUnreadable(const std::string& path, int error) {
                 << std::strerror(error);
 }
 
-// A folder that can't be opened (no permission, no descriptor left) can't
-// be watched either: it is said as a refused watch.
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
     const int folder = openFolder(dir);
     if (folder < 0) {
-        if (errno != ELOOP && errno != ENOTDIR) {
-            noteRefusedWatch(errno);
-        }
+        noteUnopenedFolder(errno);
         return false;
     }
     close(folder);
@@ -236,6 +233,15 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     keepReturnedDirectory(wd);
     QLOG(INFO) << "add inotify watch " << dir;
     return true;
+}
+
+// A folder that can't be opened (no permission, no descriptor left) can't
+// be watched either: it is said as a refused watch. One that is gone, or is
+// no folder of its own (a link, a file), is passed over without a word.
+void FileChangeMonitor::noteUnopenedFolder(int error) {
+    if (error != ENOENT && error != ELOOP && error != ENOTDIR) {
+        noteRefusedWatch(error);
+    }
 }
 
 // The watch limit is the one refusal an operator can fix; say so once until
@@ -612,7 +618,8 @@ void FileChangeMonitor::runPass() {
         drain();
         if (batchIsFull()) {
             deliverChanges(false);
-        } else if (settleIsOverdue()) {
+        } else if (settleIsOverdue() &&
+                   kernel_->waitReadable(inotifyFd_, kSettleGraceMilliseconds) == 0) {
             settle();
         }
     } else if (r == 0 || error == EINTR) {
@@ -632,8 +639,10 @@ void FileChangeMonitor::settle() {
     recoverLostEvents();
 }
 
-// A move's halves are queued one after the other: a read that left the
-// queue dry and did not end between them holds both, or neither.
+// A move's halves are queued one after the other, by one system call: a
+// read that left the queue dry, did not end between them, and after which
+// nothing came for a moment (another event may be queued between the
+// halves) holds both, or neither.
 bool FileChangeMonitor::settleIsOverdue() const {
     return !readEndsInMoveFrom_ &&
            clock_->now() - lastSettled_ >= std::chrono::seconds(kMaxUnsettledSeconds);

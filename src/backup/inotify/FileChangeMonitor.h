@@ -55,9 +55,11 @@ public:
     // this many apart: a refusal costs a log line per try, not per second.
     static const unsigned int kMaxRootRetryPasses = 256;
     // A queue that never stays quiet for a second is settled as on a quiet
-    // pass once this long has passed without one, when a read leaves it dry
-    // and did not end on the first half of a move.
+    // pass once this long has passed without one, when a read leaves it dry,
+    // did not end on the first half of a move, and nothing comes for
+    // kSettleGraceMilliseconds after it.
     static const int kMaxUnsettledSeconds = 10;
+    static const int kSettleGraceMilliseconds = 10;
 
     // The daemon's instance, built at the first call.
     static FileChangeMonitor* sGetInstance();
@@ -208,6 +210,7 @@ private:
     void noteRootIdentity(const std::string& root);
     void checkRootsInPlace();
     void noteRefusedWatch(int error);
+    void noteUnopenedFolder(int error);
     bool isRoot(const std::string& pathWithSlash) const;
 
     std::atomic<int> disableUntil_;
