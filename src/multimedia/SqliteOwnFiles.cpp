@@ -21,9 +21,18 @@ typedef int (*OpenCall)(const char*, int, int);
 
 OpenCall gOpen = NULL;
 
-// The one file outside its folder that SQLite opens: the source of its
-// random numbers.
-const char* const kRandomSource = "/dev/urandom";
+// SQLite opens two devices of the system by these names (its random
+// numbers, and a stand-in for a closed standard descriptor); no store lies
+// there.
+const char kDevices[] = "/dev/";
+
+// What stands at path (not through a link) may be opened: nothing yet, a
+// regular file or a folder. A FIFO would hold the open for ever.
+bool mayOpen(const char* path) {
+    FileStatus named;
+    const int error = FileStatus::sOfPath(path, named, false);
+    return error == ENOENT || (error == 0 && (named.isRegular() || named.isDirectory()));
+}
 
 // The file open on fd is a folder, or the one regular file of one name that
 // path names, not through a link.
@@ -40,23 +49,24 @@ bool isOwnFile(int fd, const char* path) {
            named.inode == opened.inode;
 }
 
+int refuse(const char* path) {
+    QLOG(ERROR) << "the store's file " << path
+                << " is a link, a second name of another file or no file; not opened";
+    errno = EACCES;
+    return -1;
+}
+
 int openOwnFile(const char* path, int flags, int mode) {
-    if (std::strcmp(path, kRandomSource) == 0) {
+    if (std::strncmp(path, kDevices, sizeof(kDevices) - 1) == 0) {
         return gOpen(path, flags, mode);
     }
-    const int fd = gOpen(path, flags | O_NONBLOCK, mode);
-    if (fd < 0) {
-        return fd;
+    if (!mayOpen(path)) {
+        return refuse(path);
     }
-    if (!isOwnFile(fd, path)) {
+    const int fd = gOpen(path, flags, mode);
+    if (fd >= 0 && !isOwnFile(fd, path)) {
         close(fd);
-        QLOG(ERROR) << "the store's file " << path
-                    << " is a link, a second name of another file or no file; not opened";
-        errno = EACCES;
-        return -1;
-    }
-    if ((flags & O_NONBLOCK) == 0) {
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+        return refuse(path);
     }
     return fd;
 }

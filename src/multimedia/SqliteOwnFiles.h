@@ -8,11 +8,12 @@ namespace quorvia {
 // folder on the user disk. A hard link planted at one of those names made
 // it write pages of the store into the file the link names, a symbolic link
 // wherever that leads, and a FIFO held the writer for ever. Through this,
-// SQLite's default file system layer opens only a file of one name that is
-// the very file at the name it opened (or a folder, for its flushes, or its
-// source of random numbers), and never waits in the open; anything else
-// fails as a file that can't be opened, said at ERROR, and the write it was
-// for fails with it.
+// SQLite's default file system layer opens, outside /dev, only a file of one
+// name that is the very file at the name it opened, or a folder (for its
+// flushes); anything else fails as a file that can't be opened, said at
+// ERROR, and the write it was for fails with it. What stands at the name is
+// looked at before the open too, which therefore never waits on a FIFO
+// (unless one is swapped in within that moment).
 class SqliteOwnFiles {
 public:
     virtual ~SqliteOwnFiles() {}
