@@ -165,10 +165,10 @@ private:
     int tryUpdateFilePath(const std::string& oldPath, const std::string& newPath);
     int tryDeleteRowsBelow(const std::string& dir, std::size_t limit, std::size_t& removed);
     // Both run under moveSlice's lock: up to kMoveSliceRows rows below dir with
-    // a rowid above afterRowid, in rowid order; updatePath sets each row's
-    // newPath and counts the rows it stepped in rewritten, false when a step
-    // failed.
-    void getFileByDir(std::vector<PathRow>& rows, const std::string& dir, sqlite3_int64 afterRowid);
+    // a rowid above afterRowid, in rowid order, and the code of the listing's
+    // end (SQLITE_DONE when whole); updatePath sets each row's newPath and
+    // counts the rows it stepped in rewritten, false when a step failed.
+    int getFileByDir(std::vector<PathRow>& rows, const std::string& dir, sqlite3_int64 afterRowid);
     bool updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
                     const std::string& newDir, size_t& rewritten);
     // One slice of updateDirPaths in a transaction of its own, under mutex_:

@@ -31,16 +31,20 @@ std::string prefixUpperBound(const std::string& prefix) {
 }  // namespace
 
 // Each slice lists its rows first and rewrites each listed row once by
-// rowid, and the next slice lists from the last rowid on, so a new directory
-// below the old one is not rewritten twice and the move ends. The per-row
-// lines of a slice are written once the lock is released: logging can cost
-// more than the rewrite, and requests wait for the lock meanwhile.
+// rowid. Rewritten rows leave the old directory, so the next slice lists
+// from the start again; only a new directory at or below the old one keeps
+// them there, and then the next slice lists from the last rowid on, so that
+// no row is rewritten twice and the move ends. The per-row lines of a slice
+// are written once the lock is released: logging can cost more than the
+// rewrite, and requests wait for the lock meanwhile.
 void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& newDir) {
     QLOG(INFO) << "QuorviaDBMgr::updateDirPaths from " << oldDir << ", to " << newDir;
     if (oldDir.empty()) {
         return;
     }
     const std::string detail = ", from " + oldDir + ", to " + newDir;
+    const std::string oldPrefix = componentPrefix(oldDir);
+    const bool staysBelow = componentPrefix(newDir).compare(0, oldPrefix.size(), oldPrefix) == 0;
     std::vector<PathRow> rows;
     sqlite3_int64 after = 0;
     do {
@@ -58,7 +62,7 @@ void QuorviaDBMgr::updateDirPaths(const std::string& oldDir, const std::string& 
         if (!moved || rows.empty()) {
             return;
         }
-        after = rows.back().rowid;
+        after = staysBelow ? rows.back().rowid : 0;
     } while (rows.size() == kMoveSliceRows);
 }
 
@@ -67,11 +71,11 @@ int QuorviaDBMgr::moveSlice(std::vector<PathRow>& rows, const std::string& oldDi
                             size_t& rewritten) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     rewritten = 0;
-    getFileByDir(rows, oldDir, afterRowid);
-    if (rows.empty()) {
-        return SQLITE_DONE;
+    int code = getFileByDir(rows, oldDir, afterRowid);
+    if (code != SQLITE_DONE || rows.empty()) {
+        rows.clear();
+        return code;
     }
-    int code = SQLITE_OK;
     if (!execSql("BEGIN IMMEDIATE;", code)) {
         rows.clear();
         return code;
@@ -80,26 +84,28 @@ int QuorviaDBMgr::moveSlice(std::vector<PathRow>& rows, const std::string& oldDi
         return code;
     }
     // Nothing of the slice was moved: no row gets an update line. A full
-    // disk has already rolled the transaction back.
+    // disk has already rolled the transaction back; a commit that found the
+    // store busy is tried again.
     QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to " << newDir;
     if (!sqlite3_get_autocommit(db_)) {
         execSql("ROLLBACK;");
     }
     rewritten = 0;
-    return SQLITE_ABORT;
+    return code == SQLITE_BUSY ? SQLITE_BUSY : SQLITE_ABORT;
 }
 
 // Exact bytes, case kept: a row that differs from dir in case only stays.
-void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& dir,
-                                sqlite3_int64 afterRowid) {
+int QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& dir,
+                               sqlite3_int64 afterRowid) {
     rows.clear();
     const std::string sql = "SELECT rowid, Path FROM " + mainTableName_ +
                             " WHERE rowid > ? AND (Path = ? OR (Path >= ? AND Path < ?)) "
                             "ORDER BY rowid LIMIT ?";
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    const int prepared = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (prepared != SQLITE_OK) {
         QLOG(ERROR) << "QuorviaDBMgr::getFileByDir error : " << sqlite3_errmsg(db_);
-        return;
+        return prepared;
     }
     const std::string prefix = componentPrefix(dir);
     const std::string bound = prefixUpperBound(prefix);
@@ -109,13 +115,16 @@ void QuorviaDBMgr::getFileByDir(std::vector<PathRow>& rows, const std::string& d
     bindText(stmt, 4, bound);
     sqlite3_bind_int64(stmt, 5, static_cast<sqlite3_int64>(kMoveSliceRows));
     QLOG(INFO) << "QuorviaDBMgr::getFileByDir,  sql : " << sql << " , pattern : " << prefix;
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
+    int code;
+    while ((code = sqlite3_step(stmt)) == SQLITE_ROW) {
         PathRow row;
         row.rowid = sqlite3_column_int64(stmt, 0);
         row.path = columnText(stmt, 1);
         rows.push_back(row);
     }
+    isSqlSucceed(code);
     sqlite3_finalize(stmt);
+    return code;
 }
 
 bool QuorviaDBMgr::updatePath(std::vector<PathRow>& rows, const std::string& oldDir,
