@@ -26,11 +26,25 @@ OpenCall gOpen = NULL;
 // there.
 const char kDevices[] = "/dev/";
 
-// What stands at path (not through a link) may be opened: nothing yet, a
-// regular file or a folder. A FIFO would hold the open for ever.
+// How the kernel names this process's descriptor fd: the store's folder is
+// held open and SQLite opens it by that name to flush it.
+const char kDescriptorView[] = "/proc/self/fd/";
+
+bool isDescriptorView(const char* path) {
+    const std::size_t length = sizeof(kDescriptorView) - 1;
+    if (std::strncmp(path, kDescriptorView, length) != 0 || path[length] == '\0') {
+        return false;
+    }
+    return std::strspn(path + length, "0123456789") == std::strlen(path + length);
+}
+
+// What stands at path may be opened: nothing yet, a regular file or a
+// folder, not through a link (but for a descriptor's view, which is one).
+// A FIFO would hold the open for ever, and a link with nothing at its end
+// would have the open make a file there.
 bool mayOpen(const char* path) {
     FileStatus named;
-    const int error = FileStatus::sOfPath(path, named, false);
+    const int error = FileStatus::sOfPath(path, named, isDescriptorView(path));
     return error == ENOENT || (error == 0 && (named.isRegular() || named.isDirectory()));
 }
 

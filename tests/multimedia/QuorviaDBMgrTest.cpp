@@ -294,6 +294,8 @@ TEST_F(QuorviaDBMgrTest, RecordsRoundTripWholeAndAMissLeavesTheCallersRecord) {
     EXPECT_EQ(Paths{context.path}, RawDb(dbPath()).paths());
     EXPECT_TRUE(store.getMetadataByHash("absent", read));
     EXPECT_EQ(context.metadata.title, read.title);
+    // Its folder, held open and named through /proc, is no planted link.
+    EXPECT_FALSE(log_.contains("the store's file"));
 }
 
 TEST_F(QuorviaDBMgrTest, DeleteAndUpdateByPathTakeTheExactPathOnly) {
