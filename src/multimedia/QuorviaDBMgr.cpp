@@ -71,6 +71,9 @@ void QuorviaDBMgr::checkFileInPlace() {
 
 namespace {
 
+// A statement's code that means it ran: a step that found a row, or none.
+bool succeeded(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE; }
+
 // Where /proc shows the folder each descriptor of this process is open on.
 const char* const kDescriptorFolders = "/proc/self/fd/";
 
@@ -382,7 +385,7 @@ bool QuorviaDBMgr::waitingForStore(const std::string& what, const std::string& d
     for (int attempts = 1;; ++attempts) {
         const int code = attempt();
         if (code != SQLITE_BUSY) {
-            return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
+            return succeeded(code);
         }
         if (attempts >= kWriteAttempts) {
             QLOG(ERROR) << what << " dropped, the store stayed locked" << detail;
@@ -394,7 +397,7 @@ bool QuorviaDBMgr::waitingForStore(const std::string& what, const std::string& d
 }
 
 bool QuorviaDBMgr::isSqlSucceed(int code) {
-    if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) {
+    if (succeeded(code)) {
         return true;
     }
     QLOG(ERROR) << "sql error:" << sqlite3_errmsg(db_);

@@ -39,11 +39,11 @@ namespace {
 typedef ConnectionRoom::Connection Connection;
 
 // Tells the server when serve has made its I/O thread, and gives each
-// connection its record in the room. When a connection ends, its
-// reply buffer is cut back: the library does so only after a reply was sent
-// whole, so a peer that reset before its big reply went out left that
-// buffer with the connection object, which the library keeps for the next
-// peer (500 such peers held some 250 MiB).
+// connection its record in the room. When a connection ends, its reply
+// buffer is cut back: the library does so only after a reply was sent whole,
+// so a peer that reset before its big reply went out left that buffer with
+// the connection object, which the library keeps for the next peer (500
+// such peers held some 250 MiB).
 class ConnectionTracker : public TServerEventHandler {
 public:
     ConnectionTracker(const std::function<void()>& serving,
