@@ -487,4 +487,24 @@ TEST_F(QuorviaDBMgrTest, WritesWaitForAnotherProcessLockAndPassItsOpenReaderRegr
     EXPECT_EQ(2u, raw.paths().size());
 }
 
+// A store that stayed in the old journal mode (held by another process
+// while it opened) is held from readers too: a folder move whose listing
+// failed took it for an empty folder and ended without a word, its rows
+// left behind (regression).
+TEST_F(QuorviaDBMgrTest, AFolderMoveWhoseListingFindsTheStoreHeldWaitsRegression) {
+    {
+        QuorviaDBMgr made(dbPath());
+        fill(made, {"/d/old/a.mp3", "/d/old/b.mp3"});
+    }
+    RawDb raw(dbPath());
+    raw.exec("PRAGMA journal_mode=DELETE");
+    boost::thread release = raw.lockFor(QuorviaDBMgr::kBusyTimeoutMillis * 5 / 4);
+    QuorviaDBMgr store(dbPath());
+    release.join();
+    release = raw.lockFor(QuorviaDBMgr::kBusyTimeoutMillis * 5 / 4);
+    store.updateDirPaths("/d/old/", "/d/new/");
+    release.join();
+    EXPECT_EQ((Paths{"/d/new/a.mp3", "/d/new/b.mp3"}), raw.paths());
+}
+
 }  // namespace
