@@ -71,9 +71,6 @@ void QuorviaDBMgr::checkFileInPlace() {
 
 namespace {
 
-// A statement's code that means it ran: a step that found a row, or none.
-bool succeeded(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE; }
-
 // Where /proc shows the folder each descriptor of this process is open on.
 const char* const kDescriptorFolders = "/proc/self/fd/";
 
@@ -385,7 +382,7 @@ bool QuorviaDBMgr::waitingForStore(const std::string& what, const std::string& d
     for (int attempts = 1;; ++attempts) {
         const int code = attempt();
         if (code != SQLITE_BUSY) {
-            return succeeded(code);
+            return sqlutil::succeeded(code);
         }
         if (attempts >= kWriteAttempts) {
             QLOG(ERROR) << what << " dropped, the store stayed locked" << detail;
@@ -397,7 +394,7 @@ bool QuorviaDBMgr::waitingForStore(const std::string& what, const std::string& d
 }
 
 bool QuorviaDBMgr::isSqlSucceed(int code) {
-    if (succeeded(code)) {
+    if (sqlutil::succeeded(code)) {
         return true;
     }
     QLOG(ERROR) << "sql error:" << sqlite3_errmsg(db_);

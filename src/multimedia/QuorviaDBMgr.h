@@ -120,7 +120,8 @@ public:
     // rowid order. false when the statement failed.
     bool getRowsBelowAfter(const std::string& root, sqlite3_int64 afterRowid, std::size_t limit,
                            std::vector<StoredPath>& rows);
-    // Removes the rows of these rowids, in one transaction.
+    // Removes the rows of these rowids, in one transaction; a store held by
+    // another process is waited for (kWriteAttempts).
     bool deleteRowids(const std::vector<sqlite3_int64>& rowids);
 
     // ---- File-hash cache ----
@@ -164,6 +165,7 @@ private:
     int tryDeleteMetadataByPath(const std::string& path);
     int tryUpdateFilePath(const std::string& oldPath, const std::string& newPath);
     int tryDeleteRowsBelow(const std::string& dir, std::size_t limit, std::size_t& removed);
+    int tryDeleteRowids(const std::vector<sqlite3_int64>& rowids);
     // Both run under moveSlice's lock: up to kMoveSliceRows rows below dir with
     // a rowid above afterRowid, in rowid order, and the code of the listing's
     // end (SQLITE_DONE when whole); updatePath sets each row's newPath and

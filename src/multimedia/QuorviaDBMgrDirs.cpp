@@ -8,6 +8,7 @@ namespace quorvia {
 
 using sqlutil::bindText;
 using sqlutil::columnText;
+using sqlutil::succeeded;
 
 namespace {
 
@@ -211,32 +212,37 @@ bool QuorviaDBMgr::getRowsBelowAfter(const std::string& root, sqlite3_int64 afte
 }
 
 bool QuorviaDBMgr::deleteRowids(const std::vector<sqlite3_int64>& rowids) {
-    if (rowids.empty()) {
-        return true;
-    }
+    return rowids.empty() || waitingForStore("QuorviaDBMgr::deleteRowids", "",
+                                             [&] { return tryDeleteRowids(rowids); });
+}
+
+int QuorviaDBMgr::tryDeleteRowids(const std::vector<sqlite3_int64>& rowids) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     const std::string sql = "DELETE FROM " + mainTableName_ + " WHERE rowid = ?";
     sqlite3_stmt* stmt = NULL;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL) != SQLITE_OK) {
+    int code = sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, NULL);
+    if (code != SQLITE_OK) {
         QLOG(ERROR) << "QuorviaDBMgr::deleteRowids error : " << sqlite3_errmsg(db_);
-        return false;
+        return code;
     }
-    if (!execSql("BEGIN IMMEDIATE;")) {
+    if (!execSql("BEGIN IMMEDIATE;", code)) {
         sqlite3_finalize(stmt);
-        return false;
+        return code;
     }
-    bool done = true;
-    for (std::size_t i = 0; i < rowids.size() && done; ++i) {
+    for (std::size_t i = 0; i < rowids.size() && succeeded(code); ++i) {
         sqlite3_bind_int64(stmt, 1, rowids[i]);
-        done = isSqlSucceed(sqlite3_step(stmt));
+        code = sqlite3_step(stmt);
+        isSqlSucceed(code);
         sqlite3_reset(stmt);
     }
     sqlite3_finalize(stmt);
-    if (done && execSql("COMMIT;")) {
-        return true;
+    if (succeeded(code) && execSql("COMMIT;", code)) {
+        return code;
     }
-    execSql("ROLLBACK;");
-    return false;
+    if (!sqlite3_get_autocommit(db_)) {
+        execSql("ROLLBACK;");
+    }
+    return code == SQLITE_BUSY ? SQLITE_BUSY : SQLITE_ABORT;
 }
 
 }  // namespace quorvia

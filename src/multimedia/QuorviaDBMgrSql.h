@@ -23,6 +23,11 @@ inline std::string columnText(sqlite3_stmt* stmt, int column) {
     return std::string(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, column));
 }
 
+// A statement's code that means it ran: a step that found a row, or none.
+inline bool succeeded(int code) {
+    return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
+}
+
 }  // namespace sqlutil
 }  // namespace quorvia
 

@@ -485,6 +485,14 @@ TEST_F(QuorviaDBMgrTest, WritesWaitForAnotherProcessLockAndPassItsOpenReaderRegr
     EXPECT_EQ(3u, raw.paths().size());
     raw.exec("COMMIT");
     EXPECT_EQ(2u, raw.paths().size());
+
+    // So does the check against the disk, which removes rows by rowid.
+    std::vector<QuorviaDBMgr::StoredPath> left;
+    ASSERT_TRUE(store.getRowsBelowAfter("/d/new", 0, 10, left));
+    release = raw.lockFor(QuorviaDBMgr::kBusyTimeoutMillis * 5 / 4);
+    EXPECT_TRUE(store.deleteRowids({left.front().first}));
+    release.join();
+    EXPECT_EQ(1u, raw.paths().size());
 }
 
 // A store that stayed in the old journal mode (held by another process
