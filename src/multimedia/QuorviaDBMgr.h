@@ -166,6 +166,9 @@ private:
     int tryUpdateFilePath(const std::string& oldPath, const std::string& newPath);
     int tryDeleteRowsBelow(const std::string& dir, std::size_t limit, std::size_t& removed);
     int tryDeleteRowids(const std::vector<sqlite3_int64>& rowids);
+    // Ends a write transaction that failed on code, under mutex_: SQLITE_BUSY
+    // (tried again by waitingForStore) stays, any other becomes SQLITE_ABORT.
+    int rollBack(int code);
     // Both run under moveSlice's lock: up to kMoveSliceRows rows below dir with
     // a rowid above afterRowid, in rowid order, and the code of the listing's
     // end (SQLITE_DONE when whole); updatePath sets each row's newPath and

@@ -84,15 +84,10 @@ int QuorviaDBMgr::moveSlice(std::vector<PathRow>& rows, const std::string& oldDi
     if (updatePath(rows, oldDir, newDir, rewritten) && execSql("COMMIT;", code)) {
         return code;
     }
-    // Nothing of the slice was moved: no row gets an update line. A full
-    // disk has already rolled the transaction back; a commit that found the
-    // store busy is tried again.
+    // Nothing of the slice was moved: no row gets an update line.
     QLOG(ERROR) << "QuorviaDBMgr::updateDirPaths rolled back, from " << oldDir << ", to " << newDir;
-    if (!sqlite3_get_autocommit(db_)) {
-        execSql("ROLLBACK;");
-    }
     rewritten = 0;
-    return code == SQLITE_BUSY ? SQLITE_BUSY : SQLITE_ABORT;
+    return rollBack(code);
 }
 
 // Exact bytes, case kept: a row that differs from dir in case only stays.
@@ -239,6 +234,11 @@ int QuorviaDBMgr::tryDeleteRowids(const std::vector<sqlite3_int64>& rowids) {
     if (succeeded(code) && execSql("COMMIT;", code)) {
         return code;
     }
+    return rollBack(code);
+}
+
+// A full disk has already rolled the transaction back.
+int QuorviaDBMgr::rollBack(int code) {
     if (!sqlite3_get_autocommit(db_)) {
         execSql("ROLLBACK;");
     }

@@ -28,6 +28,13 @@ inline bool succeeded(int code) {
     return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE;
 }
 
+// The default file system layer, when it lets its system calls be replaced;
+// NULL otherwise.
+inline sqlite3_vfs* swappableVfs() {
+    sqlite3_vfs* vfs = sqlite3_vfs_find(NULL);
+    return vfs != NULL && vfs->iVersion >= 3 && vfs->xSetSystemCall != NULL ? vfs : NULL;
+}
+
 }  // namespace sqlutil
 }  // namespace quorvia
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "multimedia/QuorviaDBMgrSql.h"
 #include "storage/FileStatus.h"
 
 namespace quorvia {
@@ -50,8 +51,8 @@ int statDescriptor(int fd, struct stat* out) {
 }
 
 void install() {
-    sqlite3_vfs* vfs = sqlite3_vfs_find(NULL);
-    if (vfs == NULL || vfs->iVersion < 3 || vfs->xSetSystemCall == NULL) {
+    sqlite3_vfs* vfs = sqlutil::swappableVfs();
+    if (vfs == NULL) {
         return;
     }
     vfs->xSetSystemCall(vfs, "stat", reinterpret_cast<sqlite3_syscall_ptr>(&statPath));

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "multimedia/QuorviaDBMgrSql.h"
 #include "storage/FileStatus.h"
 #include "system/Log.h"
 
@@ -86,8 +87,8 @@ int openOwnFile(const char* path, int flags, int mode) {
 }
 
 void install() {
-    sqlite3_vfs* vfs = sqlite3_vfs_find(NULL);
-    if (vfs == NULL || vfs->iVersion < 3 || vfs->xSetSystemCall == NULL) {
+    sqlite3_vfs* vfs = sqlutil::swappableVfs();
+    if (vfs == NULL) {
         return;
     }
     gOpen = reinterpret_cast<OpenCall>(vfs->xGetSystemCall(vfs, "open"));
