@@ -9,6 +9,9 @@ limit, and prints killed / survived / timed out per room with each survivor.
     scripts/mutants.py [--mutants N] [--seed S] [--work DIR] [--limit SECONDS]
     scripts/mutants.py --only "src/x.cpp:12:negate condition" ...
 
+--files REGEX picks the mutants only from the sources whose paths match:
+one room, or the sources that one test file covers.
+
 --only runs the named mutants alone, as a survivor list names them: what a
 new test catches, or what a cut one let through. --tests REGEX runs only the
 tests whose names match (ctest -R): what one test file still catches.
@@ -124,12 +127,15 @@ def non_blank_lines(path):
         return sum(1 for line in f if line.strip())
 
 
-def pick(count, seed):
-    """About count mutants over the rooms, in proportion to their size."""
+def pick(count, seed, files=None):
+    """About count mutants over the rooms, in proportion to their size; with
+    files, only from the sources whose paths match that pattern."""
     rng = random.Random(seed)
     by_room = collections.defaultdict(list)
     size = collections.Counter()
     for path in sources():
+        if files and not re.search(files, path):
+            continue
         room = room_of(path)
         size[room] += non_blank_lines(path)
         by_room[room].extend(candidates(path))
@@ -246,13 +252,15 @@ def main():
     parser.add_argument("--limit", type=int, default=600,
                         help="seconds for each mutant's build and suite")
     parser.add_argument("--only", nargs="+", metavar="PATH:LINE:CHANGE")
+    parser.add_argument("--files", metavar="REGEX",
+                        help="pick mutants only from the sources whose paths match")
     parser.add_argument("--tests", metavar="REGEX",
                         help="run only the tests whose names match")
     parser.add_argument("--matrix", action="store_true",
                         help="run the whole suite on each mutant and say which tests kill it")
     args = parser.parse_args()
 
-    mutants = named(args.only) if args.only else pick(args.mutants, args.seed)
+    mutants = named(args.only) if args.only else pick(args.mutants, args.seed, args.files)
     tree = copy_tree(args.work)
     print("%d mutants, seed %d; building the unmutated copy in %s" % (len(mutants), args.seed, tree))
     sys.stdout.flush()
