@@ -45,9 +45,9 @@ public:
     void push(LogRecord&& record);
     // Returns once every line pushed before the call has been written.
     void flush();
-    // For a crashing process: waits up to millis for the queue to be written
-    // without ever blocking on its lock, which the crashed thread may hold.
-    // True when everything pushed was written.
+    // For a crashing process: waits up to millis for the lines pushed before
+    // the call to be written, without ever blocking on the queue's lock,
+    // which the crashed thread may hold. True when they were written.
     bool flushWithin(int millis);
 
 private:

@@ -93,6 +93,24 @@ TEST(LogThreadTest, AFullQueueMakesTheCallerWait) {
     EXPECT_EQ(expected, written);
 }
 
+// A thread that goes on saying lines while a crash waits for the queue (here
+// the writer itself, at each batch): the wait ends once the lines said
+// before it are written (once, the crashed process served on for the whole
+// wait: regression).
+TEST(LogThreadTest, ACrashWaitsOnlyForTheLinesSaidBeforeItRegression) {
+    std::atomic<bool> saying(true);
+    LogQueue* self = nullptr;
+    LogQueue queue([&](const std::deque<LogRecord>&) {
+        if (saying) {
+            self->push(recordOf("more"));
+        }
+    });
+    self = &queue;
+    queue.push(recordOf("before the crash"));
+    EXPECT_TRUE(queue.flushWithin(1000));
+    saying = false;
+}
+
 // Which thread wrote each line.
 struct ThreadSink : google::LogSink {
     void send(google::LogSeverity, const char*, const char*, int, const google::LogMessageTime&,
