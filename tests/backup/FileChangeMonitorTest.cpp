@@ -10,6 +10,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <set>
 
 #include "backup/MonitorTestSupport.h"
 #include "backup/inotify/FileChangeMonitor.h"
@@ -123,6 +124,7 @@ protected:
     // the fake one.
     void start(bool realKernel = true) {
         mkdirs("");
+        fakeKernel_ = !realKernel;
         monitor_.reset(realKernel ? new FileChangeMonitor() : new FileChangeMonitor(fake_, clock_));
         monitor_->init({data()});
         monitor_->registerObserver(observer_);
@@ -144,12 +146,19 @@ protected:
     }
 
     // Watched paths relative to the data folder ("" is the folder itself).
+    // The fake kernel holds the watches of those paths and no other.
     Lines watched() {
         Lines all = monitor_->watchedPaths(), relative;
+        std::set<int> known, held;
         for (const std::string& path : all) {
             relative.push_back(path.substr(data().size() + 1));
+            known.insert(fake_->wds.count(path) != 0 ? fake_->wds[path] : -1);
         }
         EXPECT_EQ(all.size(), monitor_->pathIndexSize()) << "the two tables mirror each other";
+        for (const auto& watch : fake_->byInode) {
+            held.insert(watch.second);
+        }
+        EXPECT_TRUE(!fakeKernel_ || held == known) << "the kernel holds other watches";
         return relative;
     }
 
@@ -189,6 +198,7 @@ protected:
     boost::shared_ptr<FakeKernel> fake_{new FakeKernel};
     boost::shared_ptr<FakeClock> clock_{new FakeClock};
     boost::shared_ptr<FileChangeMonitor> monitor_;
+    bool fakeKernel_ = false;
 };
 
 // ---- Folding of kernel records, through the fake kernel ----
@@ -295,6 +305,8 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
     monitor_->delayAddWatchDiskDir();
     EXPECT_TRUE(monitor_->delayedDirs().empty());
     EXPECT_EQ(Lines({"", "x/"}), watched());
+    monitor_->removeInotifyDir(data() + "/x");
+    EXPECT_EQ(Lines(1, ""), watched());
     // A folder that is gone is no refusal: nothing is said.
     const int refusals = log_.count("talvern inotify_add_watch error");
     EXPECT_FALSE(monitor_->addWatchDiskDir(data() + "/gone"));
