@@ -46,8 +46,9 @@ public:
     // Returns once every line pushed before the call has been written.
     void flush();
     // For a crashing process: waits up to millis for the lines pushed before
-    // the call to be written, without ever blocking on the queue's lock,
-    // which the crashed thread may hold. True when they were written.
+    // the call (counted at its first hold of the queue's lock) to be written,
+    // without ever blocking on that lock, which the crashed thread may hold.
+    // True when they were written.
     bool flushWithin(int millis);
 
 private:
