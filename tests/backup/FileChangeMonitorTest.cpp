@@ -3,6 +3,7 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/filesystem.hpp>
@@ -307,6 +308,23 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
     EXPECT_EQ(Lines({"", "x/"}), watched());
     monitor_->removeInotifyDir(data() + "/x");
     EXPECT_EQ(Lines(1, ""), watched());
+    // A folder that can't be opened (no descriptor left) is a refusal too,
+    // and is retried.
+    mkdirs("late");
+    const int said = log_.count("talvern inotify_add_watch error");
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const struct rlimit none = {static_cast<rlim_t>(lowestFree), saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    monitor_->addInotifyDir(data() + "/late");
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    EXPECT_EQ(said + 1, log_.count("talvern inotify_add_watch error"));
+    EXPECT_EQ(Lines(1, ""), watched());
+    monitor_->delayAddWatchDiskDir();
+    EXPECT_EQ(Lines({"", "late/"}), watched());
+    monitor_->removeInotifyDir(data() + "/late");
     // A folder that is gone is no refusal: nothing is said.
     const int refusals = log_.count("talvern inotify_add_watch error");
     EXPECT_FALSE(monitor_->addWatchDiskDir(data() + "/gone"));
