@@ -18,8 +18,7 @@ ConnectionRoom::ConnectionRoom(size_t roomFor, const std::function<size_t()>& ca
       shutOpen_(0),
       inCalls_(0),
       lastAccepted_(-1),
-      lastLog_(),
-      shutSinceLog_(0) {}
+      shut_(std::chrono::seconds(kLogEverySeconds)) {}
 
 ConnectionRoom::~ConnectionRoom() {
     for (Connection* connection : open_) {
@@ -92,13 +91,9 @@ bool ConnectionRoom::shutIdlest() {
 }
 
 void ConnectionRoom::noteShut() {
-    ++shutSinceLog_;
-    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
-    if (now - lastLog_ < std::chrono::seconds(kLogEverySeconds)) {
-        return;
+    const unsigned long shut = shut_.count();
+    if (shut > 0) {
+        QLOG(WARNING) << roomFor_ << " connections open: " << shut
+                      << " idle one(s) shut down to make room since the last line";
     }
-    QLOG(WARNING) << roomFor_ << " connections open: " << shutSinceLog_
-                  << " idle one(s) shut down to make room since the last line";
-    lastLog_ = now;
-    shutSinceLog_ = 0;
 }

@@ -10,6 +10,8 @@
 #include <functional>
 #include <list>
 
+#include "system/RateLimitedCount.h"
+
 // The server's open connections, and room for new ones: once a new one
 // finds roomFor open, the open connection that has waited longest for a call
 // (and is not in one) is shut down. Peers that connect and never send, or
@@ -72,8 +74,7 @@ private:
     // Connections between callBegins and callEnds.
     std::atomic<size_t> inCalls_;
     int lastAccepted_;
-    std::chrono::steady_clock::time_point lastLog_;
-    unsigned long shutSinceLog_;
+    RateLimitedCount shut_;
 };
 
 #endif

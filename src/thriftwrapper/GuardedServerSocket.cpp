@@ -11,7 +11,9 @@ using apache::thrift::transport::TTransportException;
 
 GuardedServerSocket::GuardedServerSocket(const std::string& address, int port,
                                          const std::shared_ptr<ConnectionRoom>& room)
-    : TNonblockingServerSocket(address, port), room_(room), lastLog_(), failuresSinceLog_(0) {}
+    : TNonblockingServerSocket(address, port),
+      room_(room),
+      failures_(std::chrono::seconds(kLogEverySeconds)) {}
 
 GuardedServerSocket::~GuardedServerSocket() {}
 
@@ -30,13 +32,9 @@ std::shared_ptr<TSocket> GuardedServerSocket::acceptImpl() {
 }
 
 void GuardedServerSocket::noteFailure(const std::string& what) {
-    ++failuresSinceLog_;
-    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
-    if (now - lastLog_ < std::chrono::seconds(kLogEverySeconds)) {
-        return;
+    const unsigned long failures = failures_.count();
+    if (failures > 0) {
+        QLOG(WARNING) << "accept failed (" << failures << " time(s) since the last line): " << what
+                      << "; serving the open connections";
     }
-    QLOG(WARNING) << "accept failed (" << failuresSinceLog_
-                  << " time(s) since the last line): " << what << "; serving the open connections";
-    lastLog_ = now;
-    failuresSinceLog_ = 0;
 }

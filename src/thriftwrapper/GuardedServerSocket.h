@@ -3,10 +3,10 @@
 
 #include <thrift/transport/TNonblockingServerSocket.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 
+#include "system/RateLimitedCount.h"
 #include "thriftwrapper/ConnectionRoom.h"
 
 // The server's listening socket, for which a failed accept is no reason to
@@ -39,8 +39,7 @@ private:
     void noteFailure(const std::string& what);
 
     std::shared_ptr<ConnectionRoom> room_;
-    std::chrono::steady_clock::time_point lastLog_;
-    unsigned long failuresSinceLog_;
+    RateLimitedCount failures_;
 };
 
 #endif
