@@ -56,9 +56,15 @@ TEST_F(LostEventsTest, RowsOfFilesGoneLeaveAndAFolderGoneTakesItsRest) {
     EXPECT_TRUE(log_.contains(data() + "/missing is not there; its rows stay"));
     quorvia::QuorviaReconcileTask(data(), MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("~/keep.jpg\n~/dir/y.jpg\n~/dirx/z.jpg\n/elsewhere/w.jpg\n", left());
+    EXPECT_TRUE(log_.contains("QuorviaReconcileTask, 5 rows below " + data() +
+                              " checked, 2 of files gone removed"));
 
     quorvia::QuorviaDeleteDirTask(data() + "/dir/", MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("~/keep.jpg\n~/dirx/z.jpg\n/elsewhere/w.jpg\n", left());
+    // Run again, it finds nothing left and says nothing.
+    quorvia::QuorviaDeleteDirTask(data() + "/dir/", MONITOR_TYPE_INOTIFY).run();
+    EXPECT_EQ(1, log_.count("QuorviaDeleteDirTask, 1 rows left below " + data() + "/dir/ removed"));
+    EXPECT_FALSE(log_.contains("QuorviaDeleteDirTask, 0 rows"));
 }
 
 // Folders renamed while events were lost: their rows once went to the check
@@ -95,6 +101,7 @@ TEST_F(LostEventsTest, LargeFoldersGoInSlices) {
     EXPECT_EQ(1000u, QuorviaDBMgr::sGetInstance().deleteRowsBelow(data() + "/big", 1000));
     quorvia::QuorviaDeleteDirTask(data() + "/big/", MONITOR_TYPE_INOTIFY).run();
     EXPECT_EQ("", left());
+    EXPECT_TRUE(log_.contains("1500 rows left below"));
 }
 
 }  // namespace
