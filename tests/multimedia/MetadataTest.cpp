@@ -193,6 +193,10 @@ TEST_F(MetadataTest, VideoDurationAndCreationTimeFromTheContainerWhetherStreamsA
         ASSERT_TRUE(readContainer(file, always, kStreamInfoAlways));
         EXPECT_EQ(always.duration + "|" + always.title + "|" + std::to_string(always.date),
                   lazy.duration + "|" + lazy.title + "|" + std::to_string(lazy.date));
+        // In this process, as where no reader process could be started.
+        EXPECT_TRUE(readFacts(file, kStreamInfoWhenHeaderIsOpen,
+                              std::chrono::steady_clock::now() + std::chrono::seconds(10))
+                        .opened);
     }
     // Every read closes what it opened.
     EXPECT_EQ(descriptors, quorvia_test::openDescriptors());
