@@ -56,6 +56,8 @@ TEST_F(MediaReadGuardTest, CrashesListAFileAtOnceOtherEndsAtTheSecondTime) {
     EXPECT_TRUE(MediaReadGuard("/old/10").admitted());
     EXPECT_TRUE(log_.contains("media file /d/crash.jpg crashed the daemon while it was read"));
     EXPECT_TRUE(log_.contains("media file /d/first.mp4 was being read when the daemon ended"));
+    EXPECT_TRUE(log_.contains("media file /d/suspect.mp4 was being read at each of the daemon's "
+                              "last 2 ends; it is not read again"));
     const std::string stored = readFile("/db/unreadable-media");
     EXPECT_EQ(32 * 1u, std::count(stored.begin(), stored.end(), '\0'));
     EXPECT_NE(std::string::npos, stored.find(record(1, "/d/first.mp4")));
