@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <boost/thread.hpp>
 #include <functional>
@@ -108,6 +109,27 @@ TEST(DispatcherTest, TasksRunInOrderAcrossStartsAndStops) {
     Dispatcher busyPoll(true, true);
     busyPoll.dispatch(task(journal, "c"));
     EXPECT_EQ("c", journal.waitFor(4).back());
+}
+
+// Milliseconds of processor time the whole process has used.
+double processCpuMillis() {
+    struct timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1000.0 + used.tv_nsec / 1e6;
+}
+
+// A worker with nothing to do sleeps: it does not spin on a router's
+// processor until the next task.
+TEST(DispatcherTest, AnIdleWorkerSleepsUntilTheNextTask) {
+    Journal journal;
+    Dispatcher dispatcher(true);
+    dispatcher.dispatch(task(journal, "a"));
+    journal.waitFor(1);
+    const double before = processCpuMillis();
+    boost::this_thread::sleep_for(boost::chrono::milliseconds(200));
+    EXPECT_LT(processCpuMillis() - before, 50);
+    dispatcher.dispatch(task(journal, "b"));
+    EXPECT_EQ(Names({"a", "b"}), journal.waitFor(2));
 }
 
 TEST(DispatcherTest, RecurringTaskGoesBehindTasksQueuedDuringItsTurn) {
