@@ -100,6 +100,21 @@ TEST(PendingMovesTest, OldAndSurplusHalvesAreDropped) {
     EXPECT_TRUE(pending.match(2, TALVERN_TO, false, "/n", start, partner));
     EXPECT_EQ("/f2", partner);
     EXPECT_FALSE(pending.match(1, TALVERN_TO, false, "/n", start, partner)) << "oldest dropped";
+
+    // At the age limit a half still pairs. Halves cleared, or displaced by
+    // another of their cookie, are gone for good: their age takes no newer
+    // half along.
+    pending.clear();
+    EXPECT_FALSE(pending.match(5, TALVERN_FROM, false, "/before", start, partner));
+    pending.clear();
+    EXPECT_FALSE(pending.match(6, TALVERN_FROM, false, "/a", start, partner));
+    EXPECT_FALSE(pending.match(6, TALVERN_FROM, false, "/a-again", start + 10, partner));
+    EXPECT_FALSE(pending.match(5, TALVERN_FROM, false, "/after", start + 20, partner));
+    const time_t atLimit = start + 10 + quorvia::PendingMoves::kMaxAgeSeconds;
+    EXPECT_TRUE(pending.match(6, TALVERN_TO, false, "/b", atLimit, partner));
+    EXPECT_EQ("/a-again", partner);
+    EXPECT_TRUE(pending.match(5, TALVERN_TO, false, "/c", atLimit, partner));
+    EXPECT_EQ("/after", partner);
 }
 
 // Events as the kernel reports them ("path:F7" and "path:T7" the halves of
