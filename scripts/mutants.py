@@ -157,7 +157,10 @@ def named(names):
 
 def copy_tree(work):
     """The copy of the tracked files under work; files that are already the
-    same stay untouched, so that an earlier run's build stays incremental."""
+    same stay untouched, so that an earlier run's build stays incremental.
+    A file copied gets the time of the copy, not its source's: a mutant left
+    behind by a run that was killed was built after the source was last
+    changed, and its objects would otherwise look newer than the original."""
     tree = os.path.join(work, "tree")
     listed = subprocess.run(["git", "ls-files"], cwd=ROOT, check=True, capture_output=True,
                             text=True).stdout.split("\n")
@@ -168,7 +171,7 @@ def copy_tree(work):
         os.makedirs(os.path.dirname(target), exist_ok=True)
         if os.path.lexists(target):
             os.remove(target)
-        shutil.copy2(source, target, follow_symlinks=False)
+        shutil.copy(source, target, follow_symlinks=False)
     return tree
 
 
