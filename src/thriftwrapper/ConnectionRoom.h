@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <boost/thread/mutex.hpp>
-#include <chrono>
 #include <functional>
 #include <list>
 
