@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <boost/thread/lock_guard.hpp>
+#include <chrono>
 
 #include "system/Log.h"
 
