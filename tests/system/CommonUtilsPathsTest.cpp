@@ -67,17 +67,18 @@ TEST(CommonUtilsNames, AbsolutePathPathStyleAndTimeText) {
 }
 
 TEST_F(CommonUtilsPathsTest, DuplicateNamesCountOrUseTheWordSuffix) {
-    for (const char* name : {"a.txt", "b(7).txt", "b(1).txt", "b(2).txt", "e(x).txt", "w.txt",
-                             "w-副本.txt", "w-副本2.txt", "w-副本4.txt", "c-副本x.txt"}) {
+    for (const char* name : {"a.txt", "b(7).txt", "b(1).txt", "b(2).txt", "e(x).txt", "f(90).txt",
+                             "w.txt", "w-副本.txt", "w-副本2.txt", "w-副本4.txt", "c-副本x.txt"}) {
         writeFile(std::string("/d/") + name, "");
     }
     const auto counted = CommonUtils::sGetDuplicateFileName;
     const auto worded = CommonUtils::sGetDuplicatePath;
-    const struct { std::string (*duplicate)(const std::string&); const char* in, *out; } cases[] = {
+    const struct { std::string (*duplicate)(const std::string&); const char* in, *out;
+    } cases[] = {
         {counted, "missing.txt", "missing.txt"}, {counted, "a.txt", "a(1).txt"},
         {counted, "b(7).txt", "b(3).txt"},       {counted, "e(x).txt", "e(x)(1).txt"},
-        {worded, "a.txt", "a-副本.txt"},         {worded, "w-副本4.txt", "w-副本3.txt"},
-        {worded, "c-副本x.txt", "c-副本x-副本.txt"},
+        {counted, "f(90).txt", "f(1).txt"},      {worded, "a.txt", "a-副本.txt"},
+        {worded, "w-副本4.txt", "w-副本3.txt"},  {worded, "c-副本x.txt", "c-副本x-副本.txt"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(path("/d/") + c.out, c.duplicate(path("/d/") + c.in)) << c.in;
