@@ -105,9 +105,11 @@ TEST_F(PrivacyAccessTest, CommandRouteReadsToolLineAndNeverLetsTheShellOrALinkIn
     setToolValue("sysapi", "mac=00:11:22:33:44:55", "name=TV PRIDISK=YES lan=no");
     writeFile("/victim", "keep");
     fs::create_symlink(path("/victim"), toolOutputPath());
+    const size_t descriptors = quorvia_test::openDescriptors();
     EXPECT_EQ(1, fromCommand(kMac, "pridisk"));
     EXPECT_EQ(0, fromCommand(kMac, "lan"));
     EXPECT_EQ(0, fromCommand("00-11-22-33-44-66", "lan"));
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors()) << "the tool's answer is closed";
     EXPECT_FALSE(fs::exists(toolOutputPath()));
     EXPECT_EQ("keep", readFile("/victim"));
     EXPECT_EQ(0u, readFile("/device/sysapi/calls").find("macfilter\nget\nmac=00:11:22:33:44:55\n\n"));
