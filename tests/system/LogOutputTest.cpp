@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <glog/logging.h>
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <deque>
 #include <string>
 
@@ -14,6 +14,7 @@
 
 namespace {
 
+namespace fs = boost::filesystem;
 using quorvia_test::DeviceRootTest;
 using quorvia_test::SyslogListener;
 using talvern::LogOutput;
@@ -72,6 +73,40 @@ TEST_F(LogOutputTest, LinesAreGlogsOwnAndSyslogsInTheCLibrarysFormat) {
     // A text's own final newline ends the line.
     EXPECT_EQ(output.format(recordOf(google::GLOG_INFO, "text")),
               output.format(recordOf(google::GLOG_INFO, "text\n")));
+}
+
+// The contents of the one file in folder whose name starts with prefix.
+std::string fileStartingWith(const std::string& folder, const std::string& prefix) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) {
+            return quorvia_test::slurp(entry.path().string());
+        }
+    }
+    return "";
+}
+
+// As deployed, not to standard error: a line goes to glog's file of its
+// severity and to those of the severities below it, in glog's format.
+TEST_F(LogOutputTest, LinesGoToGlogsFilesOfTheirSeverityAndBelow) {
+    FLAGS_logtostderr = false;
+    FLAGS_stderrthreshold = google::GLOG_FATAL;
+    for (int severity : {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR}) {
+        google::SetLogDestination(severity,
+                                  (root() + "/" + std::to_string(severity) + ".").c_str());
+    }
+    LogOutput output("/dev/log", "quorvia", clock());
+    const LogRecord info = recordOf(google::GLOG_INFO, "said at INFO");
+    const LogRecord warning = recordOf(google::GLOG_WARNING, "said at WARNING");
+    output.write(info);
+    output.write(warning);
+    google::FlushLogFiles(google::GLOG_INFO);
+    FLAGS_logtostderr = true;
+    const std::string infoFile = fileStartingWith(root(), "0.");
+    const std::string warningFile = fileStartingWith(root(), "1.");
+    EXPECT_NE(std::string::npos, infoFile.find(output.format(info) + output.format(warning)));
+    EXPECT_NE(std::string::npos, warningFile.find(output.format(warning)));
+    EXPECT_EQ(std::string::npos, warningFile.find("said at INFO"));
+    EXPECT_EQ("", fileStartingWith(root(), "2."));
 }
 
 // A syslog daemon that is down costs one connection attempt a second; one
