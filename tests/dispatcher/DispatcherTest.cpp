@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <boost/thread.hpp>
 #include <functional>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "dispatcher/Dispatcher.h"
+#include "support/DeviceRootTest.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -111,13 +111,6 @@ TEST(DispatcherTest, TasksRunInOrderAcrossStartsAndStops) {
     EXPECT_EQ("c", journal.waitFor(4).back());
 }
 
-// Milliseconds of processor time the whole process has used.
-double processCpuMillis() {
-    struct timespec used;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return used.tv_sec * 1000.0 + used.tv_nsec / 1e6;
-}
-
 // A worker with nothing to do sleeps: it does not spin on a router's
 // processor until the next task.
 TEST(DispatcherTest, AnIdleWorkerSleepsUntilTheNextTask) {
@@ -125,9 +118,9 @@ TEST(DispatcherTest, AnIdleWorkerSleepsUntilTheNextTask) {
     Dispatcher dispatcher(true);
     dispatcher.dispatch(task(journal, "a"));
     journal.waitFor(1);
-    const double before = processCpuMillis();
+    const double before = quorvia_test::processCpuMillis();
     boost::this_thread::sleep_for(boost::chrono::milliseconds(200));
-    EXPECT_LT(processCpuMillis() - before, 50);
+    EXPECT_LT(quorvia_test::processCpuMillis() - before, 50);
     dispatcher.dispatch(task(journal, "b"));
     EXPECT_EQ(Names({"a", "b"}), journal.waitFor(2));
 }

@@ -54,6 +54,8 @@ std::string quoted(std::string text);
 size_t openDescriptors();
 // The stack size of the calling thread; 0 if it can't be read.
 size_t currentStackSize();
+// Milliseconds of processor time the whole process has used.
+double processCpuMillis();
 
 }  // namespace quorvia_test
 

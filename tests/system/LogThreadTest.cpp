@@ -1,11 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <glog/logging.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <future>
 #include <mutex>
@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/DeviceRootTest.h"
 #include "system/Log.h"
 #include "system/LogQueue.h"
 
@@ -54,6 +55,21 @@ TEST(LogThreadTest, EachThreadsLinesArriveInItsOrder) {
         ASSERT_EQ(std::to_string(t) + " " + std::to_string(next[t]++), text);
     }
     EXPECT_EQ(std::vector<int>(threads, lines), next);
+}
+
+// The writer sleeps while nothing is queued, and a line said after a pause
+// is written without anyone asking.
+TEST(LogThreadTest, AnIdleWriterSleepsAndWakesForTheNextLine) {
+    std::atomic<int> written(0);
+    LogQueue queue([&](const std::deque<LogRecord>& batch) { written += batch.size(); });
+    const double before = quorvia_test::processCpuMillis();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LT(quorvia_test::processCpuMillis() - before, 50);
+    queue.push(recordOf("after the pause"));
+    for (int i = 0; i < 1000 && written == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(1, written);
 }
 
 // A stuck writer fills the queue; the next line waits, and is written once
