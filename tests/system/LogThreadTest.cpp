@@ -127,28 +127,33 @@ TEST(LogThreadTest, ACrashWaitsOnlyForTheLinesSaidBeforeItRegression) {
     saying = false;
 }
 
-// Which thread wrote each line.
+// Which thread wrote each line, and its length.
 struct ThreadSink : google::LogSink {
     void send(google::LogSeverity, const char*, const char*, int, const google::LogMessageTime&,
-              const char*, size_t) override {
+              const char*, size_t length) override {
         std::lock_guard<std::mutex> lock(mutex);
         writers.push_back(std::this_thread::get_id());
+        lengths.push_back(length);
     }
     std::mutex mutex;
     std::vector<std::thread::id> writers;
+    std::vector<size_t> lengths;
 };
 
+// A text longer than a line may be is cut: what a line queues is bounded.
 TEST(LogThreadTest, OnceStartedTheLoggingThreadWritesTheLines) {
     ThreadSink sink;
     Log::sAddSink(&sink);
     QLOG(WARNING) << "written by the thread that says it";
     Log::sStartThread();
     QLOG(WARNING) << "written by the logging thread";
+    QLOG(WARNING) << std::string(3 * talvern::LogLine::kMaxTextBytes, 'x');
     Log::sFlush();
     Log::sRemoveSink(&sink);
-    ASSERT_EQ(2u, sink.writers.size());
+    ASSERT_EQ(3u, sink.writers.size());
     EXPECT_EQ(std::this_thread::get_id(), sink.writers[0]);
     EXPECT_NE(std::this_thread::get_id(), sink.writers[1]);
+    EXPECT_EQ(talvern::LogLine::kMaxTextBytes, sink.lengths[2]);
 }
 
 // A sink that takes a millisecond a line keeps lines queued when the
