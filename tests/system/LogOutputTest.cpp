@@ -1,6 +1,8 @@
 #include <glog/logging.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -107,6 +109,30 @@ TEST_F(LogOutputTest, LinesGoToGlogsFilesOfTheirSeverityAndBelow) {
     EXPECT_NE(std::string::npos, warningFile.find(output.format(warning)));
     EXPECT_EQ(std::string::npos, warningFile.find("said at INFO"));
     EXPECT_EQ("", fileStartingWith(root(), "2."));
+}
+
+// A syslog daemon that listens on a stream socket gets each line ended by a
+// NUL, as the C library sends it there.
+TEST_F(LogOutputTest, AStreamSocketGetsEachLineEndedByANul) {
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path("/dev/log").c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(0, bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(listener, 1));
+    SyslogClient syslog("/dev/log", "quorvia", clock());
+    const LogRecord line = recordOf(google::GLOG_WARNING, "line");
+    EXPECT_TRUE(syslog.send(line.severity, line.when, "first"));
+    EXPECT_TRUE(syslog.send(line.severity, line.when, "second"));
+    const int peer = accept(listener, NULL, NULL);
+    char text[256];
+    const ssize_t size = recv(peer, text, sizeof(text), MSG_WAITALL | MSG_DONTWAIT);
+    const std::string received(text, size > 0 ? size : 0);
+    const std::string stamp = received.substr(0, received.find("]: ") + 3);
+    EXPECT_EQ("<12>", stamp.substr(0, 4));
+    EXPECT_EQ(stamp + "first" + '\0' + stamp + "second" + '\0', received);
+    close(peer);
+    close(listener);
 }
 
 // A syslog daemon that is down costs one connection attempt a second; one
