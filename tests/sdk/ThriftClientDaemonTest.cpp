@@ -21,7 +21,7 @@ namespace {
 const size_t kBigReply = 17 * 1000 * 1000;
 
 // Answers "big" with kBigReply bytes, "throw" with an exception, "slow" a
-// second late, anything else with itself.
+// second late, anything else with itself; a notice with its type and text.
 class EchoHandler : virtual public talvern::TalvernIf {
 public:
     virtual void request(std::string& result, const std::string& parameter) {
@@ -33,7 +33,9 @@ public:
         }
         result = parameter == "big" ? std::string(kBigReply, 'b') : parameter;
     }
-    virtual void notify(std::string&, const int32_t, const std::string&) {}
+    virtual void notify(std::string& result, const int32_t type, const std::string& parameter) {
+        result = std::to_string(type) + parameter;
+    }
 };
 
 // Arguments are checked before the daemon is looked for.
@@ -41,6 +43,8 @@ TEST(ThriftClientDaemonTest, WithoutADaemonTheCallAnswersEmptyAndTheCliSaysWhy) 
     quorvia_test::LogCapture log;
     EXPECT_EQ("", ThriftClient::sCallQuorvia("{\"api\":1}"));
     EXPECT_TRUE(log.contains("sCallQuorvia thrift request exception error: ", google::GLOG_ERROR));
+    EXPECT_EQ("", ThriftClient::sNotifyQuorvia(7, "x"));
+    EXPECT_TRUE(log.contains("sNotifyQuorvia thrift notify exception error: ", google::GLOG_ERROR));
     std::ostringstream out, err;
     EXPECT_EQ(QuorviaCli::EXIT_UNREACHABLE_, QuorviaCli::sRun({"{\"api\":1}"}, out, err));
     EXPECT_EQ(0u, err.str().find("quorvia-cli: can't reach the quorvia daemon on localhost:9088"));
@@ -72,6 +76,7 @@ TEST(ThriftClientDaemonTest, RepliesComeBackWholeToEveryThreadAndExceptionsAsEmp
         EXPECT_EQ(std::to_string(i), calls[i].get());
     }
     EXPECT_EQ(kBigReply, ThriftClient::sCallQuorvia("big").size());
+    EXPECT_EQ("7x", ThriftClient::sNotifyQuorvia(7, "x"));
     EXPECT_EQ("", ThriftClient::sCallQuorvia("throw"));
     EXPECT_EQ(1,
               log.count("sCallQuorvia thrift request exception error: boom", google::GLOG_ERROR));
