@@ -93,6 +93,9 @@ TEST(ThriftClientDaemonTest, RepliesComeBackWholeToEveryThreadAndExceptionsAsEmp
         return std::to_string(status) + " " + said.substr(13, said.find(':', 13) - 13);
     };
     EXPECT_EQ("1 empty reply", cli("", 100));
+    std::ostringstream notified, err;
+    EXPECT_EQ(QuorviaCli::EXIT_REPLY_, QuorviaCli::sRun({"--notify", "7", "x"}, notified, err));
+    EXPECT_EQ("7x\n", notified.str());
     const std::string none = "2 no reply from the quorvia daemon on localhost";
     EXPECT_EQ(none, cli("slow", 100));
     EXPECT_EQ(none, cli(std::string(70000, 'x'), QuorviaCli::kReplyTimeoutMillis));
