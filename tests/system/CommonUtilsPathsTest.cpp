@@ -73,8 +73,7 @@ TEST_F(CommonUtilsPathsTest, DuplicateNamesCountOrUseTheWordSuffix) {
     }
     const auto counted = CommonUtils::sGetDuplicateFileName;
     const auto worded = CommonUtils::sGetDuplicatePath;
-    const struct { std::string (*duplicate)(const std::string&); const char* in, *out;
-    } cases[] = {
+    const struct { std::string (*duplicate)(const std::string&); const char* in, *out; } cases[] = {
         {counted, "missing.txt", "missing.txt"}, {counted, "a.txt", "a(1).txt"},
         {counted, "b(7).txt", "b(3).txt"},       {counted, "e(x).txt", "e(x)(1).txt"},
         {counted, "f(90).txt", "f(1).txt"},      {worded, "a.txt", "a-副本.txt"},

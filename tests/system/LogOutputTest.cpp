@@ -1,5 +1,6 @@
-#include <glog/logging.h>
 #include <gtest/gtest.h>
+
+#include <glog/logging.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>

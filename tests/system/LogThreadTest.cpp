@@ -1,5 +1,6 @@
-#include <glog/logging.h>
 #include <gtest/gtest.h>
+
+#include <glog/logging.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
