@@ -170,16 +170,18 @@ public:
 // A task that throws (running, and it still recurs; or asked whether it
 // recurs: the process ended then) or stops the dispatcher leaves the worker
 // going; one that is interrupted ends it, the queue stays and a new start
-// runs it.
+// runs it. The tasks are queued before the worker starts: a worker started
+// first could run "bad" and queue its second turn ahead of the others.
 TEST(DispatcherTest, ThrowingTaskLeavesTheWorkerGoingAnInterruptedOneEndsIt) {
     quorvia_test::LogCapture log;
     Journal journal;
-    Dispatcher dispatcher(true);
+    Dispatcher dispatcher;
     dispatcher.dispatch(task(
         journal, "bad", [] { throw std::runtime_error("disk vanished"); }, 2));
     dispatcher.dispatch(boost::shared_ptr<Dispatchable>(new FailsToRecur(journal)));
     dispatcher.dispatch(task(journal, "stopper", [&dispatcher] { dispatcher.stop(); }));
     dispatcher.dispatch(task(journal, "next"));
+    dispatcher.start();
     EXPECT_EQ(Names({"bad", "no room", "stopper", "next", "bad"}), journal.waitFor(5));
     EXPECT_TRUE(log.contains("disk vanished", google::GLOG_ERROR));
     EXPECT_TRUE(dispatcher.isRunning());
