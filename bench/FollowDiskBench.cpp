@@ -46,8 +46,8 @@ void addRows(const std::string& root, const std::string& name, const std::string
     sqlite3_open(databaseOf(root).c_str(), &db);
     sqlite3_exec(db, "BEGIN", NULL, NULL, NULL);
     sqlite3_stmt* insert = NULL;
-    sqlite3_prepare_v2(db, "INSERT INTO quorvia(HASH,PATH,TITLE,DATE) VALUES(?,?,'t',0)", -1, &insert,
-                       NULL);
+    sqlite3_prepare_v2(db, "INSERT INTO quorvia(HASH,PATH,TITLE,DATE) VALUES(?,?,'t',0)", -1,
+                       &insert, NULL);
     for (int i = 1; i <= count; ++i) {
         const std::string hash = name + std::to_string(i);
         const std::string path = prefix + std::to_string(i) + ".mp3";
@@ -76,7 +76,8 @@ int rowsUnder(const std::string& root, const std::string& folder) {
     sqlite3_busy_timeout(db, 5000);
     sqlite3_stmt* stmt = NULL;
     const std::string prefix = root + "/userdisk/data/" + folder + "/";
-    sqlite3_prepare_v2(db, "SELECT count(*) FROM quorvia WHERE substr(PATH,1,?)=?", -1, &stmt, NULL);
+    sqlite3_prepare_v2(db, "SELECT count(*) FROM quorvia WHERE substr(PATH,1,?)=?", -1, &stmt,
+                       NULL);
     sqlite3_bind_int(stmt, 1, static_cast<int>(prefix.size()));
     sqlite3_bind_text(stmt, 2, prefix.c_str(), -1, SQLITE_STATIC);
     const int count = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : -1;
@@ -122,8 +123,8 @@ void benchDelete(const std::string& root) {
     const Clock::time_point start = Clock::now();
     run("rm -rf " + root + "/userdisk/data/gone");
     const double seconds = waitForRows(root, "gone", 0, start);
-    printf("folder of %d indexed files deleted: last row gone after %.3f s%s\n", kFolderFiles, seconds,
-           seconds < 0 ? " (never within the wait)" : "");
+    printf("folder of %d indexed files deleted: last row gone after %.3f s%s\n", kFolderFiles,
+           seconds, seconds < 0 ? " (never within the wait)" : "");
     fflush(stdout);
 }
 
@@ -201,7 +202,8 @@ int main() {
     bool followingAgain = false;
     if (following) {
         indexFolder(root, "huge", kOverflowFolderFiles);
-        addRows(root, "filler", "/extdisks/sdb1/filler/", kOverflowStoreRows - kOverflowFolderFiles);
+        addRows(root, "filler", "/extdisks/sdb1/filler/",
+                kOverflowStoreRows - kOverflowFolderFiles);
         // INFO lines on, as shipped: the monitor writes one per event, and
         // the kernel's queue overflows while it does.
         const pid_t again = quorvia_bench::startDaemon(root, false);

@@ -181,8 +181,8 @@ void benchHitPath(const std::string& root, Lines lines, double seconds) {
         syslog.reset(new SyslogDaemon(root));
     }
     const pid_t pid = startDaemon(root, lines == LINES_OFF);
-    const char* const how[] = {" (INFO lines on, no syslog daemon)", " (INFO lines on, syslog read)",
-                               " (INFO lines off)"};
+    const char* const how[] = {" (INFO lines on, no syslog daemon)",
+                               " (INFO lines on, syslog read)", " (INFO lines off)"};
     for (int connections : {1, 3, 16}) {
         const std::string label =
             "daemon hit, " + std::to_string(connections) + " connection(s)" + how[lines];
@@ -242,8 +242,9 @@ double openAloneMicros(const std::string& path) {
             avformat_close_input(&context);
         }
     }
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() /
-           rounds;
+    const std::chrono::duration<double, std::micro> spent =
+        std::chrono::steady_clock::now() - start;
+    return spent.count() / rounds;
 }
 
 void benchMissPath(const std::string& root, double seconds, bool quiet) {
@@ -251,18 +252,21 @@ void benchMissPath(const std::string& root, double seconds, bool quiet) {
     const std::string how = quiet ? " (INFO lines off)" : " (INFO lines on)";
     const std::string photo = root + "/userdisk/data/photo.jpg";
     const std::string clip = root + "/userdisk/data/clip.mp4";
-    const LoadFigures image = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [photo, how](int, long n) {
-        return imageRequest(photo, how + "jpeg-miss-" + std::to_string(n));
-    });
+    const LoadFigures image =
+        LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [photo, how](int, long n) {
+            return imageRequest(photo, how + "jpeg-miss-" + std::to_string(n));
+        });
     print("daemon miss, JPEG with EXIF" + how, image);
-    const LoadFigures video = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [clip, how](int, long n) {
-        return videoRequest(clip, how + "mp4-miss-" + std::to_string(n));
-    });
+    const LoadFigures video =
+        LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [clip, how](int, long n) {
+            return videoRequest(clip, how + "mp4-miss-" + std::to_string(n));
+        });
     print("daemon miss, 10 s MP4" + how, video);
-    const LoadFigures inserts = LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [root, how](int, long n) {
-        return "{\"api\":1,\"path\":\"" + root + "/none.mp3\",\"name\":\"a.mp3\",\"hash\":\"" + how +
-               "audio-miss-" + std::to_string(n) + "\"}";
-    });
+    const LoadFigures inserts =
+        LoadGenerator::sRun(DAEMON_PORT, 1, seconds, [root, how](int, long n) {
+            return "{\"api\":1,\"path\":\"" + root + "/none.mp3\",\"name\":\"a.mp3\",\"hash\":\"" +
+                   how + "audio-miss-" + std::to_string(n) + "\"}";
+        });
     print("daemon miss, audio: no file read, the insert" + how, inserts);
     const double open = openAloneMicros(clip);
     printf("MP4 open alone %.1f us; video miss p50 %.1f us = %.2f x open + %.1f us of audio miss "

@@ -43,8 +43,8 @@ metadata_s recordOf(const std::string& path, const std::string& hash, Extract ex
 }
 
 void addString(json_object* object, const char* key, const std::string& value) {
-    json_object_object_add(object, key,
-                           json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+    json_object_object_add(
+        object, key, json_object_new_string_len(value.data(), static_cast<int>(value.size())));
 }
 
 std::string textOf(json_object* object) {
@@ -63,7 +63,8 @@ std::string QuorviaApi::getImageMetadata(const std::string& path, const std::str
     json_object* response = sCreateJsonObject(SUCCESS);
     addString(response, "title", metadata.title);
     addString(response, "mime", metadata.mime);
-    json_object_object_add(response, "date", json_object_new_int(static_cast<int32_t>(metadata.date)));
+    json_object_object_add(response, "date",
+                           json_object_new_int(static_cast<int32_t>(metadata.date)));
     return textOf(response);
 }
 
@@ -77,7 +78,8 @@ std::string QuorviaApi::getAudioMetadata(const std::string& path, const std::str
     addString(response, "album", metadata.album);
     addString(response, "artist", metadata.artist);
     addString(response, "duration", metadata.duration);
-    json_object_object_add(response, "date", json_object_new_int(static_cast<int32_t>(metadata.date)));
+    json_object_object_add(response, "date",
+                           json_object_new_int(static_cast<int32_t>(metadata.date)));
     return textOf(response);
 }
 
@@ -89,7 +91,8 @@ std::string QuorviaApi::getVedioMetadata(const std::string& path, const std::str
     json_object* response = sCreateJsonObject(SUCCESS);
     addString(response, "title", metadata.title);
     addString(response, "duration", metadata.duration);
-    json_object_object_add(response, "date", json_object_new_int(static_cast<int32_t>(metadata.date)));
+    json_object_object_add(response, "date",
+                           json_object_new_int(static_cast<int32_t>(metadata.date)));
     return textOf(response);
 }
 

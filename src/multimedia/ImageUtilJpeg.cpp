@@ -161,8 +161,9 @@ int ImageUtil::computeInitialSampleSize(int width, int height, int minSide, int 
     const int lowBound =
         maxPixels == -1 ? 1 : static_cast<int>(std::ceil(std::sqrt(w * h / maxPixels)));
     const int highBound =
-        minSide == -1 ? 128
-                      : static_cast<int>(std::min(std::floor(w / minSide), std::floor(h / minSide)));
+        minSide == -1
+            ? 128
+            : static_cast<int>(std::min(std::floor(w / minSide), std::floor(h / minSide)));
     if (highBound < lowBound) {
         return lowBound;
     }

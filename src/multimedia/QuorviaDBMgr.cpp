@@ -267,7 +267,8 @@ bool QuorviaDBMgr::createMainTable() {
     if (result) {
         result = createPathIndex();
     }
-    QLOG(INFO) << "CreateTable result : " << (result ? 1 : 0) << " , table_name: " << mainTableName_;
+    QLOG(INFO) << "CreateTable result : " << (result ? 1 : 0)
+               << " , table_name: " << mainTableName_;
     return result;
 }
 

@@ -11,8 +11,8 @@ const char* const kRecyclePrefixes[] = {".", "$RECYCLE", "RECYCLER", "RECYCLED"}
 bool CommonUtils::isFilterDir(const std::string& name) {
     talvern::ConfigInfo* config = talvern::ConfigInfo::sGetInstance();
     bool hit = false;
-    for (std::size_t i = 0; !hit && i < sizeof(kRecyclePrefixes) / sizeof(kRecyclePrefixes[0]); ++i) {
-        hit = startWith(name, kRecyclePrefixes[i]);
+    for (const char* prefix : kRecyclePrefixes) {
+        hit = hit || startWith(name, prefix);
     }
     hit = hit || startWith(name, config->getBackupRouterDiskDirName()) ||
           startWith(name, config->getTimecapsuleName()) ||

@@ -209,7 +209,8 @@ bool ConfigInfo::reloadFailedGlobalConfig(const SettingsFile& file) {
 bool ConfigInfo::setAsideBrokenGlobalConfig(const SettingsFile& file) {
     const std::string aside = globalConfigPath_ + kBrokenConfigSuffix;
     if (!file.setAside(kBrokenConfigSuffix)) {
-        QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse and can't be set aside";
+        QLOG(ERROR) << "config file " << globalConfigPath_
+                    << " does not parse and can't be set aside";
         return false;
     }
     QLOG(ERROR) << "config file " << globalConfigPath_ << " does not parse, set aside as " << aside;

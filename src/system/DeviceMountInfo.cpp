@@ -224,8 +224,8 @@ extern "C" int get_usb_deploy_root_path(char* rootPath) {
         printf("open /proc/mounts fail\n");
         return 0;
     }
-    const int found =
-        talvern::DeviceMountInfo::sFindUsbDeployRootPath(mounts, rootPath, talvern::deviceAccessible);
+    const int found = talvern::DeviceMountInfo::sFindUsbDeployRootPath(mounts, rootPath,
+                                                                       talvern::deviceAccessible);
     fclose(mounts);
     return found;
 }

@@ -137,7 +137,8 @@ int readToolAnswer(const std::string& path, const char* attribute) {
 }  // namespace
 
 int MacFilter::sDefaultAnswer(const char* attribute) {
-    return (attribute != NULL && strncasecmp(attribute, kOpenByDefault, strlen(kOpenByDefault)) == 0)
+    return (attribute != NULL &&
+            strncasecmp(attribute, kOpenByDefault, strlen(kOpenByDefault)) == 0)
                ? 1
                : 0;
 }

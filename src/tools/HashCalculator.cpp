@@ -134,7 +134,8 @@ std::string HashCalculator::calcFile(const std::string& path, unsigned int buffe
     }
     FdCloser closer(fd);
     const uint64_t requested = static_cast<uint64_t>(bufferSizeKiB) << 10;
-    const uint32_t bufferSize = static_cast<uint32_t>(std::min<uint64_t>(requested, kWholeFileLimit));
+    const uint32_t bufferSize =
+        static_cast<uint32_t>(std::min<uint64_t>(requested, kWholeFileLimit));
     char* buffer = bufferSize > 0 ? new (std::nothrow) char[bufferSize] : NULL;
     if (buffer == NULL) {
         QLOG(ERROR) << " memory allocation failure, bufferSize : " << requested;

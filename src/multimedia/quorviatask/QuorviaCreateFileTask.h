@@ -9,7 +9,8 @@ namespace quorvia {
 // so there is nothing to do.
 class QuorviaCreateFileTask : public QuorviaFileTask {
 public:
-    QuorviaCreateFileTask(const std::string& path, MonitorType type) : QuorviaFileTask(path, type) {}
+    QuorviaCreateFileTask(const std::string& path, MonitorType type)
+        : QuorviaFileTask(path, type) {}
     virtual ~QuorviaCreateFileTask() {}
 
     virtual void run();

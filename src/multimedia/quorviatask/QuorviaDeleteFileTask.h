@@ -8,7 +8,8 @@ namespace quorvia {
 // A file that went away: its row leaves the store.
 class QuorviaDeleteFileTask : public QuorviaFileTask {
 public:
-    QuorviaDeleteFileTask(const std::string& path, MonitorType type) : QuorviaFileTask(path, type) {}
+    QuorviaDeleteFileTask(const std::string& path, MonitorType type)
+        : QuorviaFileTask(path, type) {}
     virtual ~QuorviaDeleteFileTask() {}
 
     virtual void run();

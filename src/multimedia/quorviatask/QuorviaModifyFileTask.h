@@ -9,7 +9,8 @@ namespace quorvia {
 // Rows enter the store only through requests, so there is nothing to do.
 class QuorviaModifyFileTask : public QuorviaFileTask {
 public:
-    QuorviaModifyFileTask(const std::string& path, MonitorType type) : QuorviaFileTask(path, type) {}
+    QuorviaModifyFileTask(const std::string& path, MonitorType type)
+        : QuorviaFileTask(path, type) {}
     virtual ~QuorviaModifyFileTask() {}
 
     virtual void run();
