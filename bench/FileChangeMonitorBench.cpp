@@ -1,6 +1,7 @@
 // Figures of the disk follower: watch placement for a tree of 10,000
 // directories next to inotifywait -r on the same tree, and the folding and
-// delivery of a batch of created files at three sizes. Printed, not asserted.
+// delivery of a batch of created files at three sizes, and a batch that
+// moves folders out and a tree of as many in. Printed, not asserted.
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -107,13 +108,14 @@ void watchPlacement(const std::string& tree) {
     }
 }
 
-void appendEvent(std::string& buffer, int wd, uint32_t mask, const std::string& name) {
+void appendEvent(std::string& buffer, int wd, uint32_t mask, const std::string& name,
+                 uint32_t cookie = 0) {
     const std::size_t len = ((name.size() + 1 + 15) / 16) * 16;
     std::string record(sizeof(inotify_event) + len, '\0');
     inotify_event header;
     header.wd = wd;
     header.mask = mask;
-    header.cookie = 0;
+    header.cookie = cookie;
     header.len = static_cast<uint32_t>(len);
     memcpy(&record[0], &header, sizeof(header));
     memcpy(&record[sizeof(header)], name.data(), name.size());
@@ -148,6 +150,45 @@ double foldBatch(const std::string& root, int files, const char* logging) {
            "(%zu items)\n",
            files, logging, folded, secondsSince(start), observer->items);
     return folded;
+}
+
+// A batch in which the folders of a tree leave it and a tree of as many
+// folders arrives: every watch placed for a newcomer is checked against the
+// folders still away. Returns the seconds that handling the batch took.
+double swapTrees(const std::string& root, int folders) {
+    const std::string tree = root + "/swap", away = root + "/away", incoming = root + "/incoming";
+    for (int i = 0; i < folders; ++i) {
+        fs::create_directories(tree + "/out" + std::to_string(i));
+        fs::create_directories(incoming + "/in" + std::to_string(i));
+    }
+    fs::create_directories(away);
+    boost::shared_ptr<InotifyKernel> kernel(new QuietKernel);
+    FileChangeMonitor monitor(kernel);
+    monitor.init(std::vector<std::string>(1, tree));
+    monitor.beginNotify();
+    std::vector<std::string> reads(1);
+    for (int i = 0; i < folders; ++i) {
+        const std::string name = "out" + std::to_string(i);
+        fs::rename(tree + "/" + name, away + "/" + name);
+        if (reads.back().size() > FileChangeMonitor::kReadBufferSize - 1024) {
+            reads.push_back(std::string());
+        }
+        appendEvent(reads.back(), 1, IN_MOVED_FROM | IN_ISDIR, name, i + 1);
+    }
+    fs::rename(incoming, tree + "/in");
+    appendEvent(reads.back(), 1, IN_MOVED_TO | IN_ISDIR, "in", folders + 1);
+    Clock::time_point start = Clock::now();
+    for (std::size_t i = 0; i < reads.size(); ++i) {
+        monitor.handleEvents(reads[i].data(), reads[i].size());
+    }
+    monitor.runPass();
+    const double took = secondsSince(start);
+    printf("batch of %5d folders moved out and a tree of as many moved in (log lines off): "
+           "handled in %.3f s, %zu watches after\n",
+           folders, took, monitor.watchedPaths().size());
+    fs::remove_all(tree);
+    fs::remove_all(away);
+    return took;
 }
 
 }  // namespace
@@ -187,6 +228,7 @@ int main(int, char** argv) {
                                            "<=", 3);
     foldBatch(root + "/flat", 10000, "log lines off");
     foldBatch(root + "/flat", 20000, "log lines off");
+    swapTrees(root, 10000);
     fs::remove_all(root);
     return met ? 0 : 1;
 }
