@@ -222,7 +222,7 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
         // A folder moved away, and a newcomer at its path before this one's
         // subfolders are walked: the watches below are still the old
         // folder's, and they go with it.
-        if (isMovedAway(displaced)) {
+        if (movedDirs_.isAway(displaced)) {
             removeWatchesBelow(path);
         }
         displacedWatches_.push_back(displaced);
@@ -230,7 +230,9 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     }
     wdToPath_[wd] = path;
     pathToWd_[path] = wd;
-    keepReturnedDirectory(wd);
+    // A directory that left the tree and came back (under any name) before
+    // the quiet pass is placed again under the same descriptor: it stays.
+    movedDirs_.returned(wd);
     QLOG(INFO) << "add inotify watch " << dir;
     return true;
 }
@@ -264,7 +266,7 @@ void FileChangeMonitor::addWatchDiskDir(inotify_event* event) {
         return;
     }
     if (event->mask & IN_MOVED_TO) {
-        movedDirs_.erase(event->cookie);
+        movedDirs_.arrived(event->cookie);
     }
     scanAndAddWatchDiskDirRecursive(it->second + eventName(event) + "/");
 }
@@ -284,7 +286,7 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
     }
     QLOG(WARNING) << "Folder removed: " << path;
     if (event->mask & IN_MOVED_FROM) {
-        movedDirs_[event->cookie] = found;
+        movedDirs_.left(event->cookie, found);
         return;
     }
     if (endedDirs_.erase(path) != 0) {
@@ -301,9 +303,8 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
 // took 13 s for 30,000 sibling folders moved out at once.
 void FileChangeMonitor::dropDirectoriesMovedOut() {
     boost::unordered_set<std::string> gone;
-    for (boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
-         it != movedDirs_.end(); ++it) {
-        boost::unordered_map<int, std::string>::iterator moved = wdToPath_.find(it->second);
+    for (int wd : movedDirs_.awayWatches()) {
+        boost::unordered_map<int, std::string>::iterator moved = wdToPath_.find(wd);
         if (moved != wdToPath_.end()) {
             gone.insert(moved->second);
         }
@@ -352,29 +353,6 @@ void FileChangeMonitor::removeDisplacedWatches() {
         }
     }
     displacedWatches_.clear();
-}
-
-bool FileChangeMonitor::isMovedAway(int wd) const {
-    for (boost::unordered_map<uint32_t, int>::const_iterator it = movedDirs_.begin();
-         it != movedDirs_.end(); ++it) {
-        if (it->second == wd) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// A directory that left the tree and came back (under any name) before the
-// quiet pass is placed again under the same descriptor: it stays.
-void FileChangeMonitor::keepReturnedDirectory(int wd) {
-    boost::unordered_map<uint32_t, int>::iterator it = movedDirs_.begin();
-    while (it != movedDirs_.end()) {
-        if (it->second == wd) {
-            it = movedDirs_.erase(it);
-        } else {
-            ++it;
-        }
-    }
 }
 
 void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {

@@ -20,6 +20,7 @@
 #include "backup/inotify/FileChangeItem.h"
 #include "backup/inotify/IFileChangeMonitorObserver.h"
 #include "backup/inotify/InotifyKernel.h"
+#include "backup/inotify/MovedFolders.h"
 #include "system/SteadyClock.h"
 
 // Follows directory trees with inotify: one watch per directory, kept true
@@ -202,9 +203,6 @@ private:
     // Takes down the watches of directories that moved out of the tree: the
     // moves still unpaired in movedDirs_. Before a quiet delivery.
     void dropDirectoriesMovedOut();
-    void keepReturnedDirectory(int wd);
-    // Whether wd watches a directory moved away and not yet arrived.
-    bool isMovedAway(int wd) const;
     void removeDisplacedWatches();
     void watchMissingRoots();
     void noteRootIdentity(const std::string& root);
@@ -222,9 +220,9 @@ private:
     boost::unordered_map<int, std::string> wdToPath_;
     boost::unordered_map<std::string, int> pathToWd_;
     boost::unordered_map<std::string, int> delayAddDirs_;
-    // Directories moved away since the last quiet pass: move cookie ->
-    // their watch descriptor; a directory's arrival takes its entry out.
-    boost::unordered_map<uint32_t, int> movedDirs_;
+    // Directories moved away since the last quiet pass; a directory's
+    // arrival takes its entry out.
+    MovedFolders movedDirs_;
     // Directories whose watch the kernel ended since the last quiet pass
     // (path with "/" -> the ended descriptor): their parent's delete event
     // comes after and still counts them as watched.
