@@ -1,7 +1,7 @@
 // Figures of the disk follower: watch placement for a tree of 10,000
 // directories next to inotifywait -r on the same tree, and the folding and
-// delivery of a batch of created files at three sizes, and a batch that
-// moves folders out and a tree of as many in. Printed, not asserted.
+// delivery of a batch of created files at three sizes, and batches that
+// move folders out and as many in. Printed, not asserted.
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -152,14 +152,15 @@ double foldBatch(const std::string& root, int files, const char* logging) {
     return folded;
 }
 
-// A batch in which the folders of a tree leave it and a tree of as many
-// folders arrives: every watch placed for a newcomer is checked against the
-// folders still away. Returns the seconds that handling the batch took.
-double swapTrees(const std::string& root, int folders) {
+// A batch in which the folders of a tree leave it and as many folders arrive:
+// one tree of them, or each on its own at the name of one that left. Every
+// watch placed for a newcomer is checked against the folders still away.
+// Returns the seconds that handling the batch took.
+double swapFolders(const std::string& root, int folders, bool sameNames) {
     const std::string tree = root + "/swap", away = root + "/away", incoming = root + "/incoming";
     for (int i = 0; i < folders; ++i) {
         fs::create_directories(tree + "/out" + std::to_string(i));
-        fs::create_directories(incoming + "/in" + std::to_string(i));
+        fs::create_directories(incoming + (sameNames ? "/out" : "/in") + std::to_string(i));
     }
     fs::create_directories(away);
     boost::shared_ptr<InotifyKernel> kernel(new QuietKernel);
@@ -167,27 +168,41 @@ double swapTrees(const std::string& root, int folders) {
     monitor.init(std::vector<std::string>(1, tree));
     monitor.beginNotify();
     std::vector<std::string> reads(1);
-    for (int i = 0; i < folders; ++i) {
-        const std::string name = "out" + std::to_string(i);
-        fs::rename(tree + "/" + name, away + "/" + name);
+    const auto add = [&reads](uint32_t mask, const std::string& name, uint32_t cookie) {
         if (reads.back().size() > FileChangeMonitor::kReadBufferSize - 1024) {
             reads.push_back(std::string());
         }
-        appendEvent(reads.back(), 1, IN_MOVED_FROM | IN_ISDIR, name, i + 1);
+        appendEvent(reads.back(), 1, mask | IN_ISDIR, name, cookie);
+    };
+    for (int i = 0; i < folders; ++i) {
+        const std::string name = "out" + std::to_string(i);
+        fs::rename(tree + "/" + name, away + "/" + name);
+        add(IN_MOVED_FROM, name, i + 1);
     }
-    fs::rename(incoming, tree + "/in");
-    appendEvent(reads.back(), 1, IN_MOVED_TO | IN_ISDIR, "in", folders + 1);
+    if (sameNames) {
+        for (int i = 0; i < folders; ++i) {
+            const std::string name = "out" + std::to_string(i);
+            fs::rename(incoming + "/" + name, tree + "/" + name);
+            add(IN_MOVED_TO, name, folders + i + 1);
+        }
+    } else {
+        fs::rename(incoming, tree + "/in");
+        add(IN_MOVED_TO, "in", folders + 1);
+    }
     Clock::time_point start = Clock::now();
     for (std::size_t i = 0; i < reads.size(); ++i) {
         monitor.handleEvents(reads[i].data(), reads[i].size());
     }
     monitor.runPass();
     const double took = secondsSince(start);
-    printf("batch of %5d folders moved out and a tree of as many moved in (log lines off): "
-           "handled in %.3f s, %zu watches after\n",
-           folders, took, monitor.watchedPaths().size());
+    printf(
+        "batch of %5d folders moved out and %s (log lines off): handled in %.3f s, "
+        "%zu watches after\n",
+        folders, sameNames ? "as many in at their names" : "a tree of as many in", took,
+        monitor.watchedPaths().size());
     fs::remove_all(tree);
     fs::remove_all(away);
+    fs::remove_all(incoming);
     return took;
 }
 
@@ -228,7 +243,8 @@ int main(int, char** argv) {
                                            "<=", 3);
     foldBatch(root + "/flat", 10000, "log lines off");
     foldBatch(root + "/flat", 20000, "log lines off");
-    swapTrees(root, 10000);
+    swapFolders(root, 10000, false);
+    swapFolders(root, 10000, true);
     fs::remove_all(root);
     return met ? 0 : 1;
 }
