@@ -216,7 +216,7 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
         }
         forgetPath(byWd->second, wd);
     }
-    boost::unordered_map<std::string, int>::iterator byPath = pathToWd_.find(path);
+    std::map<std::string, int>::iterator byPath = pathToWd_.find(path);
     if (byPath != pathToWd_.end() && byPath->second != wd) {
         const int displaced = byPath->second;
         // A folder moved away, and a newcomer at its path before this one's
@@ -355,13 +355,13 @@ void FileChangeMonitor::removeDisplacedWatches() {
     displacedWatches_.clear();
 }
 
+// The paths that start with dir follow it in the ordered index: a folder
+// that a newcomer displaced costs its own watches, not a pass over all.
 void FileChangeMonitor::removeWatchesBelow(const std::string& dir) {
     std::vector<int> below;
-    for (boost::unordered_map<int, std::string>::iterator it = wdToPath_.begin();
-         it != wdToPath_.end(); ++it) {
-        if (it->second.size() > dir.size() && it->second.compare(0, dir.size(), dir) == 0) {
-            below.push_back(it->first);
-        }
+    for (std::map<std::string, int>::iterator it = pathToWd_.upper_bound(dir);
+         it != pathToWd_.end() && it->first.compare(0, dir.size(), dir) == 0; ++it) {
+        below.push_back(it->second);
     }
     removeWatches(below);
 }
@@ -401,7 +401,7 @@ void FileChangeMonitor::forgetWatch(int wd) {
 }
 
 void FileChangeMonitor::forgetPath(const std::string& path, int wd) {
-    boost::unordered_map<std::string, int>::iterator it = pathToWd_.find(path);
+    std::map<std::string, int>::iterator it = pathToWd_.find(path);
     if (it != pathToWd_.end() && it->second == wd) {
         pathToWd_.erase(it);
     }
@@ -417,16 +417,20 @@ bool FileChangeMonitor::isRoot(const std::string& pathWithSlash) const {
 }
 
 int FileChangeMonitor::isWatchedTalvernDir(const std::string& path) {
-    boost::unordered_map<std::string, int>::iterator it = pathToWd_.find(path);
-    if (it == pathToWd_.end()) {
-        it = endedDirs_.find(path);
-        if (it == endedDirs_.end()) {
+    int wd = -1;
+    std::map<std::string, int>::iterator watched = pathToWd_.find(path);
+    if (watched != pathToWd_.end()) {
+        wd = watched->second;
+    } else {
+        boost::unordered_map<std::string, int>::iterator ended = endedDirs_.find(path);
+        if (ended == endedDirs_.end()) {
             QLOG(INFO) << "not find path " << path;
             return -1;
         }
+        wd = ended->second;
     }
-    QLOG(INFO) << "it is watched talvern dir, path is " << path << " ,wd is " << it->second;
-    return it->second;
+    QLOG(INFO) << "it is watched talvern dir, path is " << path << " ,wd is " << wd;
+    return wd;
 }
 
 void FileChangeMonitor::delayAddWatchDiskDir() {
@@ -571,7 +575,7 @@ void FileChangeMonitor::checkRootsInPlace() {
         QLOG(WARNING) << "the followed folder " << it->first
                       << " is not the one watched any more; it is looked for again";
         removeWatchesBelow(it->first);
-        boost::unordered_map<std::string, int>::iterator root = pathToWd_.find(it->first);
+        std::map<std::string, int>::iterator root = pathToWd_.find(it->first);
         if (root != pathToWd_.end()) {
             kernel_->removeWatch(inotifyFd_, root->second);
             wdToPath_.erase(root->second);

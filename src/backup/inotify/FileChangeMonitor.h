@@ -218,7 +218,9 @@ private:
     int initErrno_;
     std::vector<std::string> watchDirs_;
     boost::unordered_map<int, std::string> wdToPath_;
-    boost::unordered_map<std::string, int> pathToWd_;
+    // The mirror of wdToPath_, ordered: the watches below a folder are one
+    // range of it.
+    std::map<std::string, int> pathToWd_;
     boost::unordered_map<std::string, int> delayAddDirs_;
     // Directories moved away since the last quiet pass; a directory's
     // arrival takes its entry out.
