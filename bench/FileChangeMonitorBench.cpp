@@ -69,6 +69,22 @@ void placeWatches(const std::string& tree, const char* logging) {
            monitor.watchedPaths().size(), secondsSince(start));
 }
 
+// An idle monitor settles once a second: what one such pass costs with the
+// tree's watches in place.
+void idlePasses(const std::string& tree) {
+    boost::shared_ptr<InotifyKernel> kernel(new QuietKernel);
+    FileChangeMonitor monitor(kernel);
+    monitor.init(std::vector<std::string>(1, tree));
+    monitor.beginNotify();
+    const int passes = 20;
+    Clock::time_point start = Clock::now();
+    for (int i = 0; i < passes; ++i) {
+        monitor.runPass();
+    }
+    printf("idle quiet pass with %zu watches: %.3f ms\n", monitor.watchedPaths().size(),
+           secondsSince(start) * 1000 / passes);
+}
+
 void watchPlacement(const std::string& tree) {
     // One log line per watch: what that costs depends on the machine's syslog,
     // so placement is timed with and without them.
@@ -232,7 +248,9 @@ int main(int, char** argv) {
     }
     talvern::ConfigInfo::sGetInstance();
 
-    watchPlacement(makeTree(root + "/tree", 100, 100));
+    const std::string tree = makeTree(root + "/tree", 100, 100);
+    watchPlacement(tree);
+    idlePasses(tree);
     fs::create_directories(root + "/flat");
     // Every event and item writes a log line; how much that costs depends on
     // the machine's syslog, so the folding itself is shown without them too.
