@@ -194,9 +194,11 @@ private:
     // there as itself, and so is what the kernel found at path: a second way
     // to it (a link swapped in at path in the moment before its watch).
     bool isStillWatchedAs(const std::string& watched, const std::string& path) const;
-    // true when path (ending in "/") is one of folders or lies below one.
-    static bool liesIn(const std::string& path, const boost::unordered_set<std::string>& folders);
     void forgetWatch(int wd);
+    // Adds to wds the watches of the paths that start with prefix, from
+    // `from` on: the paths below a folder are one range of the ordered index.
+    void addWatchesFrom(std::map<std::string, int>::const_iterator from, const std::string& prefix,
+                        std::vector<int>& wds) const;
     void removeWatchesBelow(const std::string& dir);
     // Takes the watches down and out of both tables.
     void removeWatches(const std::vector<int>& wds);
