@@ -470,6 +470,20 @@ TEST_F(FileChangeMonitorTest, AFolderReplacedByANewcomerTakesItsSubfoldersAlong)
     EXPECT_EQ(Lines({"", "A/", "AB/", "AB/s/"}), watched()) << "its neighbours stay";
 }
 
+// A folder renamed and then moved out of the tree before its events were
+// read: its arrival found nothing to watch, and the watches of its old place
+// stayed for good, naming what happened out there by paths in the tree.
+TEST_F(FileChangeMonitorTest, AFolderMovedOnAndOutBeforeItsEventsAreReadLeavesNoWatchRegression) {
+    mkdirs("A/s");
+    start(false);
+    fs::rename(data() + "/A", root() + "/A");
+    fake_->queued.push_back(records(wd(), {{IN_MOVED_FROM | IN_ISDIR, "A", 7},
+                                           {IN_MOVED_TO | IN_ISDIR, "B", 7},
+                                           {IN_MOVED_FROM | IN_ISDIR, "B", 8}}));
+    batchAfterPasses(1);
+    EXPECT_EQ(Lines(1, ""), watched());
+}
+
 // The walk once held a folder open per level: a tree a few hundred levels
 // deep took every descriptor the process may have, and went unwatched. It
 // then went down by recursion: a chain of some hundred folders overflowed

@@ -222,7 +222,7 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
         // A folder moved away, and a newcomer at its path before this one's
         // subfolders are walked: the watches below are still the old
         // folder's, and they go with it.
-        if (movedDirs_.isAway(displaced)) {
+        if (movedDirs_.count(displaced) != 0) {
             removeWatchesBelow(path);
         }
         displacedWatches_.push_back(displaced);
@@ -232,7 +232,7 @@ bool FileChangeMonitor::placeWatch(const std::string& dir) {
     pathToWd_[path] = wd;
     // A directory that left the tree and came back (under any name) before
     // the quiet pass is placed again under the same descriptor: it stays.
-    movedDirs_.returned(wd);
+    movedDirs_.erase(wd);
     QLOG(INFO) << "add inotify watch " << dir;
     return true;
 }
@@ -265,9 +265,6 @@ void FileChangeMonitor::addWatchDiskDir(inotify_event* event) {
     if (it == wdToPath_.end()) {
         return;
     }
-    if (event->mask & IN_MOVED_TO) {
-        movedDirs_.arrived(event->cookie);
-    }
     scanAndAddWatchDiskDirRecursive(it->second + eventName(event) + "/");
 }
 
@@ -286,7 +283,7 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
     }
     QLOG(WARNING) << "Folder removed: " << path;
     if (event->mask & IN_MOVED_FROM) {
-        movedDirs_.left(event->cookie, found);
+        movedDirs_.insert(found);
         return;
     }
     if (endedDirs_.erase(path) != 0) {
@@ -306,7 +303,7 @@ void FileChangeMonitor::removeWatchDiskDir(inotify_event* event) {
 // folders that both left share watches, which go once.
 void FileChangeMonitor::dropDirectoriesMovedOut() {
     std::vector<int> gone;
-    for (int wd : movedDirs_.awayWatches()) {
+    for (int wd : movedDirs_) {
         boost::unordered_map<int, std::string>::iterator moved = wdToPath_.find(wd);
         if (moved != wdToPath_.end()) {
             addWatchesFrom(pathToWd_.lower_bound(moved->second), moved->second, gone);

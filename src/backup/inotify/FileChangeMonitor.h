@@ -20,7 +20,6 @@
 #include "backup/inotify/FileChangeItem.h"
 #include "backup/inotify/IFileChangeMonitorObserver.h"
 #include "backup/inotify/InotifyKernel.h"
-#include "backup/inotify/MovedFolders.h"
 #include "system/SteadyClock.h"
 
 // Follows directory trees with inotify: one watch per directory, kept true
@@ -202,8 +201,8 @@ private:
     void removeWatchesBelow(const std::string& dir);
     // Takes the watches down and out of both tables.
     void removeWatches(const std::vector<int>& wds);
-    // Takes down the watches of directories that moved out of the tree: the
-    // moves still unpaired in movedDirs_. Before a quiet delivery.
+    // Takes down the watches of directories that moved out of the tree: those
+    // still in movedDirs_. Before a quiet delivery.
     void dropDirectoriesMovedOut();
     void removeDisplacedWatches();
     void watchMissingRoots();
@@ -224,9 +223,11 @@ private:
     // range of it.
     std::map<std::string, int> pathToWd_;
     boost::unordered_map<std::string, int> delayAddDirs_;
-    // Directories moved away since the last quiet pass; a directory's
-    // arrival takes its entry out.
-    MovedFolders movedDirs_;
+    // The descriptors of directories moved away since the last quiet pass.
+    // A directory's watch placed again (its arrival anywhere in the tree)
+    // takes it out; an arrival that finds nothing to watch (the folder moved
+    // on, out of the tree) leaves it in, so its watches still go.
+    boost::unordered_set<int> movedDirs_;
     // Directories whose watch the kernel ended since the last quiet pass
     // (path with "/" -> the ended descriptor): their parent's delete event
     // comes after and still counts them as watched.
