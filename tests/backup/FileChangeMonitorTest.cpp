@@ -299,6 +299,7 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
                             google::GLOG_WARNING));
     EXPECT_EQ(Lines(1, ""), watched());
     fake_->refuse.erase(data() + "/x/");
+    const size_t descriptors = quorvia_test::openDescriptors();
     for (int pass = 0; pass < FileChangeMonitor::kMaxWatchRetries; ++pass) {
         monitor_->delayAddWatchDiskDir();
     }
@@ -306,6 +307,7 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
     monitor_->delayAddWatchDiskDir();
     EXPECT_TRUE(monitor_->delayedDirs().empty());
     EXPECT_EQ(Lines({"", "x/"}), watched());
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors()) << "each try closes its folder";
     monitor_->removeInotifyDir(data() + "/x");
     EXPECT_EQ(Lines(1, ""), watched());
     // A folder that can't be opened (no descriptor left) is a refusal too,
