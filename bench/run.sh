@@ -6,6 +6,9 @@
 set -u
 build_dir=$1
 here=$(cd "$(dirname "$0")" && pwd)
+# The device's tools (uci, nvram, ...) are the stand-ins, as in the tests.
+PATH="$here/../tools/device:$PATH"
+export PATH
 status=0
 for program in "$build_dir"/bench/*Bench; do
     [ -x "$program" ] || continue
