@@ -639,6 +639,13 @@ TEST_F(FileChangeMonitorTest, TableFollowsTheTreeThroughMovesChurnAndARemadeData
     EXPECT_EQ(Lines({"", "b/"}), watched());
     writeFile("/userdisk/data/b/g.jpg", "x");
     EXPECT_EQ(Lines({"MODIFY b/g.jpg"}), batchAfterPasses(10));
+
+    // Moved aside and made anew: the kernel's watches follow the old folder,
+    // which its identity gives away; they all go, the root's included.
+    fs::rename(data(), root() + "/aside");
+    mkdirs("c");
+    passUntil([&] { return monitor_->watchedPaths() == Lines({data() + "/", data() + "/c/"}); });
+    EXPECT_EQ(Lines({"", "c/"}), watched());
 }
 
 }  // namespace
