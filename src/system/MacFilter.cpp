@@ -137,10 +137,7 @@ int readToolAnswer(const std::string& path, const char* attribute) {
 }  // namespace
 
 int MacFilter::sDefaultAnswer(const char* attribute) {
-    return (attribute != NULL &&
-            strncasecmp(attribute, kOpenByDefault, strlen(kOpenByDefault)) == 0)
-               ? 1
-               : 0;
+    return attribute != NULL && strncasecmp(attribute, kOpenByDefault, strlen(kOpenByDefault)) == 0;
 }
 
 // Lines are read whole, so a long value can't be cut into a piece that reads

@@ -405,18 +405,13 @@ bool FileChangeMonitor::isRoot(const std::string& pathWithSlash) const {
 }
 
 int FileChangeMonitor::isWatchedTalvernDir(const std::string& path) {
-    int wd = -1;
-    std::map<std::string, int>::iterator watched = pathToWd_.find(path);
-    if (watched != pathToWd_.end()) {
-        wd = watched->second;
-    } else {
-        boost::unordered_map<std::string, int>::iterator ended = endedDirs_.find(path);
-        if (ended == endedDirs_.end()) {
-            QLOG(INFO) << "not find path " << path;
-            return -1;
-        }
-        wd = ended->second;
+    const std::map<std::string, int>::const_iterator watched = pathToWd_.find(path);
+    const boost::unordered_map<std::string, int>::const_iterator ended = endedDirs_.find(path);
+    if (watched == pathToWd_.end() && ended == endedDirs_.end()) {
+        QLOG(INFO) << "not find path " << path;
+        return -1;
     }
+    const int wd = watched != pathToWd_.end() ? watched->second : ended->second;
     QLOG(INFO) << "it is watched talvern dir, path is " << path << " ,wd is " << wd;
     return wd;
 }
