@@ -57,11 +57,14 @@ Run best(const std::vector<Run>& runs) {
 }  // namespace
 
 int main() {
-    FLAGS_minloglevel = google::GLOG_ERROR;
+    FLAGS_minloglevel = google::GLOG_FATAL;
     char directory[] = "/tmp/quorvia-bench-thumb-XXXXXX";
     if (mkdtemp(directory) == NULL) {
         return 1;
     }
+    // The thumbnail writer reaches the device's settings: the folder is the
+    // device root, so nothing is made outside it.
+    setenv("QUORVIA_ROOT", directory, 1);
     const std::string source = std::string(directory) + "/photo.jpg";
     const std::string ours = std::string(directory) + "/ours.jpg";
     const std::string theirs = std::string(directory) + "/theirs.jpg";

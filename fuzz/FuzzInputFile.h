@@ -1,31 +1,28 @@
 #ifndef QUORVIA_FUZZ_FUZZINPUTFILE_H
 #define QUORVIA_FUZZ_FUZZINPUTFILE_H
 
-#include <glog/logging.h>
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <string>
 
+#include "FuzzRoot.h"
+
 namespace quorvia_fuzz {
 
 // A private folder for targets that read their input from a file: in.SUFFIX
-// holds each input, out.jpg is where the code under test may write. Logging
-// is silenced so that the fuzzer's own output stays readable.
+// holds each input, out.jpg is where the code under test may write. The
+// folder is also the process's device root (the writers reach the device's
+// settings), and goes at exit.
 class FuzzInputFile {
 public:
     virtual ~FuzzInputFile() {}
 
-    // Once, from LLVMFuzzerInitialize; aborts when /tmp is unusable.
+    // Once, from LLVMFuzzerInitialize.
     void create(const char* name, const char* suffix = "jpg") {
-        FLAGS_minloglevel = google::GLOG_FATAL;
-        std::string pattern = std::string("/tmp/quorvia-fuzz-") + name + "-XXXXXX";
-        if (mkdtemp(&pattern[0]) == NULL) {
-            abort();
-        }
-        source_ = pattern + "/in." + suffix;
-        target_ = pattern + "/out.jpg";
+        const std::string& folder = privateRoot(name);
+        source_ = folder + "/in." + suffix;
+        target_ = folder + "/out.jpg";
     }
 
     // Writes one input to source(); false when it could not.
