@@ -32,7 +32,7 @@ using quorvia_bench::secondsSince;
 class QuietKernel : public InotifyKernel {
 public:
     QuietKernel() : next_(0) {}
-    virtual int addWatch(int, const std::string&, uint32_t) { return ++next_; }
+    virtual int addWatch(int, int, const std::string&, uint32_t) { return ++next_; }
     virtual int waitReadable(int, int) { return 0; }
     virtual ssize_t read(int, char*, std::size_t) {
         errno = EAGAIN;

@@ -1,6 +1,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,7 +36,7 @@ public:
         errno = initErrno;
         return initErrno != 0 ? -1 : 1000;
     }
-    int addWatch(int, const std::string& path, uint32_t) override {
+    int addWatch(int, int folder, const std::string& path, uint32_t) override {
         if (beforeWatch) {
             beforeWatch(path);
         }
@@ -43,9 +45,10 @@ public:
             return -1;
         }
         // One watch per directory, whatever path it is reached by, as the
-        // kernel's: a moved folder's watch comes back for its new path.
+        // kernel's: a moved folder's watch comes back for its new path. The
+        // directory is the one open as folder.
         struct stat info;
-        if (stat(path.c_str(), &info) != 0) {
+        if (fstat(folder, &info) != 0) {
             return -1;
         }
         const auto known = byInode.emplace(std::make_pair(info.st_dev, info.st_ino), ++lastWd);
@@ -87,6 +90,19 @@ public:
     int lastWd = 0;
 };
 
+// The real kernel, with a hook before each watch.
+class HookedKernel : public InotifyKernel {
+public:
+    int addWatch(int fd, int folder, const std::string& path, uint32_t mask) override {
+        if (beforeWatch) {
+            beforeWatch(path);
+        }
+        return InotifyKernel::addWatch(fd, folder, path, mask);
+    }
+
+    std::function<void(const std::string&)> beforeWatch;  // called with each path to watch
+};
+
 // Time that moves only when a test moves it.
 class FakeClock : public SteadyClock {
 public:
@@ -126,7 +142,8 @@ protected:
     void start(bool realKernel = true) {
         mkdirs("");
         fakeKernel_ = !realKernel;
-        monitor_.reset(realKernel ? new FileChangeMonitor() : new FileChangeMonitor(fake_, clock_));
+        monitor_.reset(realKernel ? new FileChangeMonitor(real_)
+                                  : new FileChangeMonitor(fake_, clock_));
         monitor_->init({data()});
         monitor_->registerObserver(observer_);
         ASSERT_TRUE(monitor_->beginNotify());
@@ -197,6 +214,7 @@ protected:
 
     boost::shared_ptr<RecordingObserver> observer_{new RecordingObserver};
     boost::shared_ptr<FakeKernel> fake_{new FakeKernel};
+    boost::shared_ptr<HookedKernel> real_{new HookedKernel};
     boost::shared_ptr<FakeClock> clock_{new FakeClock};
     boost::shared_ptr<FileChangeMonitor> monitor_;
     bool fakeKernel_ = false;
@@ -343,37 +361,87 @@ TEST_F(FileChangeMonitorTest, KernelRefusalsAreNamedAndRefusedDirectoriesRetried
 // A folder swapped for a link before its watch or its listing: the link was
 // followed, so a link to the data folder watched it again under the link's
 // name (its rows then stopped following it) and a link to a folder outside
-// had that folder watched.
+// had that folder watched. So had a folder reached through a folder above it
+// that was swapped for a link once its path was taken: its parent listed, or
+// its arrival read.
 TEST_F(FileChangeMonitorTest, AFolderSwappedForALinkIsNeitherWatchedNorWalkedRegression) {
-    writeFile("/outside/inside/x", "");
+    writeFile("/outside/sub/x", "");
+    writeFile("/outside/X/x", "");
     const std::string outside = path("/outside");
-    for (const char* dir : {"P", "A/sub"}) {
+    for (const char* dir : {"P", "A/sub", "B"}) {
         mkdirs(dir);
     }
     const auto swapForLink = [&](const std::string& name, const std::string& target) {
         fs::rename(data() + "/" + name, data() + "/" + name + ".old");
         fs::create_symlink(target, data() + "/" + name);
     };
+    const auto identity = [](const std::string& folder) {
+        struct stat info;
+        EXPECT_EQ(0, stat(folder.c_str(), &info)) << folder;
+        return std::make_pair(info.st_dev, info.st_ino);
+    };
     fake_->refuse[data() + "/P/"] = ENOSPC;
-    // The walk: A is swapped for a link to the data folder once its watch is
-    // asked for. The kernel finds the data folder there, whose watch keeps
-    // its path; nothing behind the link is walked.
+    // The walk: A is swapped for a link to the folder outside once its watch
+    // is asked for. The watch is the folder's that was opened, as is the
+    // listing; its subfolder's path now leads outside, and is left.
     fake_->beforeWatch = [&](const std::string& path) {
         if (path == data() + "/A/" && !fs::is_symlink(path.substr(0, path.size() - 1))) {
-            swapForLink("A", ".");
+            swapForLink("A", outside);
         }
     };
     start(false);
-    EXPECT_EQ(Lines({""}), watched());
+    EXPECT_EQ(Lines({"", "A/", "B/"}), watched());
+    EXPECT_EQ(fake_->wds.at(data() + "/A/"), fake_->byInode.at(identity(data() + "/A.old")));
     // The retry of a refused folder.
     swapForLink("P", ".");
     fake_->refuse.clear();
     monitor_->delayAddWatchDiskDir();
-    // A folder's arrival.
-    fs::create_symlink(outside, data() + "/X");
-    fold({{IN_CREATE | IN_ISDIR, "X"}});
-    EXPECT_EQ(Lines({""}), watched());
+    // A folder's arrival, itself a link or below one swapped in since.
+    fs::create_symlink(outside, data() + "/L");
+    fold({{IN_CREATE | IN_ISDIR, "L"}});
+    const int b = fake_->wds.at(data() + "/B/");
+    swapForLink("B", outside);
+    const std::string arrival = records(b, {{IN_CREATE | IN_ISDIR, "X"}});
+    monitor_->handleEvents(arrival.data(), arrival.size());
+    EXPECT_EQ(Lines({"", "A/", "B/"}), watched());
+    for (const std::string& folder : {outside, outside + "/sub", outside + "/X"}) {
+        EXPECT_EQ(0u, fake_->byInode.count(identity(folder))) << folder;
+    }
     EXPECT_EQ(data() + "/", monitor_->watchedPath(wd()));
+}
+
+// The kernel is handed the folder opened, not its path: a link swapped in at
+// the path in the moment before had the folder it led to watched.
+TEST_F(FileChangeMonitorTest, TheKernelWatchesTheFolderOpenedNotWhereItsPathNowLeadsRegression) {
+    mkdirs("A");
+    fs::create_directories(path("/outside"));
+    real_->beforeWatch = [&](const std::string& watched) {
+        if (watched == data() + "/A/") {
+            real_->beforeWatch = nullptr;
+            fs::rename(data() + "/A", data() + "/A.old");
+            fs::create_symlink(path("/outside"), data() + "/A");
+        }
+    };
+    start();
+    writeFile("/outside/f", "x");
+    writeFile("/userdisk/data/A.old/g", "x");
+    EXPECT_EQ(Lines({"FROM A/", "TO A.old/", "CREATE A", "MODIFY A.old/g"}), batchAfterPasses(1));
+}
+
+// A device without /proc: the folders are watched by their paths, as they
+// stand.
+TEST_F(FileChangeMonitorTest, WithoutProcTheTreeIsStillFollowed) {
+    mkdirs("a/b");
+    if (unshare(CLONE_NEWNS) != 0 || mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0 ||
+        umount2("/proc", MNT_DETACH) != 0) {
+        GTEST_SKIP() << "/proc can't be taken away here: " << strerror(errno);
+    }
+    start();
+    EXPECT_EQ(Lines({"", "a/", "a/b/"}), watched());
+    mkdirs("a/c");
+    EXPECT_EQ(Lines({"CREATE a/c/"}), batchAfterPasses(1));
+    EXPECT_EQ(Lines({"", "a/", "a/b/", "a/c/"}), watched());
+    EXPECT_EQ(0, mount("proc", "/proc", "proc", 0, NULL)) << "for the cases after this one";
 }
 
 // A copy that never left a quiet second kept every path in the list until

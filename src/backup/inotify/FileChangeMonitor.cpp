@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -91,13 +92,13 @@ bool FileChangeMonitor::scanAndAddWatchDiskDirRecursive(const std::string& dir) 
 // chain of folders a few hundred levels deep overflowed a router thread's
 // 128 KiB stack.
 bool FileChangeMonitor::scanFoundDir(const std::string& top) {
-    std::vector<std::string> pending(1, top);
+    std::vector<FoundFolder> pending(1, FoundFolder(top));
     bool placed = true;
     while (!pending.empty()) {
-        const std::string dir = pending.back();
+        const FoundFolder found = pending.back();
         pending.pop_back();
-        const bool watched = watchAndList(dir, pending);
-        placed = placed && (watched || dir != top);
+        const bool watched = watchAndList(found, pending);
+        placed = placed && (watched || found.path != top);
     }
     return placed;
 }
@@ -105,21 +106,80 @@ bool FileChangeMonitor::scanFoundDir(const std::string& top) {
 // A folder below a root is opened, watched and listed only as itself: one
 // that is a link (planted, or swapped in after its parent was listed) would
 // lead the watch and the walk out of the tree, or back onto a folder watched
-// under another path, whose rows would then stop following it. A root may
-// itself be a link: those are the device's. The kernel is still given the
-// path (its watch follows a link swapped in within the moment between).
-int FileChangeMonitor::openFolder(const std::string& dir) const {
+// under another path, whose rows would then stop following it. Nor is one
+// taken that a folder above it, swapped for a link once its path was taken
+// (its parent listed, its arrival read), leads to. A root may itself be a
+// link: those are the device's.
+int FileChangeMonitor::openFolder(const FoundFolder& found) {
+    const std::string& dir = found.path;
     if (isRoot(withSlash(dir))) {
-        return ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int folder = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        noteTreeRealPath(withSlash(dir), folder);
+        return folder;
     }
     // A trailing "/" would have the kernel follow a link at the last name.
     const std::string name =
         dir.size() > 1 && dir.back() == '/' ? dir.substr(0, dir.size() - 1) : dir;
-    return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    const int folder = ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    if (folder >= 0 && !isFolderMeant(folder, found)) {
+        close(folder);
+        errno = ELOOP;  // reached through a link, as one at its own name is
+        return -1;
+    }
+    return folder;
 }
 
-bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::string>& pending) {
-    const int folder = openFolder(dir);
+// The folder that its parent's listing found, told by its device and inode,
+// is the one meant. A file system that numbers inodes as it loads them (FAT)
+// may have given it another number since; that one, and one reached by its
+// path alone, is meant when it lies in a followed tree as the kernel sees it.
+bool FileChangeMonitor::isFolderMeant(int folder, const FoundFolder& found) const {
+    talvern::FileStatus status;
+    if (found.inode != 0 && talvern::FileStatus::sOfDescriptor(folder, status) == 0 &&
+        status.device == found.device && status.inode == found.inode) {
+        return true;
+    }
+    return liesInTree(folder);
+}
+
+// Where the kernel has the open folder now, with its "/"; false (errno set)
+// when it can't tell.
+bool FileChangeMonitor::sRealPathOf(int folder, std::string& real) {
+    char place[PATH_MAX];
+    const ssize_t size =
+        readlink(("/proc/self/fd/" + std::to_string(folder)).c_str(), place, sizeof(place));
+    if (size <= 0 || static_cast<std::size_t>(size) >= sizeof(place)) {
+        return false;
+    }
+    real = withSlash(std::string(place, static_cast<std::size_t>(size)));
+    return true;
+}
+
+void FileChangeMonitor::noteTreeRealPath(const std::string& top, int folder) {
+    std::string real;
+    if (folder >= 0 && sRealPathOf(folder, real)) {
+        treeRealPaths_[top] = real;
+    }
+}
+
+// Without /proc there is no telling: the path is taken at its word, as the
+// walk did before it could tell.
+bool FileChangeMonitor::liesInTree(int folder) const {
+    std::string real;
+    if (!sRealPathOf(folder, real)) {
+        return errno == ENOENT;
+    }
+    for (const auto& tree : treeRealPaths_) {
+        if (real.compare(0, tree.second.size(), tree.second) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending) {
+    const std::string& dir = found.path;
+    const int folder = openFolder(found);
     if (folder < 0) {
         // A link or a file now stands there: its own events tell what came.
         if (errno != ELOOP && errno != ENOTDIR) {
@@ -128,7 +188,7 @@ bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::st
         }
         return false;
     }
-    if (!placeWatch(dir)) {
+    if (!placeWatch(dir, folder)) {
         delayAddDirs_[dir] = 1;
         close(folder);
         return false;
@@ -145,7 +205,7 @@ bool FileChangeMonitor::watchAndList(const std::string& dir, std::vector<std::st
 // that can't be read on goes to the retry table; the thread that follows
 // the disk must live on.
 void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
-                                    std::vector<std::string>& subdirs) {
+                                    std::vector<FoundFolder>& subdirs) {
     DIR* stream = fdopendir(folder);
     if (stream == NULL) {
         logUnreadable(dir, errno);
@@ -167,7 +227,7 @@ void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
         if (error != 0 && error != ENOENT && error != ENOTDIR) {
             logUnreadable(parent + name, error);
         } else if (error == 0 && status.isDirectory() && !CommonUtils::isFilterDir(name)) {
-            subdirs.push_back(parent + name);
+            subdirs.push_back(FoundFolder(parent + name, status.device, status.inode));
         }
         errno = 0;
     }
@@ -184,18 +244,19 @@ void FileChangeMonitor::logUnreadable(const std::string& path, int error) {
 }
 
 bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
-    const int folder = openFolder(dir);
+    const int folder = openFolder(FoundFolder(dir));
     if (folder < 0) {
         noteUnopenedFolder(errno);
         return false;
     }
+    const bool placed = placeWatch(dir, folder);
     close(folder);
-    return placeWatch(dir);
+    return placed;
 }
 
-bool FileChangeMonitor::placeWatch(const std::string& dir) {
+bool FileChangeMonitor::placeWatch(const std::string& dir, int folder) {
     const std::string path = withSlash(dir);
-    int wd = kernel_->addWatch(inotifyFd_, path, kWatchMask);
+    int wd = kernel_->addWatch(inotifyFd_, folder, path, kWatchMask);
     if (wd == -1) {
         noteRefusedWatch(errno);
         return false;
@@ -456,12 +517,19 @@ void FileChangeMonitor::watchMissingRoots() {
 void FileChangeMonitor::addInotifyDir(const std::string& dir) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     QLOG(INFO) << "add inotify dir " << dir;
+    // The caller's folder is followed as a tree of its own, wherever it lies.
+    const int folder = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    noteTreeRealPath(withSlash(dir), folder);
+    if (folder >= 0) {
+        close(folder);
+    }
     scanAndAddWatchDiskDirRecursive(dir);
 }
 
 void FileChangeMonitor::removeInotifyDir(const std::string& dir) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     QLOG(INFO) << "remove inotify dir" << dir;
+    treeRealPaths_.erase(withSlash(dir));
     boost::unordered_map<int, std::string>::iterator it = wdToPath_.begin();
     while (it != wdToPath_.end()) {
         if (talvern::Directory::sIsAncestorPath(dir, it->second)) {

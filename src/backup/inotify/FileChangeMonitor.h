@@ -158,17 +158,32 @@ private:
 
     static std::string eventName(const inotify_event* event);
     // addWatchDiskDir without the existence test, for the scan that just
-    // made it.
-    bool placeWatch(const std::string& dir);
+    // opened dir as folder.
+    bool placeWatch(const std::string& dir, int folder);
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
     bool scanFoundDir(const std::string& top);
-    // The folder at dir opened for listing, not through a link at dir unless
-    // dir is a root; -1 with errno (ELOOP: a link) otherwise.
-    int openFolder(const std::string& dir) const;
-    // Watches dir and appends its subdirectories that the monitor follows to
-    // pending; true when it was watched.
-    bool watchAndList(const std::string& dir, std::vector<std::string>& pending);
-    void listSubdirs(int folder, const std::string& dir, std::vector<std::string>& subdirs);
+    // A folder to walk: its path, and its device and inode as its parent's
+    // listing gave them (inode 0: reached by its path alone).
+    struct FoundFolder {
+        explicit FoundFolder(const std::string& path, dev_t device = 0, ino_t inode = 0)
+            : path(path), device(device), inode(inode) {}
+        std::string path;
+        dev_t device;
+        ino_t inode;
+    };
+    // The folder found opened for listing, not through a link at its path
+    // unless it is a root, and only when it is the folder listed or lies in a
+    // followed tree; -1 with errno (ELOOP: a link, or not the folder meant)
+    // otherwise. A root's own place is noted as a tree's.
+    int openFolder(const FoundFolder& found);
+    bool isFolderMeant(int folder, const FoundFolder& found) const;
+    static bool sRealPathOf(int folder, std::string& real);
+    void noteTreeRealPath(const std::string& top, int folder);
+    bool liesInTree(int folder) const;
+    // Watches the folder found and appends its subdirectories that the
+    // monitor follows to pending; true when it was watched.
+    bool watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending);
+    void listSubdirs(int folder, const std::string& dir, std::vector<FoundFolder>& subdirs);
     static void logUnreadable(const std::string& path, int error);
     bool gateShut();
     // After the kernel's queue overflowed: the roots are scanned again (what
@@ -191,7 +206,7 @@ private:
     void forgetPath(const std::string& path, int wd);
     // true when the folder watched as watched (a path with its "/") is still
     // there as itself, and so is what the kernel found at path: a second way
-    // to it (a link swapped in at path in the moment before its watch).
+    // to it (a link swapped in above path, into the tree; a bind mount).
     bool isStillWatchedAs(const std::string& watched, const std::string& path) const;
     void forgetWatch(int wd);
     // Adds to wds the watches of the paths that start with prefix, from
@@ -244,6 +259,9 @@ private:
     // Roots whose own watch is gone (missing at start, or deleted): watched
     // again on a quiet pass once they exist.
     boost::unordered_map<std::string, RootRetry> unwatchedRoots_;
+    // Where each followed tree (a root, or a folder given to addInotifyDir,
+    // with its "/") really lay when it was last opened, with its "/".
+    boost::unordered_map<std::string, std::string> treeRealPaths_;
     // The device and inode of each watched root (with its "/"), as placed.
     boost::unordered_map<std::string, std::pair<dev_t, ino_t> > rootIdentities_;
     bool watchLimitWarned_;

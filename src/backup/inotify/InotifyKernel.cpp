@@ -14,7 +14,12 @@ int InotifyKernel::init() {
     return fd;
 }
 
-int InotifyKernel::addWatch(int fd, const std::string& path, uint32_t mask) {
+int InotifyKernel::addWatch(int fd, int folder, const std::string& path, uint32_t mask) {
+    const std::string own = "/proc/self/fd/" + std::to_string(folder);
+    const int wd = inotify_add_watch(fd, own.c_str(), mask);
+    if (wd >= 0 || errno != ENOENT) {
+        return wd;
+    }
     return inotify_add_watch(fd, path.c_str(), mask);
 }
 

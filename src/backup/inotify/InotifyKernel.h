@@ -16,7 +16,11 @@ public:
 
     // New non-blocking inotify descriptor, or -1.
     virtual int init();
-    virtual int addWatch(int fd, const std::string& path, uint32_t mask);
+    // Watches the directory open as folder, which the monitor opened at path:
+    // the kernel is handed the descriptor's own entry under /proc, so the
+    // watch lands on that directory whatever stands at path by now (a link
+    // swapped in). path itself only where /proc is missing.
+    virtual int addWatch(int fd, int folder, const std::string& path, uint32_t mask);
     virtual int removeWatch(int fd, int wd);
     // poll() for readability: > 0 readable, 0 on time-out, -1 on failure.
     virtual int waitReadable(int fd, int timeoutMs);
