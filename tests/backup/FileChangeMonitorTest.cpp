@@ -381,6 +381,7 @@ TEST_F(FileChangeMonitorTest, AFolderSwappedForALinkIsNeitherWatchedNorWalkedReg
         return std::make_pair(info.st_dev, info.st_ino);
     };
     fake_->refuse[data() + "/P/"] = ENOSPC;
+    const size_t descriptors = quorvia_test::openDescriptors();
     // The walk: A is swapped for a link to the folder outside once its watch
     // is asked for. The watch is the folder's that was opened, as is the
     // listing; its subfolder's path now leads outside, and is left.
@@ -407,6 +408,7 @@ TEST_F(FileChangeMonitorTest, AFolderSwappedForALinkIsNeitherWatchedNorWalkedReg
     for (const std::string& folder : {outside, outside + "/sub", outside + "/X"}) {
         EXPECT_EQ(0u, fake_->byInode.count(identity(folder))) << folder;
     }
+    EXPECT_EQ(descriptors, quorvia_test::openDescriptors()) << "a folder passed over is closed";
     EXPECT_EQ(data() + "/", monitor_->watchedPath(wd()));
 }
 
