@@ -412,6 +412,23 @@ TEST_F(FileChangeMonitorTest, AFolderSwappedForALinkIsNeitherWatchedNorWalkedReg
     EXPECT_EQ(data() + "/", monitor_->watchedPath(wd()));
 }
 
+// A second way into a folder already watched (a bind mount in the tree)
+// leaves its watch, and its rows, under the path they had.
+TEST_F(FileChangeMonitorTest, ASecondPathToAWatchedFolderLeavesItsWatchAsItIs) {
+    mkdirs("A");
+    if (unshare(CLONE_NEWNS) != 0 || mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) {
+        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
+    }
+    start(false);
+    mkdirs("B");
+    ASSERT_EQ(0, mount((data() + "/A").c_str(), (data() + "/B").c_str(), NULL, MS_BIND, NULL));
+    fold({{IN_CREATE | IN_ISDIR, "B"}});
+    EXPECT_EQ(Lines({"", "A/"}), watched());
+    EXPECT_TRUE(log_.contains(data() + "/B/ leads to the folder watched as " + data() + "/A/",
+                              google::GLOG_ERROR));
+    EXPECT_EQ(0, umount2((data() + "/B").c_str(), MNT_DETACH));
+}
+
 // The kernel is handed the folder opened, not its path: a link swapped in at
 // the path in the moment before had the folder it led to watched.
 TEST_F(FileChangeMonitorTest, TheKernelWatchesTheFolderOpenedNotWhereItsPathNowLeadsRegression) {
