@@ -13,6 +13,7 @@
 #include "multimedia/SqliteFileStatus.h"
 #include "multimedia/SqliteOwnFiles.h"
 #include "storage/Directory.h"
+#include "storage/File.h"
 #include "storage/FileStatus.h"
 #include "system/DeviceMountInfo.h"
 #include "system/Log.h"
@@ -70,9 +71,6 @@ void QuorviaDBMgr::checkFileInPlace() {
 }
 
 namespace {
-
-// Where /proc shows the folder each descriptor of this process is open on.
-const char* const kDescriptorFolders = "/proc/self/fd/";
 
 // path as a "file:" URI: SQLite decodes %HH there, and "?" and "#" would end
 // it. An absolute path gets an empty authority, so that one that begins
@@ -187,7 +185,7 @@ bool QuorviaDBMgr::holdFolder() {
     if (folder_ < 0) {
         return false;
     }
-    const std::string view = kDescriptorFolders + std::to_string(folder_);
+    const std::string view = talvern::File::sDescriptorPath(folder_);
     openPath_ = access(view.c_str(), F_OK) == 0
                     ? view + "/" + dbPath_.substr(slash == std::string::npos ? 0 : slash + 1)
                     : dbPath_;

@@ -36,6 +36,8 @@ int readStatus(const std::string& path, FileStatus& status, const char* words) {
 
 }  // namespace
 
+std::string File::sDescriptorPath(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
 bool File::sExists(const std::string& path) {
     FileStatus status;
     return readStatus(path, status, "File::sExists catch exception: ") == 0;

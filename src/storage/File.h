@@ -26,6 +26,10 @@ public:
 
     // True if the path exists as anything at all, a directory included.
     static bool sExists(const std::string& path);
+    // How /proc names what the descriptor fd of this process is open on
+    // ("/proc/self/fd/N"): opened, or handed to a call that takes a path, it
+    // is that file or folder, whatever stands at its path by now.
+    static std::string sDescriptorPath(int fd);
     // Size of a regular file; 0 if missing or not regular.
     static uint64_t sGetFileSize(const std::string& path);
     // The file system's space figures for path; all zero on failure.

@@ -16,6 +16,7 @@
 #include <cstdio>
 
 #include "storage/Directory.h"
+#include "storage/File.h"
 #include "storage/FileStatus.h"
 #include "system/CommonUtils.h"
 #include "system/Log.h"
@@ -147,7 +148,7 @@ bool FileChangeMonitor::isFolderMeant(int folder, const FoundFolder& found) cons
 bool FileChangeMonitor::sRealPathOf(int folder, std::string& real) {
     char place[PATH_MAX];
     const ssize_t size =
-        readlink(("/proc/self/fd/" + std::to_string(folder)).c_str(), place, sizeof(place));
+        readlink(talvern::File::sDescriptorPath(folder).c_str(), place, sizeof(place));
     if (size <= 0 || static_cast<std::size_t>(size) >= sizeof(place)) {
         return false;
     }

@@ -6,6 +6,8 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include "storage/File.h"
+
 int InotifyKernel::init() {
     int fd = inotify_init();
     if (fd >= 0) {
@@ -15,8 +17,7 @@ int InotifyKernel::init() {
 }
 
 int InotifyKernel::addWatch(int fd, int folder, const std::string& path, uint32_t mask) {
-    const std::string own = "/proc/self/fd/" + std::to_string(folder);
-    const int wd = inotify_add_watch(fd, own.c_str(), mask);
+    const int wd = inotify_add_watch(fd, talvern::File::sDescriptorPath(folder).c_str(), mask);
     if (wd >= 0 || errno != ENOENT) {
         return wd;
     }
