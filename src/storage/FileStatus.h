@@ -15,7 +15,8 @@ namespace talvern {
 // status() included, fails with EOVERFLOW for a file dated past January
 // 2038, which a camera with a wrong clock or a restored backup easily gives:
 // such a file counted as missing, unreadable or undeletable. statx's times
-// are 64 bits wide everywhere. Like stat(), it never triggers an automount.
+// are 64 bits wide everywhere. A C library without statx gets fstatat.
+// Like stat(), it never triggers an automount.
 // Any thread; async-signal-safe (one system call).
 struct FileStatus {
     mode_t mode = 0;
