@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,8 +35,9 @@ pid_t gSpawner = -1;
 // Where the spawner keeps its control socket and a child its reply; every
 // descriptor above is closed.
 const int kKeptFd = 3;
-// Where close_range is missing (kernels before 5.9), descriptors are closed
-// one by one up to the descriptor limit, and no further than this.
+// Where close_range is missing (kernels before 5.9, kernel headers before
+// it), descriptors are closed one by one up to the descriptor limit, and no
+// further than this.
 const int kMaxInheritedFd = 65536;
 // The process's own views, not device files: never taken under the device
 // root.
@@ -84,9 +86,11 @@ void keepOnly(int fd) {
     if (fd != kKeptFd) {
         dup2(fd, kKeptFd);
     }
-    if (close_range(kKeptFd + 1, ~0U, 0) == 0) {
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, kKeptFd + 1, ~0U, 0) == 0) {
         return;
     }
+#endif
     struct rlimit limit;
     const int last = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kMaxInheritedFd
                          ? static_cast<int>(limit.rlim_cur)
