@@ -18,8 +18,8 @@
 
 namespace talvern {
 
+using metadatatime::localDate;
 using metadatatime::parseLocalTime;
-using metadatatime::toDate;
 
 namespace {
 
@@ -142,7 +142,7 @@ void Metadata::getModifyTime(const std::string& path, metadata_s& metadata,
     const time_t modified = static_cast<time_t>(status.modifyTime);
     struct tm parts;
     if (localtime_r(&modified, &parts) != NULL) {
-        metadata.date = toDate(timelocal(&parts));
+        metadata.date = localDate(parts);
     }
 }
 

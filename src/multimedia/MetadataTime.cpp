@@ -14,7 +14,9 @@ const size_t kMinDateTextLength = 10;
 
 }  // namespace
 
-long toDate(time_t seconds) {
+// mktime: glibc's timelocal is this very function, and musl has no other.
+long localDate(struct tm& parts) {
+    const time_t seconds = mktime(&parts);
     return seconds == static_cast<int32_t>(seconds) ? static_cast<long>(seconds) : -1;
 }
 
@@ -29,7 +31,7 @@ void parseLocalTime(const char* text, const char* format, long& date) {
     }
     // Let the zone's rules decide summer time for that day.
     parts.tm_isdst = -1;
-    date = toDate(timelocal(&parts));
+    date = localDate(parts);
 }
 
 }  // namespace metadatatime

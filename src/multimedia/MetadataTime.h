@@ -8,10 +8,11 @@
 namespace talvern {
 namespace metadatatime {
 
-// seconds as the device's 32-bit time gives it: -1 beyond that range, where
-// its timelocal fails (the low 32 bits of a date in 2106-2173 would pass for
-// a believable one on a 64-bit build).
-long toDate(time_t seconds);
+// parts read as a local wall-clock time, in seconds as the device's 32-bit
+// time gives them: -1 beyond that range, where its conversion fails (the
+// low 32 bits of a date in 2106-2173 would pass for a believable one on a
+// 64-bit build). parts is normalised.
+long localDate(struct tm& parts);
 
 // Reads text in format as a local wall-clock time into date. A text of a bare
 // date (10 characters) or shorter, or one that doesn't parse, leaves date
