@@ -573,6 +573,50 @@ TEST_F(FileChangeMonitorTest, AFolderMovedOnAndOutBeforeItsEventsAreReadLeavesNo
     EXPECT_EQ(Lines(1, ""), watched());
 }
 
+// A folder made and filled at once (mkdir N; mv A N/): N's watch came
+// after A's arrival, which the kernel did not report, and A's rows stayed
+// at its old path. So did they when A had left the tree and came back into
+// a new folder. The walk of the new folder finds A's watch: its arrival is
+// added beside its departure, once (regression).
+TEST_F(FileChangeMonitorTest, AFolderMovedIntoAFolderMadeJustBeforeIsFollowedRegression) {
+    mkdirs("A/s");
+    mkdirs("B");
+    start(false);
+    mkdirs("N");
+    fs::rename(data() + "/A", data() + "/N/A");
+    const Lines movedIn = {"CREATE N/", "FROM A/ #7", "TO N/A/ #7"};
+    EXPECT_EQ(movedIn, fold({{IN_CREATE | IN_ISDIR, "N"}, {IN_MOVED_FROM | IN_ISDIR, "A", 7}}));
+    // Had the move come between N's watch and its listing, the kernel
+    // reports the arrival too.
+    const int n = fake_->wds.at(data() + "/N/");
+    const auto onN = [&](const std::vector<Event>& events) {
+        const std::string bytes = records(n, events);
+        monitor_->handleEvents(bytes.data(), bytes.size());
+        return describe(monitor_->changes());
+    };
+    EXPECT_EQ(movedIn, onN({{IN_MOVED_TO | IN_ISDIR, "A", 7}}));
+    fs::rename(data() + "/B", root() + "/B");
+    fold({{IN_MOVED_FROM | IN_ISDIR, "B", 8}});
+    mkdirs("M");
+    fs::rename(root() + "/B", data() + "/M/B");
+    EXPECT_EQ(
+        Lines({"CREATE N/", "FROM A/ #7", "TO N/A/ #7", "FROM B/ #8", "TO M/B/ #8", "CREATE M/"}),
+        fold({{IN_CREATE | IN_ISDIR, "M"}}));
+    EXPECT_EQ(Lines({"", "M/", "M/B/", "N/", "N/A/", "N/A/s/"}), watched());
+    // One whose departure goes unread (lost) is forgotten at the quiet pass:
+    // a later departure from its old path is another folder's.
+    monitor_->runPass();
+    mkdirs("P");
+    fs::rename(data() + "/N/A", data() + "/P/A");
+    fold({{IN_CREATE | IN_ISDIR, "P"}});
+    monitor_->runPass();
+    mkdirs("N/A");
+    onN({{IN_CREATE | IN_ISDIR, "A"}});
+    fs::rename(data() + "/N/A", data() + "/N/Z");
+    EXPECT_EQ(Lines({"FROM N/A/ #9", "TO N/Z/ #9"}),
+              onN({{IN_MOVED_FROM | IN_ISDIR, "A", 9}, {IN_MOVED_TO | IN_ISDIR, "Z", 9}}));
+}
+
 // The walk once held a folder open per level: a tree a few hundred levels
 // deep took every descriptor the process may have, and went unwatched. It
 // then went down by recursion: a chain of some hundred folders overflowed

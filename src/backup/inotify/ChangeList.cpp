@@ -6,6 +6,9 @@ void ChangeList::add(const std::string& path, WatchMask mask, bool isDir, uint32
         indexByPath_.insert(std::make_pair(path, items_.size()));
     if (!slot.second) {
         FileChangeItem& item = items_[slot.first->second];
+        if (cookie != 0 && item.cookie == cookie && item.mask == mask) {
+            return;
+        }
         if (item.cookie != 0 || item.mask == TALVERN_DELETE) {
             const EarlierEvent earlier = {item.mask, item.cookie, item.sequence};
             item.earlierEvents.push_back(earlier);
@@ -25,6 +28,12 @@ void ChangeList::add(const std::string& path, WatchMask mask, bool isDir, uint32
     }
     items_.push_back(FileChangeItem(path, mask, isDir, cookie));
     items_.back().sequence = sequence;
+}
+
+const FileChangeItem* ChangeList::find(const std::string& path) const {
+    const boost::unordered_map<std::string, std::size_t>::const_iterator found =
+        indexByPath_.find(path);
+    return found == indexByPath_.end() ? NULL : &items_[found->second];
 }
 
 void ChangeList::clear() {

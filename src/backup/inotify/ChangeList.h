@@ -21,8 +21,11 @@ public:
     // Folds one event into the list: overwrites the mask, kind, cookie and
     // sequence of the path's item where there is one (it keeps its place; a
     // move half or a delete it showed goes to its earlier events), else
-    // appends. Each event gets the next sequence number of the batch.
+    // appends. Each event gets the next sequence number of the batch. The
+    // move half that the item shows already, cookie and all, changes nothing.
     void add(const std::string& path, WatchMask mask, bool isDir, uint32_t cookie);
+    // The path's item; NULL when the batch has none. Valid until the next add.
+    const FileChangeItem* find(const std::string& path) const;
     void clear();
     bool empty() const { return items_.empty(); }
     std::size_t size() const { return items_.size(); }

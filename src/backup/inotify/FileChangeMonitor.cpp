@@ -189,13 +189,14 @@ bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<Found
         }
         return false;
     }
-    if (!placeWatch(dir, folder)) {
+    bool isNew = false;
+    if (!placeWatch(dir, folder, found.inNewWatch, &isNew)) {
         delayAddDirs_[dir] = 1;
         close(folder);
         return false;
     }
     const std::size_t firstChild = pending.size();
-    listSubdirs(folder, dir, pending);
+    listSubdirs(folder, dir, isNew, pending);
     std::reverse(pending.begin() + firstChild, pending.end());
     return true;
 }
@@ -205,7 +206,7 @@ bool FileChangeMonitor::watchAndList(const FoundFolder& found, std::vector<Found
 // thousand levels deep took every descriptor of the daemon). A directory
 // that can't be read on goes to the retry table; the thread that follows
 // the disk must live on.
-void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
+void FileChangeMonitor::listSubdirs(int folder, const std::string& dir, bool newWatch,
                                     std::vector<FoundFolder>& subdirs) {
     DIR* stream = fdopendir(folder);
     if (stream == NULL) {
@@ -228,7 +229,7 @@ void FileChangeMonitor::listSubdirs(int folder, const std::string& dir,
         if (error != 0 && error != ENOENT && error != ENOTDIR) {
             logUnreadable(parent + name, error);
         } else if (error == 0 && status.isDirectory() && !CommonUtils::isFilterDir(name)) {
-            subdirs.push_back(FoundFolder(parent + name, status.device, status.inode));
+            subdirs.push_back(FoundFolder(parent + name, status.device, status.inode, newWatch));
         }
         errno = 0;
     }
@@ -255,7 +256,8 @@ bool FileChangeMonitor::addWatchDiskDir(const std::string& dir) {
     return placed;
 }
 
-bool FileChangeMonitor::placeWatch(const std::string& dir, int folder) {
+bool FileChangeMonitor::placeWatch(const std::string& dir, int folder, bool inNewWatch,
+                                   bool* isNew) {
     const std::string path = withSlash(dir);
     int wd = kernel_->addWatch(inotifyFd_, folder, path, kWatchMask);
     if (wd == -1) {
@@ -270,11 +272,17 @@ bool FileChangeMonitor::placeWatch(const std::string& dir, int folder) {
     // in this batch (two folders swapped through a third name) whose new
     // place is scanned later: the kernel keeps it until the delivery.
     boost::unordered_map<int, std::string>::iterator byWd = wdToPath_.find(wd);
+    if (isNew != NULL) {
+        *isNew = byWd == wdToPath_.end();
+    }
     if (byWd != wdToPath_.end() && byWd->second != path) {
         if (isStillWatchedAs(byWd->second, path)) {
             QLOG(ERROR) << dir << " leads to the folder watched as " << byWd->second
                         << ", which stays watched as it is";
             return false;
+        }
+        if (inNewWatch) {
+            noteUnseenArrival(byWd->second, path);
         }
         forgetPath(byWd->second, wd);
     }
@@ -448,6 +456,27 @@ void FileChangeMonitor::forgetWatch(int wd) {
     endedDirs_[it->second] = wd;
     forgetPath(it->second, wd);
     wdToPath_.erase(it);
+}
+
+// Made and filled at once (mkdir, then a folder moved in), a folder gets
+// its watch after what came into it: the rows of what came would stay at
+// their old paths, as after a move out of the tree. A file's arrival so
+// missed has no such witness, and stays missed.
+void FileChangeMonitor::noteUnseenArrival(const std::string& from, const std::string& to) {
+    const FileChangeItem* departure = changePaths_.find(from);
+    if (departure != NULL && departure->mask == TALVERN_FROM) {
+        changePaths_.add(to, TALVERN_TO, true, departure->cookie);
+    } else {
+        unseenArrivals_[from] = to;
+    }
+}
+
+void FileChangeMonitor::addUnseenArrival(const std::string& from, uint32_t cookie) {
+    std::map<std::string, std::string>::iterator arrival = unseenArrivals_.find(from);
+    if (arrival != unseenArrivals_.end()) {
+        changePaths_.add(arrival->second, TALVERN_TO, true, cookie);
+        unseenArrivals_.erase(arrival);
+    }
 }
 
 void FileChangeMonitor::forgetPath(const std::string& path, int wd) {
@@ -775,6 +804,9 @@ void FileChangeMonitor::addEvent2ChangePath(inotify_event* event) {
     }
     const uint32_t cookie = (event->mask & (IN_MOVED_FROM | IN_MOVED_TO)) ? event->cookie : 0;
     changePaths_.add(path, inotifyMaskTransfer(event->mask), isDir, cookie);
+    if (isDir && (event->mask & IN_MOVED_FROM)) {
+        addUnseenArrival(path, cookie);
+    }
 }
 
 WatchMask FileChangeMonitor::inotifyMaskTransfer(unsigned int mask) {
@@ -844,6 +876,7 @@ void FileChangeMonitor::deliverChanges(bool quiet) {
         dropDirectoriesMovedOut();
         removeDisplacedWatches();
         endedDirs_.clear();
+        unseenArrivals_.clear();
     }
     if (changePaths_.empty()) {
         return;

@@ -158,18 +158,24 @@ private:
 
     static std::string eventName(const inotify_event* event);
     // addWatchDiskDir without the existence test, for the scan that just
-    // opened dir as folder.
-    bool placeWatch(const std::string& dir, int folder);
+    // opened dir as folder. inNewWatch: dir was found in a folder whose
+    // watch this walk placed. isNew, when given, tells whether the watch is
+    // one the kernel had not placed before.
+    bool placeWatch(const std::string& dir, int folder, bool inNewWatch = false,
+                    bool* isNew = NULL);
     // scanAndAddWatchDiskDirRecursive for a directory known to exist.
     bool scanFoundDir(const std::string& top);
     // A folder to walk: its path, and its device and inode as its parent's
-    // listing gave them (inode 0: reached by its path alone).
+    // listing gave them (inode 0: reached by its path alone); inNewWatch when
+    // that parent's watch was placed by the same walk.
     struct FoundFolder {
-        explicit FoundFolder(const std::string& path, dev_t device = 0, ino_t inode = 0)
-            : path(path), device(device), inode(inode) {}
+        explicit FoundFolder(const std::string& path, dev_t device = 0, ino_t inode = 0,
+                             bool inNewWatch = false)
+            : path(path), device(device), inode(inode), inNewWatch(inNewWatch) {}
         std::string path;
         dev_t device;
         ino_t inode;
+        bool inNewWatch;
     };
     // The folder found opened for listing, not through a link at its path
     // unless it is a root, and only when it is the folder listed or lies in a
@@ -183,7 +189,8 @@ private:
     // Watches the folder found and appends its subdirectories that the
     // monitor follows to pending; true when it was watched.
     bool watchAndList(const FoundFolder& found, std::vector<FoundFolder>& pending);
-    void listSubdirs(int folder, const std::string& dir, std::vector<FoundFolder>& subdirs);
+    void listSubdirs(int folder, const std::string& dir, bool newWatch,
+                     std::vector<FoundFolder>& subdirs);
     static void logUnreadable(const std::string& path, int error);
     bool gateShut();
     // After the kernel's queue overflowed: the roots are scanned again (what
@@ -204,6 +211,12 @@ private:
     // quiet: delivered on a quiet pass, not as a slice of a full batch.
     void deliverChanges(bool quiet);
     void forgetPath(const std::string& path, int wd);
+    // A watched folder that turned up at to inside a folder made or moved in
+    // so shortly before that its arrival there came before the watch: the
+    // kernel reports only its departure from `from`. The batch gets the
+    // arrival beside the departure, with its cookie.
+    void noteUnseenArrival(const std::string& from, const std::string& to);
+    void addUnseenArrival(const std::string& from, uint32_t cookie);
     // true when the folder watched as watched (a path with its "/") is still
     // there as itself, and so is what the kernel found at path: a second way
     // to it (a link swapped in above path, into the tree; a bind mount).
@@ -249,6 +262,9 @@ private:
     boost::unordered_map<std::string, int> endedDirs_;
     // Descriptors whose path another one took since the last quiet pass.
     std::vector<int> displacedWatches_;
+    // Unseen arrivals whose departure is still to be read, since the last
+    // quiet pass: old path -> new path, both with "/".
+    std::map<std::string, std::string> unseenArrivals_;
     // When a root is tried again: quiet passes to wait before the next try,
     // and the wait that follows a failed one.
     struct RootRetry {
