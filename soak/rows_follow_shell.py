@@ -6,9 +6,11 @@ the daemon for every file once (so each has a row, under a hash of its own),
 then changes the tree with a random shell sequence inside one quiet second
 (renames, moves between folders, swaps through a third name, moves out of the
 data folder or into a hidden folder and back, removals, new folders and files
-of the old names) and compares each row's path with where its file is now.
-A row must name its file, or be gone with it. Files that ever left the
-followed tree may keep a stale row: nothing follows them there.
+of the old names, folders made and filled at once by one program) and
+compares each row's path with where its file is now. A row must name its
+file, or be gone with it. Files that ever left the followed tree may keep a
+stale row: nothing follows them there; so may a file moved into a folder
+made at that same moment, whose arrival the kernel may not report.
 
   rows_follow_shell.py --build BUILD_DIR [--seconds N] [--seed S]
 
@@ -61,7 +63,7 @@ class Tree:
         self.entries[key] = (kind, None)
         self.commands.append("%s %s" % (command, self.shell(key)))
 
-    def mv(self, source, target):
+    def mv(self, source, target, command=None):
         moved = {k: v for k, v in self.entries.items() if k == source or k.startswith(source + "/")}
         for k in moved:
             del self.entries[k]
@@ -69,7 +71,7 @@ class Tree:
             self.entries[target + k[len(source):]] = v
             if v[1] is not None and self.hidden(target + k[len(source):]):
                 self.left.add(v[1])
-        self.commands.append("mv %s %s" % (self.shell(source), self.shell(target)))
+        self.commands.append(command or "mv %s %s" % (self.shell(source), self.shell(target)))
 
     def rm(self, key):
         for k in [k for k in self.entries if k == key or k.startswith(key + "/")]:
@@ -81,7 +83,8 @@ class Tree:
         files, dirs = self.keys("f"), self.keys("d")
         places = ["T"] + dirs
         kind = r.choice(["mvf", "mvf", "mvf", "mvd", "mvd", "swapf", "swapd", "out", "back",
-                         "hide", "unhide", "rmf", "rmrf", "mkdir", "touch", "write", "chain"])
+                         "hide", "unhide", "rmf", "rmrf", "mkdir", "touch", "write", "chain",
+                         "fill"])
         if kind == "mvf" and files:
             source = r.choice(files)
             self.mv(source, self.free_name(r.choice([source.rsplit("/", 1)[0]] + dirs)))
@@ -120,6 +123,21 @@ class Tree:
             self.add(self.free_name(r.choice(places)), "d", "mkdir")
         elif kind == "touch":
             self.add(self.free_name(r.choice(places)), "f", "touch")
+        elif kind == "fill" and files + dirs:
+            # Folders made and filled by one program at once: the move comes
+            # before the inner folder's watch. A file so moved may keep its
+            # old row.
+            source = r.choice(files + dirs)
+            outer = self.free_name(r.choice([p for p in places if not p.startswith(source)]))
+            inner = outer + "/m"
+            target = inner + "/" + source.rsplit("/", 1)[1]
+            if self.entries[source][0] == "f":
+                self.left.add(self.entries[source][1])
+            self.entries[outer] = self.entries[inner] = ("d", None)
+            self.mv(source, target, "perl -e 'mkdir($ARGV[0]) && mkdir($ARGV[1]) && "
+                    "rename($ARGV[2], $ARGV[3]) or die' %s %s %s %s" % (
+                        self.shell(outer), self.shell(inner), self.shell(source),
+                        self.shell(target)))
         elif kind == "write" and files:
             self.commands.append("echo more >> %s" % self.shell(r.choice(files)))
 
