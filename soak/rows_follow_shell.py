@@ -8,9 +8,12 @@ then changes the tree with a random shell sequence inside one quiet second
 data folder or into a hidden folder and back, removals, new folders and files
 of the old names, folders made and filled at once by one program) and
 compares each row's path with where its file is now. A row must name its
-file, or be gone with it. Files that ever left the followed tree may keep a
-stale row: nothing follows them there; so may a file moved into a folder
-made at that same moment, whose arrival the kernel may not report.
+file, or be gone with it. Then every folder of the rounds must have an
+inotify watch (read from /proc), and no watch may be on a folder that is
+hidden, outside the data folder, or gone. Files that ever left the followed
+tree may keep a stale row: nothing follows them there; so may a file moved
+into a folder made at that same moment, whose arrival the kernel may not
+report.
 
   rows_follow_shell.py --build BUILD_DIR [--seconds N] [--seed S]
 
@@ -24,6 +27,7 @@ SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 NAMES = list("abcdefg") + ["x", "y"]
 QUIET_SECONDS = 1.6  # a little more than the monitor's quiet second
 SETTLE_SECONDS = 2.5
+FILTERED_PREFIXES = (".", "$RECYCLE", "RECYCLER", "RECYCLED")  # folders the daemon leaves unwatched
 
 
 class Tree:
@@ -193,6 +197,20 @@ class Daemon:
         finally:
             store.close()
 
+    def watched(self):
+        """The inodes of the folders the daemon's inotify instances watch."""
+        inodes = set()
+        fdinfo = "/proc/%d/fdinfo" % self.process.pid
+        for fd in os.listdir(fdinfo):
+            try:
+                with open(os.path.join(fdinfo, fd)) as info:
+                    for line in info:
+                        if line.startswith("inotify wd:"):
+                            inodes.add(int(line.split(" ino:")[1].split()[0], 16))
+            except OSError:
+                pass
+        return inodes
+
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
         try:
@@ -211,6 +229,27 @@ def faults_of(tree, folder, prefix, rows):
         if row != want and number not in tree.left:
             faults.append("file %d: row %s, file at %s" % (number, row, now))
     return faults
+
+
+def visible_folders(top):
+    """Inode -> path of top and the folders below it that the filter keeps."""
+    folders = {os.stat(top).st_ino: top}
+    for parent, subdirs, _ in os.walk(top):
+        subdirs[:] = [d for d in subdirs if not d.startswith(FILTERED_PREFIXES)]
+        for d in subdirs:
+            folders[os.lstat(os.path.join(parent, d)).st_ino] = os.path.join(parent, d)
+    return folders
+
+
+def watch_faults(daemon, root, seed):
+    """Folders of the rounds left unwatched; watches on no visible folder."""
+    watched = daemon.watched()
+    visible = visible_folders(root + "/userdisk/data")
+    rounds = "%s/userdisk/data/r%d_" % (root, seed)
+    return (["watch on inode %d: no visible folder of the data folder" % inode
+             for inode in sorted(watched - set(visible))] +
+            ["not watched: " + path for inode, path in sorted(visible.items())
+             if path.startswith(rounds) and inode not in watched])
 
 
 def one_round(daemon, root, seed, number):
@@ -235,6 +274,7 @@ def one_round(daemon, root, seed, number):
     for _ in range(2):
         time.sleep(SETTLE_SECONDS)
         faults = faults_of(tree, folder, prefix, daemon.rows(prefix))
+        faults = faults or watch_faults(daemon, root, seed)
         if not faults:
             return True
     print("=== round %d of seed %d\nsetup:\n  %s\nchanges:\n  %s\n  %s" % (
