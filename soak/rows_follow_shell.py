@@ -6,7 +6,8 @@ the daemon for every file once (so each has a row, under a hash of its own),
 then changes the tree with a random shell sequence inside one quiet second
 (renames, moves between folders, swaps through a third name, moves out of the
 data folder or into a hidden folder and back, removals, new folders and files
-of the old names, folders made and filled at once by one program) and
+of the old names, folders made and filled at once by one program, nested
+folders made at once, copies of folders) and
 compares each row's path with where its file is now. A row must name its
 file, or be gone with it. Then every folder of the rounds must have an
 inotify watch (read from /proc), and no watch may be on a folder that is
@@ -88,7 +89,7 @@ class Tree:
         places = ["T"] + dirs
         kind = r.choice(["mvf", "mvf", "mvf", "mvd", "mvd", "swapf", "swapd", "out", "back",
                          "hide", "unhide", "rmf", "rmrf", "mkdir", "touch", "write", "chain",
-                         "fill"])
+                         "fill", "mkdirp", "cpr"])
         if kind == "mvf" and files:
             source = r.choice(files)
             self.mv(source, self.free_name(r.choice([source.rsplit("/", 1)[0]] + dirs)))
@@ -125,6 +126,23 @@ class Tree:
             self.rm(r.choice(dirs))
         elif kind == "mkdir":
             self.add(self.free_name(r.choice(places)), "d", "mkdir")
+        elif kind == "mkdirp":
+            # Folders made below folders made at the same moment.
+            top = self.free_name(r.choice(places))
+            below = [top, top + "/" + r.choice(NAMES)]
+            below.append(below[-1] + "/" + r.choice(NAMES))
+            for key in below:
+                self.entries[key] = ("d", None)
+            self.commands.append("mkdir -p %s" % self.shell(below[-1]))
+        elif kind == "cpr" and dirs:
+            # A copy of a folder: new folders to watch, new files without rows.
+            source = r.choice(dirs)
+            target = self.free_name(r.choice(
+                ["T"] + [d for d in dirs if d != source and not d.startswith(source + "/")]))
+            for k, v in list(self.entries.items()):
+                if k == source or k.startswith(source + "/"):
+                    self.entries[target + k[len(source):]] = (v[0], None)
+            self.commands.append("cp -r %s %s" % (self.shell(source), self.shell(target)))
         elif kind == "touch":
             self.add(self.free_name(r.choice(places)), "f", "touch")
         elif kind == "fill" and files + dirs:
