@@ -7,7 +7,7 @@ then changes the tree with a random shell sequence inside one quiet second
 (renames, moves between folders, swaps through a third name, moves out of the
 data folder or into a hidden folder and back, removals, new folders and files
 of the old names, folders made and filled at once by one program, nested
-folders made at once, copies of folders) and
+folders made at once, copies of folders, folders renamed onto empty ones) and
 compares each row's path with where its file is now. A row must name its
 file, or be gone with it. Then every folder of the rounds must have an
 inotify watch (read from /proc), and no watch may be on a folder that is
@@ -89,7 +89,7 @@ class Tree:
         places = ["T"] + dirs
         kind = r.choice(["mvf", "mvf", "mvf", "mvd", "mvd", "swapf", "swapd", "out", "back",
                          "hide", "unhide", "rmf", "rmrf", "mkdir", "touch", "write", "chain",
-                         "fill", "mkdirp", "cpr"])
+                         "fill", "mkdirp", "cpr", "overd"])
         if kind == "mvf" and files:
             source = r.choice(files)
             self.mv(source, self.free_name(r.choice([source.rsplit("/", 1)[0]] + dirs)))
@@ -143,6 +143,19 @@ class Tree:
                 if k == source or k.startswith(source + "/"):
                     self.entries[target + k[len(source):]] = (v[0], None)
             self.commands.append("cp -r %s %s" % (self.shell(source), self.shell(target)))
+        elif kind == "overd" and dirs:
+            # A folder renamed onto an empty one, which it replaces; the empty
+            # one made just before when there is none.
+            source = r.choice(dirs)
+            targets = [d for d in dirs if d != source and not d.startswith(source + "/") and
+                       not any(k.startswith(d + "/") for k in self.entries)]
+            if not targets:
+                targets = [self.free_name(r.choice(
+                    [p for p in places if p != source and not p.startswith(source + "/")]))]
+                self.add(targets[0], "d", "mkdir")
+            target = r.choice(targets)
+            del self.entries[target]
+            self.mv(source, target, "mv -T %s %s" % (self.shell(source), self.shell(target)))
         elif kind == "touch":
             self.add(self.free_name(r.choice(places)), "f", "touch")
         elif kind == "fill" and files + dirs:
