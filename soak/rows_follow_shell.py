@@ -229,17 +229,22 @@ class Daemon:
             store.close()
 
     def watched(self):
-        """The inodes of the folders the daemon's inotify instances watch."""
+        """The inodes of the folders the daemon's inotify instances watch
+        (none once it has died)."""
         inodes = set()
         fdinfo = "/proc/%d/fdinfo" % self.process.pid
-        for fd in os.listdir(fdinfo):
+        try:
+            descriptors = os.listdir(fdinfo)
+        except OSError:
+            return inodes
+        for fd in descriptors:
             try:
                 with open(os.path.join(fdinfo, fd)) as info:
                     for line in info:
                         if line.startswith("inotify wd:"):
                             inodes.add(int(line.split(" ino:")[1].split()[0], 16))
             except OSError:
-                pass
+                pass  # closed meanwhile
         return inodes
 
     def stop(self):
