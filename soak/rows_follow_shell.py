@@ -28,7 +28,8 @@ SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 NAMES = list("abcdefg") + ["x", "y"]
 QUIET_SECONDS = 1.6  # a little more than the monitor's quiet second
 SETTLE_SECONDS = 2.5
-FILTERED_PREFIXES = (".", "$RECYCLE", "RECYCLER", "RECYCLED")  # folders the daemon leaves unwatched
+# Names of folders that the daemon leaves unwatched.
+FILTERED_PREFIXES = (".", "$RECYCLE", "RECYCLER", "RECYCLED")
 
 
 class Tree:
