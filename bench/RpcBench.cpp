@@ -55,8 +55,9 @@ public:
 const int BARE_PORT = DAEMON_PORT + 1;
 // Rounds of the bare server and the daemon taken back to back: the rates of
 // this 2-core machine drift by a third between runs, and a ratio of runs far
-// apart measures that drift as much as the daemon.
-const int ROUNDS = 3;
+// apart measures that drift as much as the daemon. Each round's ratio is
+// printed too, so that a figure near its target shows how far it wanders.
+const int ROUNDS = 5;
 
 double benchSeconds() {
     const char* text = getenv("BENCH_SECONDS");
@@ -149,25 +150,39 @@ LoadFigures medianOf(const std::vector<LoadFigures>& rounds) {
     return figures;
 }
 
+// What the bare server is asked: any request, its handler reads none.
+const LoadGenerator::RequestOf BARE_REQUEST = [](int, long) {
+    return std::string("{\"api\":0,\"path\":\"/p\",\"name\":\"a.jpg\",\"hash\":\"h\"}");
+};
+
 // ROUNDS pairs of runs; prints the medians of the bare server and of the
-// daemon, and the median of the pairs' ratios; returns the daemon's figures
-// with that ratio.
+// daemon, the median of the pairs' ratios and each pair's; returns the
+// daemon's figures with that ratio.
 LoadFigures benchAgainstBare(int connections, double seconds, const LoadGenerator::RequestOf& hits,
                              const std::string& label, double& ratio) {
-    const LoadGenerator::RequestOf bareRequest = [](int, long) {
-        return std::string("{\"api\":0,\"path\":\"/p\",\"name\":\"a.jpg\",\"hash\":\"h\"}");
-    };
     std::vector<LoadFigures> bare, daemon;
     std::vector<double> ratios;
     for (int round = 0; round < ROUNDS; ++round) {
-        bare.push_back(LoadGenerator::sRun(BARE_PORT, connections, seconds, bareRequest));
+        // Each goes first in every other round: a drift within a round then
+        // counts for each as much as against it.
+        if (round % 2 == 0) {
+            bare.push_back(LoadGenerator::sRun(BARE_PORT, connections, seconds, BARE_REQUEST));
+        }
         daemon.push_back(LoadGenerator::sRun(DAEMON_PORT, connections, seconds, hits));
+        if (round % 2 != 0) {
+            bare.push_back(LoadGenerator::sRun(BARE_PORT, connections, seconds, BARE_REQUEST));
+        }
         ratios.push_back(daemon.back().requestsPerSecond / bare.back().requestsPerSecond);
     }
     ratio = median(ratios);
     print("bare server, " + std::to_string(connections) + " connection(s)", medianOf(bare));
     const LoadFigures figures = medianOf(daemon);
     print(label, figures, ratio);
+    printf("%-56s", "  of bare in each round");
+    for (double each : ratios) {
+        printf(" %.2f", each);
+    }
+    printf("\n");
     return figures;
 }
 
@@ -181,6 +196,11 @@ void benchHitPath(const std::string& root, Lines lines, double seconds) {
         syslog.reset(new SyslogDaemon(root));
     }
     const pid_t pid = startDaemon(root, lines == LINES_OFF);
+    // A server just started still faults in its heap and code, and the
+    // daemon fills its store's page cache: figures of the first seconds are
+    // of that, not of a server that serves.
+    LoadGenerator::sRun(DAEMON_PORT, 1, seconds, hitRequests(root, STORE_ROWS));
+    LoadGenerator::sRun(BARE_PORT, 1, seconds, BARE_REQUEST);
     const char* const how[] = {" (INFO lines on, no syslog daemon)",
                                " (INFO lines on, syslog read)", " (INFO lines off)"};
     for (int connections : {1, 3, 16}) {
