@@ -196,9 +196,10 @@ void benchHitPath(const std::string& root, Lines lines, double seconds) {
         syslog.reset(new SyslogDaemon(root));
     }
     const pid_t pid = startDaemon(root, lines == LINES_OFF);
-    // A server just started still faults in its heap and code, and the
-    // daemon fills its store's page cache: figures of the first seconds are
-    // of that, not of a server that serves.
+    // A daemon just started still faults in its heap and code and fills its
+    // store's page cache, as the bare server does before the first rounds:
+    // figures of those seconds are of that, not of a server that serves.
+    // Both are warmed alike each time.
     LoadGenerator::sRun(DAEMON_PORT, 1, seconds, hitRequests(root, STORE_ROWS));
     LoadGenerator::sRun(BARE_PORT, 1, seconds, BARE_REQUEST);
     const char* const how[] = {" (INFO lines on, no syslog daemon)",
