@@ -59,6 +59,7 @@ struct RemovalTop {
     int fd;
     unsigned int hoisted;
     unsigned long long nextName;
+    bool folderOnly;  // named with a trailing "/": a file there is not the tree
 };
 
 // Moves name, in the directory open at fd, up into the top of the tree under
@@ -105,6 +106,11 @@ int removeTopEntries(int fd, RemovalTop& top) {
     return ENAMETOOLONG;
 }
 
+bool isLinkIn(int fd, const std::string& name) {
+    FileStatus status;
+    return FileStatus::sOfEntry(fd, name, status, false) == 0 && status.isLink();
+}
+
 // Removes name in the directory open at parentFd, and everything below it
 // when it is a directory. Every step goes through descriptors and refuses
 // to follow a link, so a link anywhere in the tree (or one swapped in during
@@ -114,6 +120,9 @@ int removeTree(int parentFd, const std::string& name, int depth, RemovalTop& top
     const int fd = openat(parentFd, name.c_str(),
                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
+        if (errno == ENOTDIR && depth == 0 && top.folderOnly && !isLinkIn(parentFd, name)) {
+            return 0;
+        }
         if (errno == ENOTDIR || errno == ELOOP) {
             return unlinkat(parentFd, name.c_str(), 0) == 0 ? 0 : errno;
         }
@@ -170,16 +179,19 @@ int openBelow(const std::string& top, const std::string& path, bool make) {
     return fd;
 }
 
-int removeTreeIn(int parentFd, const std::string& name) {
+int removeTreeIn(int parentFd, const std::string& named) {
+    const bool folderOnly = !named.empty() && named[named.size() - 1] == '/';
+    const std::string name = folderOnly ? named.substr(0, named.size() - 1) : named;
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
         return EINVAL;
     }
-    RemovalTop top = {-1, 0, 0};
+    RemovalTop top = {-1, 0, 0, folderOnly};
     return removeTree(parentFd, name, 0, top);
 }
 
 // The recursive removal of path: its last component is taken as it is (a
-// link there is removed as a link, whatever a trailing "/" says).
+// link there is removed as a link, whatever a trailing "/" says; a file is
+// left when a trailing "/" names a folder).
 int removeTreeAt(const std::string& path) {
     const std::string trimmed = withoutTrailingSlash(path);
     const std::string::size_type slash = trimmed.rfind('/');
@@ -190,7 +202,8 @@ int removeTreeAt(const std::string& path) {
     if (parentFd < 0) {
         return errno == ENOENT ? 0 : errno;
     }
-    const int error = removeTreeIn(parentFd, name);
+    const bool folderOnly = path.size() > trimmed.size();
+    const int error = removeTreeIn(parentFd, folderOnly ? name + "/" : name);
     close(parentFd);
     return error;
 }

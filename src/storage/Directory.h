@@ -29,9 +29,12 @@ public:
     static ErrorCode sCreateDirectory(const std::string& path);
     // Removes a whole tree (recursive) or one empty entry. A missing path is
     // no error. A link, at path (trailing "/" or not) or anywhere below it, is
-    // removed as a link: nothing outside the tree is ever touched.
+    // removed as a link: nothing outside the tree is ever touched. To the
+    // recursive removal, a trailing "/" names a folder: a file standing there
+    // is left, as missing.
     static ErrorCode sDelete(const std::string& path, bool recursive);
-    // sDelete(..., true) of name in the folder open as the descriptor folder.
+    // sDelete(..., true) of name (one component, with or without a trailing
+    // "/") in the folder open as the descriptor folder.
     static ErrorCode sDeleteIn(int folder, const std::string& name);
     // True if ancestor is path or one of its parent directories, compared on
     // bytes after cutting one trailing "/" from each; false if either is empty.

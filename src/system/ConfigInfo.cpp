@@ -170,10 +170,10 @@ void ConfigInfo::init() {
     if (folder < 0 && errno == ELOOP) {
         QLOG(ERROR) << configRoot_ << " is a link, leave what it points to alone";
     } else if (folder >= 0) {
-        Directory::sDeleteIn(folder, "DataBase");
+        Directory::sDeleteIn(folder, "DataBase/");
         close(folder);
     }
-    Directory::sDelete(userdiskRootPath_ + "/.thumbnails", true);
+    Directory::sDelete(userdiskRootPath_ + "/.thumbnails/", true);
 
     const SettingsFile global(diskFolders(), globalConfigPath_);
     if (isFileToRead(global)) {

@@ -106,6 +106,15 @@ TEST_F(ConfigInfoTest, StartDeletesTheTwoLeftoverTreesOnlyAndNeverFollowsAPlante
     EXPECT_EQ("needCopyInstruction = \"yes\";\nk = \"v\";\n", global());
 }
 
+// Files of those names are no trees: they stay.
+TEST_F(ConfigInfoTest, StartLeavesFilesNamedAsTheLeftoverTrees) {
+    writeFile("/userdisk/.thumbnails", "mine");
+    writeFile("/userdisk/talvernConfig/DataBase", "mine too");
+    info();
+    EXPECT_EQ("mine", readFile("/userdisk/.thumbnails"));
+    EXPECT_EQ("mine too", readFile("/userdisk/talvernConfig/DataBase"));
+}
+
 TEST_F(ConfigInfoTest, ConfigurationRootThatIsALinkKeepsWhatItPointsTo) {
     const std::string spelledRoot = root() + "//.";
     setenv("QUORVIA_ROOT", spelledRoot.c_str(), 1);
