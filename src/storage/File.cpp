@@ -107,30 +107,58 @@ FILE* File::sOpenRegularFileIn(int folder, const std::string& name, bool followL
     return file;
 }
 
+namespace {
+
+enum ReadResult { READ_WHOLE, READ_CUT, READ_FAILED };
+
+// Reads at most maxBytes of the regular file; READ_CUT when more was there.
+ReadResult readRegular(int folder, const std::string& name, bool followLink, std::size_t maxBytes,
+                       std::string& content) {
+    content.clear();
+    FILE* file = File::sOpenRegularFileIn(folder, name, followLink);
+    if (file == NULL) {
+        return READ_FAILED;
+    }
+    char block[4096];
+    std::size_t got;
+    bool cut = false;
+    while (!cut && (got = std::fread(block, 1, sizeof block, file)) > 0) {
+        const std::size_t room = maxBytes - content.size();
+        cut = got > room;
+        content.append(block, cut ? room : got);
+    }
+    const bool failed = std::ferror(file) != 0;
+    std::fclose(file);
+    if (failed) {
+        content.clear();
+        return READ_FAILED;
+    }
+    return cut ? READ_CUT : READ_WHOLE;
+}
+
+}  // namespace
+
 bool File::sReadRegularFile(const std::string& path, std::size_t maxBytes, std::string& content) {
     return sReadRegularFileIn(AT_FDCWD, path, true, maxBytes, content);
 }
 
 bool File::sReadRegularFileIn(int folder, const std::string& name, bool followLink,
                               std::size_t maxBytes, std::string& content) {
+    if (readRegular(folder, name, followLink, maxBytes, content) == READ_WHOLE) {
+        return true;
+    }
     content.clear();
-    FILE* file = sOpenRegularFileIn(folder, name, followLink);
-    if (file == NULL) {
-        return false;
+    return false;
+}
+
+bool File::sReadRegularFileLines(const std::string& path, std::size_t maxBytes,
+                                 std::string& content) {
+    const ReadResult result = readRegular(AT_FDCWD, path, true, maxBytes, content);
+    if (result == READ_CUT) {
+        // npos + 1 is 0: a head without a line end holds no whole line.
+        content.erase(content.rfind('\n') + 1);
     }
-    char block[4096];
-    std::size_t got;
-    bool whole = true;
-    while (whole && (got = std::fread(block, 1, sizeof block, file)) > 0) {
-        whole = content.size() + got <= maxBytes;
-        content.append(block, whole ? got : 0);
-    }
-    whole = whole && std::ferror(file) == 0;
-    std::fclose(file);
-    if (!whole) {
-        content.clear();
-    }
-    return whole;
+    return result != READ_FAILED;
 }
 
 namespace {

@@ -50,6 +50,12 @@ public:
     // sOpenRegularFileIn opens it.
     static bool sReadRegularFileIn(int folder, const std::string& name, bool followLink,
                                    std::size_t maxBytes, std::string& content);
+    // The whole lines of the regular file at path within its first maxBytes,
+    // as a reader that goes line by line and stops early sees them: a larger
+    // file gives its head, less a last line cut there. false, with content
+    // empty, as for sReadRegularFile, but never for the size.
+    static bool sReadRegularFileLines(const std::string& path, std::size_t maxBytes,
+                                      std::string& content);
     // Removes a file; a directory is left in place and reported as success.
     static ErrorCode sDelete(const std::string& path);
     // Copies in blocks into a new file that then takes the place of to (a

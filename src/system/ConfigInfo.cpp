@@ -26,7 +26,7 @@ const char* const systemConfigRoot = "/userdisk/data/.systemconfig";
 const char* const kLocalizationRoot = "/etc/talvernconfig/localization";
 const char* const kUserdiskInfoFile = "/tmp/userdisk_info";
 const char* const kPrimaryPrefix = "PRIMARY=";
-// The disk information file is a few lines long.
+// The disk information file is a few lines long; only its head is read.
 const std::size_t kMaxUserdiskInfoBytes = 64 << 10;
 // Used when the language file names no camera folder.
 const char* const kDefaultPemrickCameraDirName = "摄像机监控视频";
@@ -225,9 +225,10 @@ bool ConfigInfo::setAsideBrokenGlobalConfig(const SettingsFile& file) {
 }
 
 void ConfigInfo::getPrimaryDiskDeviceFromFile() {
-    // /tmp is anyone's: a FIFO or device planted there reads as no file.
+    // /tmp is anyone's: a FIFO or device planted there reads as no file, and
+    // of a huge one only the head is read.
     std::string info;
-    File::sReadRegularFile(devicePath(kUserdiskInfoFile), kMaxUserdiskInfoBytes, info);
+    File::sReadRegularFileLines(devicePath(kUserdiskInfoFile), kMaxUserdiskInfoBytes, info);
     std::istringstream in(info);
     std::string line;
     while (std::getline(in, line)) {

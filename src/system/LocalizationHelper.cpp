@@ -44,7 +44,7 @@ void LocalizationHelper::init() {
 void LocalizationHelper::parseFile(ValueMap& values, const std::string& path) {
     values.clear();
     std::string text;
-    File::sReadRegularFile(path, kMaxFileBytes, text);
+    File::sReadRegularFileLines(path, kMaxFileBytes, text);
     std::istringstream in(text);
     char buffer[kMaxLineLength + 1];
     // getline() fails on a line that doesn't fit the buffer, which ends the

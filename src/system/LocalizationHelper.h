@@ -14,14 +14,15 @@ namespace talvern {
 // File format, per line: key and value separated by any run of "#"; blanks,
 // CR and LF trimmed from both ends of each (tabs kept); further fields
 // dropped; a later key replaces an earlier one. A line longer than
-// kMaxLineLength ends the reading of its file. Missing files read as empty,
-// and so do a FIFO, a device or a file beyond kMaxFileBytes.
+// kMaxLineLength ends the reading of its file, and so does the end of its
+// first kMaxFileBytes. Missing files read as empty, and so do a FIFO or a
+// device.
 // Not shared between threads.
 class LocalizationHelper {
 public:
     // Longest line that is read; the first longer line ends the file.
     static const size_t kMaxLineLength = 1023;
-    // Largest file that is read.
+    // Most of a file that is read.
     static const size_t kMaxFileBytes = 1 << 20;
 
     explicit LocalizationHelper(const std::string& rootPath);

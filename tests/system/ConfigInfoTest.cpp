@@ -379,6 +379,12 @@ TEST_F(ConfigFilesTest, StringAndListReaders) {
 // The file is read once, when the singleton is built: one process per case.
 struct PrimaryCase { const char* name; const char* content; const char* device; };
 
+// A file longer than is read: the lines of its first 64 KiB count, and the
+// one cut there doesn't.
+const std::string kPadding = std::string(64 * 1024 - 10, 'x') + "\n";
+const std::string kPrimaryThenMore = "PRIMARY=/dev/sda1\n" + kPadding + kPadding;
+const std::string kPrimaryCut = kPadding + "PRIMARY=/dev/sdb1\n";
+
 class PrimaryDiskTest : public ConfigInfoTest,
                         public ::testing::WithParamInterface<PrimaryCase> {};
 
@@ -398,7 +404,9 @@ INSTANTIATE_TEST_SUITE_P(
                       PrimaryCase{"AnyCase", "SIZE=1\nprimary=/dev/sdb1\n", "/dev/sdb1"},
                       PrimaryCase{"EmptyStops", "PRIMARY=\nPRIMARY=/dev/sdb1\n", ""},
                       PrimaryCase{"LeadingBlank", " PRIMARY=/dev/sda1\nOTHER=1\n", ""},
-                      PrimaryCase{"NoFile", NULL, ""}),
+                      PrimaryCase{"NoFile", NULL, ""},
+                      PrimaryCase{"HeadOfAHugeFile", kPrimaryThenMore.c_str(), "/dev/sda1"},
+                      PrimaryCase{"CutAtTheEndOfTheHead", kPrimaryCut.c_str(), ""}),
     [](const ::testing::TestParamInfo<PrimaryCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -39,6 +39,9 @@ TEST_F(LocalizationHelperTest, LineRulesAndALineTooLongEndsTheFile) {
     loc = helper();
     EXPECT_EQ("", loc.getValue("long"));
     EXPECT_EQ("", loc.getValue("later"));
+    // So does the end of a huge file's head.
+    writeLanguage("first###1\n" + std::string(LocalizationHelper::kMaxFileBytes, '\n'));
+    EXPECT_EQ("1", helper().getValue("first"));
 }
 
 // Without a file of its own nor one for the default country, a device has
