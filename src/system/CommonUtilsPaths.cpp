@@ -347,14 +347,15 @@ std::string CommonUtils::sGetDuplicatePath(const std::string& path) {
     }
 }
 
-// An empty path names nothing and gives false. When no component is left, an
-// absolute path is the root "/" alone (not "//") and a relative one is empty
-// (never "/", which would turn it into the root).
-bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result) {
+namespace {
+
+// The tidy of sGetAbsolutePath; a component that begins with "..." fails it
+// only when dotsFail.
+bool tidyPath(const std::string& path, bool dotsFail, std::string& result) {
     if (path.empty()) {
         return false;
     }
-    const std::vector<std::string> fields = splitString(path, "/");
+    const std::vector<std::string> fields = CommonUtils::splitString(path, "/");
     std::vector<std::string> components;
     for (size_t i = 0; i < fields.size(); ++i) {
         const std::string& field = fields[i];
@@ -363,7 +364,7 @@ bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result)
                 return false;
             }
             components.pop_back();
-        } else if (field.compare(0, 3, "...") == 0) {
+        } else if (dotsFail && field.compare(0, 3, "...") == 0) {
             return false;
         } else if (!field.empty() && field != ".") {
             components.push_back(field);
@@ -382,14 +383,23 @@ bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result)
     return true;
 }
 
+}  // namespace
+
+// An empty path names nothing and gives false. When no component is left, an
+// absolute path is the root "/" alone (not "//") and a relative one is empty
+// (never "/", which would turn it into the root).
+bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& result) {
+    return tidyPath(path, true, result);
+}
+
 bool CommonUtils::sIsCanUmountDevice(const std::string& path) {
     if (path.empty()) {
         return false;
     }
     // "/." and "/userdisk/.." name the root as "/" does; a path that climbs
-    // above the root names nothing to unmount.
+    // above the root names nothing to unmount. "...x" is a name like any other.
     std::string target;
-    if (!sGetAbsolutePath(path, target)) {
+    if (!tidyPath(path, false, target)) {
         return false;
     }
     sRemoveSuffix(target);

@@ -97,6 +97,7 @@ TEST_F(CommonUtilsPathsTest, UmountRefusesRootAndPrimaryDiskMounts) {
         EXPECT_FALSE(CommonUtils::sIsCanUmountDevice(refused)) << refused;
     }
     EXPECT_TRUE(CommonUtils::sIsCanUmountDevice("/userdisk/data"));
+    EXPECT_TRUE(CommonUtils::sIsCanUmountDevice("/mnt/...x"));
 }
 
 // Where time_t has 32 bits, stat64() failed for a file any of whose times
