@@ -209,7 +209,9 @@ int File::sRawCopyFileIn(const std::string& from, int folder, const std::string&
         return -1;
     }
     // The copy takes the place of whatever stands at to (a link or a FIFO
-    // planted there is replaced, never written through) only once complete.
+    // planted there is replaced, never written through) only once complete:
+    // a peer reading the thumbnail at to never sees half of one, and a copy
+    // that fails leaves what stood there.
     ReplacementFile out(folder, name);
     if (out.stream() == NULL) {
         logOpenFailure(to);
@@ -226,7 +228,9 @@ int File::sRawCopyFileIn(const std::string& from, int folder, const std::string&
     }
     std::fclose(in);
     if (result == 0 && !out.commit(kCopiedFileMode, false)) {
-        logOpenFailure(to);
+        const int error = errno;
+        QLOG(ERROR) << "copy file to " << to << " not completed";
+        QLOG(ERROR) << std::strerror(error);
         return -1;
     }
     return result;

@@ -217,6 +217,13 @@ TEST_F(FileTest, CopyCopiesContentAndModeOrReportsWhyNot) {
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
     EXPECT_EQ(-1, cut);
     EXPECT_EQ(content, readFile("/dst.bin"));
+    // So does one cut short only as the last of it leaves.
+    writeFile("/small.bin", std::string(2000, 's'));
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    EXPECT_EQ(-1, File::sRawCopyFile(path("/small.bin"), path("/dst.bin")));
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+    EXPECT_EQ(content, readFile("/dst.bin"));
+    EXPECT_TRUE(log_.contains("copy file to " + path("/dst.bin") + " not completed"));
 }
 
 TEST_F(FileTest, InterruptedCopyLeavesTheDestinationAsItWas) {
