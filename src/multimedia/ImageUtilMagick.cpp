@@ -209,6 +209,8 @@ int ImageUtil::resizeGif(const std::string& path, int width, int* srcWidth, int*
 
 int ImageUtil::resizeImageUseImageMagick(_MagickWand* wand, const std::string& path,
                                          std::string& thumbPath, int width, int height) {
+    // A frame that can't be sampled (to a width of 0, say) is not written
+    // unscaled as if it were the thumbnail: the call fails and says why.
     bool sampled = width > 0 && height > 0;
     MagickResetIterator(wand);
     while (sampled && MagickNextImage(wand) == MagickTrue) {

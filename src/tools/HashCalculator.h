@@ -29,7 +29,10 @@ public:
     static std::string calcFile(const std::string& path, unsigned int bufferSizeKiB);
 
     // Feeds length bytes of fd from offset into context, at most bufferSize at
-    // a time. false when the file ends early or a read fails.
+    // a time. false when the file ends early or a read fails. Positioned
+    // reads on a descriptor: the offset counts from the start (the sample at
+    // the end is asked for at size - 1 MiB), and no stream position is shared
+    // or moved.
     static bool sha1Update(EVP_MD_CTX* context, int fd, uint64_t offset, uint32_t length,
                            char* buffer, uint32_t bufferSize);
     // The digest as hex text; empty if OpenSSL fails.

@@ -81,6 +81,8 @@ void sha1::calc(const void* source, int length, unsigned char* digest) {
     tail[rest] = 0x80;
     const size_t tailSize = rest < static_cast<size_t>(kLengthFieldOffset) ? kBlockSize
                                                                             : 2 * kBlockSize;
+    // The whole 64-bit count, high word included: the published digest at
+    // every length (the callers' blocks stay at 4 MiB, where the two agree).
     const uint64_t bits = static_cast<uint64_t>(size) * 8;
     storeBigEndian(static_cast<uint32_t>(bits >> 32), tail + tailSize - 8);
     storeBigEndian(static_cast<uint32_t>(bits), tail + tailSize - 4);
