@@ -429,6 +429,26 @@ TEST_F(FileChangeMonitorTest, ASecondPathToAWatchedFolderLeavesItsWatchAsItIs) {
     EXPECT_EQ(0, umount2((data() + "/B").c_str(), MNT_DETACH));
 }
 
+// On a disk that ignores case (FAT, exFAT), a folder renamed to another case
+// of its name is still found under the old one, as the bind mount makes it
+// here: its arrival was refused as a second way in, and the folder and its
+// subfolders lost their watches at the quiet pass (regression).
+TEST_F(FileChangeMonitorTest, AFolderRenamedToAnotherCaseOfItsNameKeepsItsWatchesRegression) {
+    mkdirs("Photos/sub");
+    if (unshare(CLONE_NEWNS) != 0 || mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) {
+        GTEST_SKIP() << "no mount namespace: " << strerror(errno);
+    }
+    start(false);
+    fs::rename(data() + "/Photos", data() + "/photos");
+    mkdirs("Photos");
+    ASSERT_EQ(0, mount((data() + "/photos").c_str(), (data() + "/Photos").c_str(), NULL, MS_BIND,
+                       NULL));
+    fold({{IN_MOVED_FROM | IN_ISDIR, "Photos", 3}, {IN_MOVED_TO | IN_ISDIR, "photos", 3}});
+    monitor_->runPass();
+    EXPECT_EQ(Lines({"", "photos/", "photos/sub/"}), watched());
+    EXPECT_EQ(0, umount2((data() + "/Photos").c_str(), MNT_DETACH));
+}
+
 // The kernel is handed the folder opened, not its path: a link swapped in at
 // the path in the moment before had the folder it led to watched.
 TEST_F(FileChangeMonitorTest, TheKernelWatchesTheFolderOpenedNotWhereItsPathNowLeadsRegression) {

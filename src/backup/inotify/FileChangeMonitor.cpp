@@ -396,6 +396,12 @@ void FileChangeMonitor::addWatchesFrom(std::map<std::string, int>::const_iterato
 // is compared, on file systems that number inodes as they load them too.
 bool FileChangeMonitor::isStillWatchedAs(const std::string& watched,
                                          const std::string& path) const {
+    // On a disk that ignores case (FAT, exFAT), a folder renamed to another
+    // case of its name, and all below it, is still found under the old
+    // name: that is its move, not a second way in.
+    if (watched.size() == path.size() && strcasecmp(watched.c_str(), path.c_str()) == 0) {
+        return false;
+    }
     // A root may be a link; any other folder is itself or gone.
     const bool root = isRoot(watched);
     const std::string name = root ? watched : watched.substr(0, watched.size() - 1);
