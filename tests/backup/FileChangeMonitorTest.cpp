@@ -704,6 +704,43 @@ TEST_F(FileChangeMonitorTest, AnOverflowedQueueRewatchesTheTreeAndSaysEventsWere
         watched());
 }
 
+// A start-up scan longer than a busy disk may go unsettled (a big disk) made
+// the first batch overdue: a file's create went out at once, alone, and its
+// write in a batch of its own (regression). So did a gate shut as long.
+TEST_F(FileChangeMonitorTest, ALongStartUpScanStillLeavesTheFirstEventsTheirQuietSecondRegression) {
+    fake_->beforeWatch = [&](const std::string&) {
+        clock_->at += std::chrono::seconds(FileChangeMonitor::kMaxUnsettledSeconds);
+    };
+    start(false);
+    fake_->queued.push_back(records(wd(), {{IN_CREATE, "f"}}));
+    monitor_->runPass();
+    fake_->queued.push_back(records(wd(), {{IN_CLOSE_WRITE, "f"}}));
+    EXPECT_EQ(Lines({"MODIFY f"}), batchAfterPasses(1));
+    monitor_->disableWatchEvent();
+    clock_->at += std::chrono::seconds(FileChangeMonitor::kMaxUnsettledSeconds);
+    monitor_->runPass();
+    monitor_->enableWatchEvent();
+    fake_->queued.push_back(records(wd(), {{IN_CREATE, "g"}}));
+    monitor_->runPass();
+    fake_->queued.push_back(records(wd(), {{IN_CLOSE_WRITE, "g"}}));
+    EXPECT_EQ(Lines({"MODIFY g"}), batchAfterPasses(2));
+}
+
+// A data folder missing at start was also left among the refused folders,
+// under its own spelling: the first batch after it came watched it again.
+TEST_F(FileChangeMonitorTest, ARootMissingAtStartIsWatchedOnceItComesRegression) {
+    monitor_.reset(new FileChangeMonitor(fake_, clock_));
+    monitor_->init({data()});
+    monitor_->registerObserver(observer_);
+    ASSERT_TRUE(monitor_->beginNotify());
+    mkdirs("");
+    passUntil([&] { return !monitor_->watchedPaths().empty(); });
+    fake_->queued.push_back(records(wd(), {{IN_CLOSE_WRITE, "f"}}));
+    batchAfterPasses(1);
+    EXPECT_EQ(1, log_.count("add inotify watch " + data() + "/"));
+    EXPECT_EQ(0, log_.count("add inotify watch " + data())) << "again, by its own spelling";
+}
+
 // A data folder that refused its watch was tried, and logged, every second
 // for ever.
 TEST_F(FileChangeMonitorTest, ARootThatRefusesItsWatchIsTriedLessAndLessOftenRegression) {

@@ -632,9 +632,13 @@ bool FileChangeMonitor::beginNotify() {
         if (scanAndAddWatchDiskDirRecursive(watchDirs_[i])) {
             noteRootIdentity(withSlash(watchDirs_[i]));
         } else {
+            // Looked for by watchMissingRoots, not retried as a refused folder.
+            delayAddDirs_.erase(watchDirs_[i]);
             unwatchedRoots_[withSlash(watchDirs_[i])];
         }
     }
+    // The first events wait for their quiet second, however long the scan.
+    lastSettled_ = clock_->now();
     return true;
 }
 
@@ -724,6 +728,9 @@ bool FileChangeMonitor::gateShut() {
     }
     if (until == -1 || until > time(NULL)) {
         discardAllEvent();
+        // Nothing comes in while the gate is shut: what comes once it opens
+        // waits for its quiet second too.
+        lastSettled_ = clock_->now();
         return true;
     }
     disableUntil_ = 0;
