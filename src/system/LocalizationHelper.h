@@ -22,7 +22,7 @@ class LocalizationHelper {
 public:
     // Longest line that is read; the first longer line ends the file.
     static const size_t kMaxLineLength = 1023;
-    // Most of a file that is read.
+    // How much of a file is read at most: its head.
     static const size_t kMaxFileBytes = 1 << 20;
 
     explicit LocalizationHelper(const std::string& rootPath);
