@@ -179,14 +179,18 @@ int openBelow(const std::string& top, const std::string& path, bool make) {
     return fd;
 }
 
-int removeTreeIn(int parentFd, const std::string& named) {
-    const bool folderOnly = !named.empty() && named[named.size() - 1] == '/';
-    const std::string name = folderOnly ? named.substr(0, named.size() - 1) : named;
+int removeTreeNamed(int parentFd, const std::string& name, bool folderOnly) {
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
         return EINVAL;
     }
     RemovalTop top = {-1, 0, 0, folderOnly};
     return removeTree(parentFd, name, 0, top);
+}
+
+// name with one trailing "/" names a folder.
+int removeTreeIn(int parentFd, const std::string& name) {
+    const std::string trimmed = withoutTrailingSlash(name);
+    return removeTreeNamed(parentFd, trimmed, trimmed.size() < name.size());
 }
 
 // The recursive removal of path: its last component is taken as it is (a
@@ -202,8 +206,7 @@ int removeTreeAt(const std::string& path) {
     if (parentFd < 0) {
         return errno == ENOENT ? 0 : errno;
     }
-    const bool folderOnly = path.size() > trimmed.size();
-    const int error = removeTreeIn(parentFd, folderOnly ? name + "/" : name);
+    const int error = removeTreeNamed(parentFd, name, trimmed.size() < path.size());
     close(parentFd);
     return error;
 }

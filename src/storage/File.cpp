@@ -163,11 +163,14 @@ bool File::sReadRegularFileLines(const std::string& path, std::size_t maxBytes,
 
 namespace {
 
-void logOpenFailure(const std::string& path) {
+// line, then the text of errno, both at ERROR.
+void logFailure(const std::string& line) {
     const int error = errno;
-    QLOG(ERROR) << "open file " << path << " failed";
+    QLOG(ERROR) << line;
     QLOG(ERROR) << std::strerror(error);
 }
+
+void logOpenFailure(const std::string& path) { logFailure("open file " + path + " failed"); }
 
 // Copies block by block; returns 0 or -1 (short write, logged).
 int copyBlocks(FILE* in, FILE* out) {
@@ -179,9 +182,8 @@ int copyBlocks(FILE* in, FILE* out) {
         }
         const size_t bytesOut = std::fwrite(block, 1, bytesIn, out);
         if (bytesOut < bytesIn) {
-            const int error = errno;
-            QLOG(ERROR) << "copy file bytes_in=" << bytesIn << " bytes_out=" << bytesOut;
-            QLOG(ERROR) << std::strerror(error);
+            logFailure("copy file bytes_in=" + std::to_string(bytesIn) +
+                       " bytes_out=" + std::to_string(bytesOut));
             return -1;
         }
         boost::this_thread::interruption_point();
@@ -228,9 +230,7 @@ int File::sRawCopyFileIn(const std::string& from, int folder, const std::string&
     }
     std::fclose(in);
     if (result == 0 && !out.commit(kCopiedFileMode, false)) {
-        const int error = errno;
-        QLOG(ERROR) << "copy file to " << to << " not completed";
-        QLOG(ERROR) << std::strerror(error);
+        logFailure("copy file to " + to + " not completed");
         return -1;
     }
     return result;
